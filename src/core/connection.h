@@ -1,0 +1,16 @@
+// Byte transport of the connection: every single read or write waits at most
+// 10 seconds for readiness and runs under a 30-second alarm.
+#pragma once
+
+#include <stddef.h>
+
+// Non-zero: conn_read/conn_write go through the TLS session. Starts at 1;
+// plain mode clears it before accepting, TLS mode after the action request.
+extern int tls_active;
+
+int wait_writable(int fd);
+int wait_readable(int fd);
+int conn_write(int fd, const void* buffer, int length);
+int conn_read(int fd, void* buffer, int length);
+int send_all(int fd, const void* buffer, int n);
+int recv_all(int fd, void* buffer, int n);

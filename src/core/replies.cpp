@@ -1,0 +1,40 @@
+#include "core/replies.h"
+
+#include <syslog.h>
+
+#include "core/client_log.h"
+#include "core/connection.h"
+#include "core/files.h"
+#include "core/process_exit.h"
+#include "core/protocol.h"
+
+static const char* const messages[] = {
+    "Action Failed", "CODE_OK", "File too large", "File too small", "Action not supported", "No HDD available",
+    "No such user was found",
+};
+
+const char* result_message(int code) {
+    return code >= 0 && code < (int)(sizeof messages / sizeof messages[0]) ? messages[code] : "Unknown result";
+}
+
+int send_result(int fd, int code) {
+    if (code != code_ok) log_client(LOG_ERR, "%s", result_message(code));
+    uint8_t packet[reply_packet_len];
+    encode_result(packet, (uint8_t)code);
+    return send_all(fd, packet, (int)reply_packet_len);
+}
+
+int send_ready(int fd, const char* path) {
+    uint8_t packet[reply_packet_len];
+    encode_size(packet, path ? file_size(path) : 0);
+    return send_all(fd, packet, (int)reply_packet_len) == (int)reply_packet_len ? 1 : 0;
+}
+
+void send_ready_or_exit(int fd) {
+    if (!send_ready(fd, nullptr)) end_process(1);
+}
+
+void refuse_action(int fd, int code) {
+    send_result(fd, code);
+    end_process(1);
+}
