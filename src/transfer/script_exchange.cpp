@@ -1,5 +1,73 @@
 #include "transfer/script_exchange.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <syslog.h>
+
+#include "core/client_log.h"
+#include "core/files.h"
+#include "core/process_exit.h"
 #include "core/protocol.h"
 #include "core/replies.h"
-int send_script(int fd) { refuse_action(fd, code_not_supported); }
-int receive_script(int fd) { refuse_action(fd, code_not_supported); }
+#include "core/state.h"
+#include "transfer/frames.h"
+
+struct script_entry {
+    const char* word;
+    const char* path;
+};
+
+static const script_entry scripts[8] = {
+    {nullptr, nullptr},
+    {"cbq", "/etc/config/cbq.scr"},
+    {"fw", "/etc/config/fw.scr"},
+    {"nat", "/etc/config/nat.scr"},
+    {nullptr, nullptr},
+    {nullptr, nullptr},
+    {nullptr, nullptr},
+    {"dhcp", "/etc/config/dhcpd.conf"},
+};
+
+static const char upload_path[] = "/tmp/kelputil.dat";
+
+// Scripts 4-6 are refused with code 4; 0 and 8-255 end without a reply.
+static const script_entry* select_script(int fd, int number) {
+    if (number >= 4 && number <= 6) refuse_action(fd, code_not_supported);
+    if (number == 0 || number > 7) {
+        log_client(LOG_ERR, "requested script is unknown");
+        printf("Unknown script: %d\n", number);
+        end_process(1);
+    }
+    return &scripts[number];
+}
+
+static void run(const char* command) {
+    if (system(command) < 0) {
+        // Helper status is not examined.
+    }
+}
+
+int send_script(int fd) {
+    puts("Sending client the script");
+    const script_entry* script = select_script(fd, act_pkt.script);
+    log_client(LOG_INFO, "%s script sent to client", script->word);
+    if (!send_ready(fd, script->path)) end_process(1);
+    if (!send_file(fd, script->path)) end_process(1);
+    return code_ok;
+}
+
+int receive_script(int fd) {
+    if (system_busy()) refuse_action(fd, code_not_supported);
+    const script_entry* script = select_script(fd, act_pkt.script);
+    log_client(LOG_INFO, "%s script received from client", script->word);
+    if (act_pkt.size > upload_max) refuse_action(fd, code_too_large);
+    if (act_pkt.size == 0) refuse_action(fd, code_too_small);
+    puts("Saving client the script");
+    send_ready_or_exit(fd);
+    if (!receive_file(fd, upload_path)) end_process(1);
+    char command[128];
+    snprintf(command, sizeof command, "cp %s %s; rm -f %s", upload_path, script->path, upload_path);
+    run(command);
+    run("save-configs");
+    return code_ok;
+}
