@@ -24,7 +24,7 @@ static int32_t decimal_to_int32(const char* text) {
     return (int32_t)v;
 }
 
-static void apply_line(uint8_t* record, char* line) {
+void apply_ppp_line(uint8_t* record, char* line) {
     char* equals = strchr(line, '=');
     if (!equals) return;
     *equals = '\0';
@@ -52,7 +52,7 @@ int read_ppp_info(uint8_t* record, int unit) {
         size_t n = strlen(line);
         // The last character is taken to be the newline, whatever it is.
         if (n > 0) line[n - 1] = '\0';
-        apply_line(record, line);
+        apply_ppp_line(record, line);
     }
     // Deliberately left open: the process ends right after the list.
     return 1;
