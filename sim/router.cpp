@@ -1,0 +1,290 @@
+#include "router.h"
+
+#include <crypt.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace router {
+
+const char* const state_dir = "/run/sandbox";
+const char* const helper_dir = "/run/sandbox/bin";
+static const char calls_log[] = "/run/sandbox/calls";
+static int log_socket = -1;
+static std::vector<log_line> received;
+
+static std::string fail(const std::string& what) { return what + ": " + strerror(errno); }
+
+static bool mount_tmpfs(const char* target, const char* options = nullptr) {
+    return mount("tmpfs", target, "tmpfs", 0, options) == 0;
+}
+
+static bool bind_node(const std::string& from, const std::string& to) {
+    int fd = open(to.c_str(), O_CREAT | O_WRONLY, 0666);
+    if (fd < 0) return false;
+    close(fd);
+    return mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+static std::string private_dev(const options& opts) {
+    std::string old_dev = std::string(state_dir) + "/host-dev";
+    mkdir(old_dev.c_str(), 0755);
+    if (mount("/dev", old_dev.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) return fail("bind /dev");
+    if (!mount_tmpfs("/dev", "mode=0755")) return fail("tmpfs /dev");
+    std::vector<std::string> nodes = {"null", "zero", "full", "random", "tty", "ptmx"};
+    if (opts.with_urandom) nodes.push_back("urandom");
+    for (const std::string& node : nodes)
+        if (access((old_dev + "/" + node).c_str(), F_OK) == 0 && !bind_node(old_dev + "/" + node, "/dev/" + node))
+            return fail("bind /dev/" + node);
+    mkdir("/dev/pts", 0755);
+    mount((old_dev + "/pts").c_str(), "/dev/pts", nullptr, MS_BIND | MS_REC, nullptr);
+    mkdir("/dev/shm", 01777);
+    mount_tmpfs("/dev/shm");
+    return "";
+}
+
+static std::string open_log_socket() {
+    if (log_socket >= 0) close(log_socket);
+    received.clear();
+    log_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, "/dev/log");
+    if (bind(log_socket, (struct sockaddr*)&addr, sizeof addr) != 0) return fail("bind /dev/log");
+    chmod("/dev/log", 0666);
+    return "";
+}
+
+static bool loopback_up() {
+    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct ifreq ifr = {};
+    strcpy(ifr.ifr_name, "lo");
+    bool ok = ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
+    ifr.ifr_flags |= IFF_UP | IFF_RUNNING;
+    ok = ok && ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
+    close(s);
+    return ok;
+}
+
+std::string enter(const options& opts) {
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return fail("unshare (needs root)");
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("private mounts");
+    if (!mount_tmpfs("/tmp", "mode=1777")) return fail("tmpfs /tmp");
+    if (!mount_tmpfs("/run", "mode=0755")) return fail("tmpfs /run");
+    mkdir(state_dir, 0755);
+    mkdir(helper_dir, 0755);
+    std::string upper = std::string(state_dir) + "/etc-upper", work = std::string(state_dir) + "/etc-work";
+    mkdir(upper.c_str(), 0755);
+    mkdir(work.c_str(), 0755);
+    std::string overlay = "lowerdir=/etc,upperdir=" + upper + ",workdir=" + work;
+    if (mount("overlay", "/etc", "overlay", 0, overlay.c_str()) != 0) return fail("overlay /etc");
+    mkdir("/etc/config", 0755);
+    mkdir("/run/pppoe", 0755);  // /var/run is /run
+    std::string dev = private_dev(opts);
+    if (!dev.empty()) return dev;
+    std::string log = open_log_socket();
+    if (!log.empty()) return log;
+    if (!loopback_up()) return fail("loopback up");
+    write_file(calls_log, "");
+    std::string path = std::string(helper_dir) + ":/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+    setenv("PATH", path.c_str(), 1);
+    return "";
+}
+
+bool write_file(const std::string& path, const std::string& content, mode_t mode) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    if (fd < 0) return false;
+    bool ok = write(fd, content.data(), content.size()) == (ssize_t)content.size();
+    fchmod(fd, mode);
+    close(fd);
+    return ok;
+}
+
+std::string read_file(const std::string& path, bool* exists) {
+    std::string out;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (exists) *exists = fd >= 0;
+    if (fd < 0) return out;
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0) out.append(buf, (size_t)n);
+    close(fd);
+    return out;
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> list_dir(const std::string& dir) {
+    std::vector<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    if (!d) return names;
+    while (struct dirent* e = readdir(d))
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+    closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string des_hash(const std::string& password, const std::string& salt) {
+    const char* h = crypt(password.c_str(), salt.c_str());
+    return h ? h : "";
+}
+
+void set_admin_password(const std::string& password, const std::string& salt) {
+    write_file("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\nadmin:" + des_hash(password, salt) +
+                                  ":0:0:Administrator:/:/bin/sh\nnobody:x:65534:65534::/:/bin/false\n");
+}
+
+void install_helper(const std::string& name, const std::string& body) {
+    std::string script = "#!/bin/sh\necho \"" + name + "${*:+ $*}\" >> " + calls_log + "\n" + body + "\n";
+    write_file(std::string(helper_dir) + "/" + name, script, 0755);
+}
+
+std::vector<std::string> helper_calls() {
+    std::vector<std::string> lines;
+    std::string text = read_file(calls_log);
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+// "<PRI>Mmm dd hh:mm:ss ident: text"
+static log_line parse_log(const std::string& raw) {
+    log_line l;
+    size_t close = raw.find('>');
+    if (raw.empty() || raw[0] != '<' || close == std::string::npos) {
+        l.text = raw;
+        return l;
+    }
+    l.priority = atoi(raw.c_str() + 1);
+    size_t rest = close + 1 + 16;
+    size_t colon = raw.find(": ", rest);
+    if (rest > raw.size() || colon == std::string::npos) {
+        l.text = raw.substr(close + 1);
+        return l;
+    }
+    l.ident = raw.substr(rest, colon - rest);
+    l.text = raw.substr(colon + 2);
+    return l;
+}
+
+static long long now_ms() {
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
+}
+
+std::vector<log_line> syslog_lines(size_t want, int timeout_ms) {
+    long long deadline = now_ms() + timeout_ms;
+    for (;;) {
+        int left = (int)std::max(0LL, deadline - now_ms());
+        if (received.size() >= want) left = 0;
+        struct pollfd p = {log_socket, POLLIN, 0};
+        if (poll(&p, 1, left) <= 0) break;
+        char buf[2048];
+        ssize_t n = recv(log_socket, buf, sizeof buf, 0);
+        if (n <= 0) break;
+        received.push_back(parse_log(std::string(buf, (size_t)n)));
+    }
+    return received;
+}
+
+void forget_syslog() {
+    syslog_lines(0, 0);
+    received.clear();
+}
+
+process start(const std::string& binary, const std::string& argv0, const std::vector<std::string>& emulator) {
+    process p;
+    std::string base = argv0.substr(argv0.find_last_of('/') == std::string::npos ? 0 : argv0.find_last_of('/') + 1);
+    std::string link_dir = std::string(state_dir) + "/programs";
+    mkdir(link_dir.c_str(), 0755);
+    std::string link = link_dir + "/" + (base.empty() ? "unnamed" : base);
+    unlink(link.c_str());
+    if (symlink(binary.c_str(), link.c_str()) != 0) return p;
+    static int serial = 0;
+    serial++;
+    p.out_path = std::string(state_dir) + "/stdout." + std::to_string(serial);
+    p.err_path = std::string(state_dir) + "/stderr." + std::to_string(serial);
+    std::vector<std::string> args = emulator;
+    args.push_back(emulator.empty() ? argv0 : link);
+    p.pid = fork();
+    if (p.pid == 0) {
+        int out = open(p.out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int err = open(p.err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(out, 1);
+        dup2(err, 2);
+        int null = open("/dev/null", O_RDONLY);
+        dup2(null, 0);
+        chdir("/");
+        std::vector<char*> argv;
+        for (std::string& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        const char* program = emulator.empty() ? link.c_str() : emulator[0].c_str();
+        execv(program, argv.data());
+        _exit(127);
+    }
+    return p;
+}
+
+int wait_exit(const process& p, int timeout_ms) {
+    long long deadline = now_ms() + timeout_ms;
+    for (;;) {
+        int status;
+        pid_t r = waitpid(p.pid, &status, WNOHANG);
+        if (r == p.pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (r < 0 || now_ms() >= deadline) return still_running;
+        usleep(5000);
+    }
+}
+
+void kill_process(const process& p) {
+    if (p.pid <= 0) return;
+    kill(p.pid, SIGKILL);
+    int status;
+    waitpid(p.pid, &status, 0);
+}
+
+std::string output(const process& p) { return read_file(p.out_path); }
+
+static bool listening(int port) {
+    std::string table = read_file("/proc/net/tcp");
+    char needle[32];
+    snprintf(needle, sizeof needle, ":%04X 00000000:0000 0A", port);
+    return table.find(needle) != std::string::npos;
+}
+
+bool wait_for_listener(int port, int timeout_ms) {
+    long long deadline = now_ms() + timeout_ms;
+    while (!listening(port)) {
+        if (now_ms() >= deadline) return false;
+        usleep(5000);
+    }
+    return true;
+}
+
+}  // namespace router
