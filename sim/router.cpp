@@ -240,7 +240,9 @@ process start(const std::string& binary, const std::string& argv0, const std::ve
         dup2(err, 2);
         int null = open("/dev/null", O_RDONLY);
         dup2(null, 0);
-        chdir("/");
+        // Nothing of the caller's (listening sockets, the log socket) leaks in.
+        close_range(3, ~0U, 0);
+        if (chdir("/") != 0) _exit(127);
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
