@@ -1,0 +1,59 @@
+// One function per action of the daemon, each a whole connection.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "records.h"
+#include "session.h"
+
+namespace kelp {
+
+struct target {
+    std::string host = "127.0.0.1";
+    int port = 856;
+    bool tls = false;
+    std::string pin_sha256;  // hex fingerprint of the device certificate, or empty
+    std::string password;
+    int timeout_ms = 15000;
+};
+
+enum script_number : uint8_t { script_cbq = 1, script_fw = 2, script_nat = 3, script_dhcp = 7 };
+// "cbq", "fw", "nat", "dhcp" -> number; 0 when unknown.
+uint8_t script_by_name(const std::string& name);
+
+// Connects, logs in and sends the request.
+status open_session(session& s, const target& t, const request& r);
+
+status trigger(const target& t, uint8_t flags);  // action 0
+status backup_config(const target& t, uint8_t flags, bytes* bundle, const progress_fn& p = nullptr);
+status restore_config(const target& t, uint8_t flags, const bytes& bundle, const progress_fn& p = nullptr);
+status get_script(const target& t, uint8_t script, uint8_t flags, bytes* body, const progress_fn& p = nullptr);
+status put_script(const target& t, uint8_t script, uint8_t flags, const bytes& body, const progress_fn& p = nullptr);
+// action 64 (full), 96 (core) or 65 (kernel log)
+status fetch_report(const target& t, uint8_t action, uint8_t flags, bytes* text);
+status list_ppp(const target& t, uint8_t flags, std::vector<ppp_session>* out);
+status list_hotspot(const target& t, uint8_t flags, std::vector<hotspot_session>* out);
+status kick_ppp_user(const target& t, uint8_t flags, const std::string& name);
+status kick_hotspot_user(const target& t, uint8_t flags, const std::string& name);
+status kick_hotspot_ip(const target& t, uint8_t flags, const std::string& dotted);
+
+using line_fn = std::function<void(const std::string& line)>;
+// Uploads the image; with start_upgrade, relays the upgrade's progress lines
+// until "done" and reads the second result.
+status upload_firmware(const target& t, const bytes& image, bool start_upgrade, const progress_fn& p = nullptr,
+                       const line_fn& on_line = nullptr);
+
+struct throughput_result {
+    uint64_t bytes = 0;
+    double seconds = 0;
+    double mbit_per_s() const { return seconds > 0 ? bytes * 8 / seconds / 1e6 : 0; }
+};
+using tick_fn = std::function<void(double elapsed, uint64_t bytes_so_far)>;
+// receive: the device sends (action 32); else the device receives (33).
+status throughput(const target& t, bool receive, double seconds, uint8_t flags, throughput_result* out,
+                  const tick_fn& each_second = nullptr);
+
+}  // namespace kelp
