@@ -18,7 +18,7 @@ using bytes = std::vector<uint8_t>;
 static void write_file(const char* path, const bytes& data) {
     FILE* f = fopen(path, "w");
     ASSERT_NE(f, nullptr);
-    fwrite(data.data(), 1, data.size(), f);
+    if (!data.empty()) fwrite(data.data(), 1, data.size(), f);
     fclose(f);
 }
 

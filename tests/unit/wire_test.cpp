@@ -53,7 +53,7 @@ protected:
     void feed(const bytes& b) { ASSERT_EQ(write(client_side, b.data(), b.size()), (ssize_t)b.size()); }
     static void write_file(const char* path, const bytes& data) {
         FILE* f = fopen(path, "w");
-        fwrite(data.data(), 1, data.size(), f);
+        if (!data.empty()) fwrite(data.data(), 1, data.size(), f);
         fclose(f);
     }
     static bytes frame(const bytes& payload, int length) {
