@@ -5,7 +5,7 @@ set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive
 want=" ${*:-native} "
 packages=(g++ cmake ninja-build pkg-config libmbedtls-dev libcrypt-dev libgtest-dev
-  iproute2 util-linux openssl binutils)
+  iproute2 util-linux openssl binutils procps tar)
 [[ $want == *" fuzz "* ]] && packages+=(clang libclang-rt-dev)
 [[ $want == *" bench "* ]] && packages+=(libbenchmark-dev iperf3 socat strace)
 missing=()

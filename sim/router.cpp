@@ -12,6 +12,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -102,7 +103,8 @@ std::string enter(const options& opts) {
     if (!log.empty()) return log;
     if (!loopback_up()) return fail("loopback up");
     write_file(calls_log, "");
-    std::string path = std::string(helper_dir) + ":/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+    const char* old_path = getenv("PATH");
+    std::string path = std::string(helper_dir) + ":" + (old_path ? old_path : "/usr/sbin:/usr/bin:/sbin:/bin");
     setenv("PATH", path.c_str(), 1);
     return "";
 }
@@ -213,6 +215,21 @@ std::vector<log_line> syslog_lines(size_t want, int timeout_ms) {
     return received;
 }
 
+pid_t serve_syslog(const std::string& path) {
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    int out = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    for (;;) {
+        char buf[2048];
+        ssize_t n = recv(log_socket, buf, sizeof buf, 0);
+        if (n <= 0) continue;
+        log_line l = parse_log(std::string(buf, (size_t)n));
+        std::string line = "<" + std::to_string(l.priority) + "> " + l.ident + ": " + l.text + "\n";
+        if (write(out, line.data(), line.size()) < 0) _exit(1);
+    }
+}
+
 void forget_syslog() {
     syslog_lines(0, 0);
     received.clear();
@@ -228,8 +245,9 @@ process start(const std::string& binary, const std::string& argv0, const std::ve
     if (symlink(binary.c_str(), link.c_str()) != 0) return p;
     static int serial = 0;
     serial++;
-    p.out_path = std::string(state_dir) + "/stdout." + std::to_string(serial);
-    p.err_path = std::string(state_dir) + "/stderr." + std::to_string(serial);
+    std::string tag = std::to_string(getpid()) + "." + std::to_string(serial);
+    p.out_path = std::string(state_dir) + "/stdout." + tag;
+    p.err_path = std::string(state_dir) + "/stderr." + tag;
     std::vector<std::string> args = emulator;
     args.push_back(emulator.empty() ? argv0 : link);
     p.pid = fork();

@@ -46,6 +46,9 @@ struct log_line {
 // Waits up to timeout_ms for at least want lines in all; returns every line
 // received so far.
 std::vector<log_line> syslog_lines(size_t want = 0, int timeout_ms = 0);
+// The router's syslogd: forks a process that drains /dev/log into path, one
+// "<priority> ident: text" line each, for as long as the caller lives.
+pid_t serve_syslog(const std::string& path);
 // Drops the lines received so far (the next daemon run starts afresh).
 void forget_syslog();
 

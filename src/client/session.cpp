@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "core/protocol.h"
@@ -68,37 +69,58 @@ void session::close() {
     fd_ = -1;
 }
 
+static long long now_ms() {
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
+}
+
+// One attempt; errno tells why it failed.
+static int connect_once(int fd, const struct sockaddr* addr, socklen_t len, int timeout_ms) {
+    fcntl(fd, F_SETFL, O_NONBLOCK);  // so the time-out covers an unreachable host
+    int c = ::connect(fd, addr, len);
+    if (c != 0 && errno == EINPROGRESS) {
+        struct pollfd p = {fd, POLLOUT, 0};
+        if (poll(&p, 1, timeout_ms) <= 0) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        int err = 0;
+        socklen_t elen = sizeof err;
+        getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &elen);
+        errno = err;
+        c = err ? -1 : 0;
+    }
+    fcntl(fd, F_SETFL, 0);
+    return c;
+}
+
 status session::connect(const std::string& host, int port) {
     struct addrinfo hints = {}, *found = nullptr;
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     int rc = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
     if (rc != 0) return fail(error_kind::connect_failed, "cannot resolve " + host + ": " + gai_strerror(rc));
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    // Connect without blocking so the time-out also covers an unreachable host.
-    fcntl(fd_, F_SETFL, O_NONBLOCK);
-    int c = ::connect(fd_, found->ai_addr, found->ai_addrlen);
-    freeaddrinfo(found);
-    if (c != 0 && errno == EINPROGRESS) {
-        struct pollfd p = {fd_, POLLOUT, 0};
-        if (poll(&p, 1, timeout_ms) <= 0) {
-            close();
-            return fail(error_kind::timed_out, "no answer from " + host + " port " + std::to_string(port));
-        }
-        int err = 0;
-        socklen_t len = sizeof err;
-        getsockopt(fd_, SOL_SOCKET, SO_ERROR, &err, &len);
-        c = err ? -1 : 0;
-        errno = err;
-    }
-    if (c != 0) {
-        std::string why = strerror(errno);
+    std::string where = host + " port " + std::to_string(port);
+    // The daemon serves one connection per process: between two clients its
+    // supervisor is starting the next one, so a refusal is retried briefly.
+    long long deadline = now_ms() + std::min(timeout_ms, 3000);
+    for (;;) {
+        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        int one = 1;
+        setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        if (connect_once(fd_, found->ai_addr, found->ai_addrlen, timeout_ms) == 0) break;
+        int err = errno;
         close();
-        return fail(error_kind::connect_failed, "cannot connect to " + host + " port " + std::to_string(port) + ": " + why);
+        if (err == ECONNREFUSED && now_ms() < deadline) {
+            usleep(20 * 1000);
+            continue;
+        }
+        freeaddrinfo(found);
+        if (err == ETIMEDOUT) return fail(error_kind::timed_out, "no answer from " + where);
+        return fail(error_kind::connect_failed, "cannot connect to " + where + ": " + strerror(err));
     }
-    fcntl(fd_, F_SETFL, 0);
+    freeaddrinfo(found);
     front_ = std::make_unique<plain_transport>(this);
     return {};
 }

@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# The tour: every action of the daemon, driven by kelputil, inside kelp-router.
+set -euo pipefail
+work=$(mktemp -d /run/tour.XXXXXX)
+step() { printf '\n\033[1m== %s\033[0m\n$ %s\n' "$1" "${*:2}"; "${@:2}"; }
+step "Log in (action 0)" kelputil check
+step "Log in over TLS, port 857" kelputil --tls check || echo "(TLS is not available in this build)"
+step "PPP sessions (18)" kelputil ppp
+step "Hotspot sessions as JSON (19)" kelputil --json hotspot
+step "Back up the configuration (1)" kelputil backup "$work/backup.dat"
+step "Inspect the backup offline" kelputil bundle-unpack "$work/backup.dat" "$work/backup.tar"
+tar -tf "$work/backup.tar"
+step "Fetch the firewall script (2)" kelputil get-script fw "$work/fw.scr"
+echo "iptables -A INPUT -p tcp --dport 22 -j ACCEPT" >> "$work/fw.scr"
+step "Upload it again and apply (4)" kelputil --apply put-script fw "$work/fw.scr"
+step "Restore the configuration (3)" kelputil restore "$work/backup.dat"
+step "Core system report (96)" kelputil report core
+step "Kernel log (65)" kelputil report kernel
+step "Full system report (64), first lines" bash -c 'kelputil report full | head -12'
+step "Kick PPP user alice (48)" kelputil kick-ppp alice
+step "Kick hotspot user carol (53)" kelputil kick-hotspot carol
+step "Kick hotspot address 10.0.0.102 (54)" kelputil kick-ip 10.0.0.102
+step "A user that is not there gives its own exit status" bash -c 'kelputil kick-ppp nobody; echo "exit status $?"'
+head -c 300000 /dev/urandom > "$work/firmware.bin"
+step "Upload firmware and flash it, with progress (241)" kelputil firmware "$work/firmware.bin" --upgrade
+step "Throughput, device to us (32)" kelputil throughput rx 3
+step "Throughput, us to device (33)" kelputil throughput tx 3
+step "Ask the router to reboot" kelputil reboot
+sleep 0.5
+step "What the router did" cat /run/sim/events
+step "The router's syslog" tail -6 /run/sim/messages
+rm -rf "$work"
+printf '\nTour complete.\n'

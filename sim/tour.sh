@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Builds everything, starts the simulated router and walks through every
+# action with kelputil. With --shell, opens a shell inside the router instead.
+#   bash sim/tour.sh [--shell] [--password PW]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh native
+cmake -S . -B build-sim -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELP_TESTS=OFF >/dev/null
+ninja -C build-sim kelputild kelputil kelp-router
+password=admin
+command=(bash "$PWD/sim/tour-steps.sh")
+while (($#)); do
+  case $1 in
+    --shell) command=() ;;
+    --password) password=$2; shift ;;
+    *) echo "usage: bash sim/tour.sh [--shell] [--password PW]" >&2; exit 1 ;;
+  esac
+  shift
+done
+export PATH="$PWD/build-sim/tools:$PATH"
+if ((${#command[@]} == 0)); then
+  echo "Inside the simulated router: try 'kelputil ppp' (password: $password), 'exit' to leave."
+  exec build-sim/sim/kelp-router --password "$password"
+fi
+export KELPUTIL_PASSWORD=$password
+exec build-sim/sim/kelp-router --password "$password" -- "${command[@]}"
