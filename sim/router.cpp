@@ -63,11 +63,16 @@ static std::string private_dev(const options& opts) {
 static std::string open_log_socket() {
     if (log_socket >= 0) close(log_socket);
     received.clear();
+    // syslog() blocks once the queue is full (ten datagrams by default, taken
+    // when the socket is made): room for a reader that looks now and then.
+    write_file("/proc/sys/net/unix/max_dgram_qlen", "4096\n");
     log_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     struct sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     strcpy(addr.sun_path, "/dev/log");
     if (bind(log_socket, (struct sockaddr*)&addr, sizeof addr) != 0) return fail("bind /dev/log");
+    int size = 4 << 20;
+    setsockopt(log_socket, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size);
     chmod("/dev/log", 0666);
     return "";
 }
@@ -83,8 +88,18 @@ static bool loopback_up() {
     return ok;
 }
 
+// A second sandbox in the same process replaces the first: the kernel
+// refuses an overlay stacked on an overlay more than once.
+static void leave_previous() {
+    for (const char* m : {"/etc", "/dev", "/run", "/tmp"}) umount2(m, MNT_DETACH);
+}
+
 std::string enter(const options& opts) {
+    static bool entered = false;
+    static std::string host_path = getenv("PATH") ? getenv("PATH") : "/usr/sbin:/usr/bin:/sbin:/bin";
     if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return fail("unshare (needs root)");
+    if (entered) leave_previous();
+    entered = true;
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("private mounts");
     if (!mount_tmpfs("/tmp", "mode=1777")) return fail("tmpfs /tmp");
     if (!mount_tmpfs("/run", "mode=0755")) return fail("tmpfs /run");
@@ -103,8 +118,7 @@ std::string enter(const options& opts) {
     if (!log.empty()) return log;
     if (!loopback_up()) return fail("loopback up");
     write_file(calls_log, "");
-    const char* old_path = getenv("PATH");
-    std::string path = std::string(helper_dir) + ":" + (old_path ? old_path : "/usr/sbin:/usr/bin:/sbin:/bin");
+    std::string path = std::string(helper_dir) + ":" + host_path;
     setenv("PATH", path.c_str(), 1);
     return "";
 }

@@ -44,7 +44,7 @@ TEST_F(Core, WaitsWhileThePortIsBusy) {
     a.sin_port = htons(856);
     ASSERT_EQ(bind(blocker, (struct sockaddr*)&a, sizeof a), 0);
     ASSERT_EQ(listen(blocker, 1), 0);
-    daemon = router::start(KELP_DAEMON, "kelputild", {});
+    daemon = router::start(KELP_DAEMON, "kelputild", emulator_prefix());
     usleep(1500 * 1000);
     EXPECT_EQ(out(), "Waiting for tcp port 856 to become available: ");
     close(blocker);

@@ -128,7 +128,7 @@ bytes frame(const bytes& payload) {
     return f;
 }
 
-static std::vector<std::string> emulator_prefix() {
+std::vector<std::string> emulator_prefix() {
     std::vector<std::string> out;
     std::string list = KELP_EMULATOR;
     size_t start = 0;
@@ -197,4 +197,25 @@ void daemon_test::expect_log(int priority, const std::string& ident, const std::
     std::string seen;
     for (const router::log_line& l : lines) seen += "<" + std::to_string(l.priority) + "> " + l.ident + ": " + l.text + "\n";
     ADD_FAILURE() << "no syslog line \"" << text << "\"; got:\n" << seen;
+}
+
+bytes daemon_test::download(uint32_t size) {
+    bytes out;
+    while (out.size() < size) {
+        bytes f = client.receive(1462);
+        if (f.size() != 1462) {
+            ADD_FAILURE() << "short frame after " << out.size() << " bytes";
+            break;
+        }
+        size_t length = f[0] | (f[1] << 8);
+        EXPECT_GE(length, 1u);
+        EXPECT_LE(length, 1460u);
+        out.insert(out.end(), f.begin() + 2, f.begin() + 2 + std::min<size_t>(length, 1460));
+    }
+    return out;
+}
+
+void daemon_test::upload(const bytes& data) {
+    for (size_t done = 0; done < data.size(); done += 1460)
+        client.send_bytes(frame(bytes(data.begin() + done, data.begin() + std::min(data.size(), done + 1460))));
 }

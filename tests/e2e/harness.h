@@ -12,6 +12,9 @@
 
 using bytes = std::vector<uint8_t>;
 
+// The emulator that runs a cross-built daemon, empty for a native build.
+std::vector<std::string> emulator_prefix();
+
 bytes hex(const char* text);  // "03 01 01" -> {3, 1, 1}
 std::string show(const bytes& b);
 
@@ -65,6 +68,16 @@ protected:
         return router::syslog_lines(want, timeout_ms);
     }
     void expect_log(int priority, const std::string& ident, const std::string& text);
+    // Reads frames carrying size bytes; checks each is 1462 bytes long.
+    bytes download(uint32_t size);
+    void upload(const bytes& data);
+    // Logs in and sends the request; the usual start of every action test.
+    void begin(int action, int script = 0, int flags = 0, uint32_t size = 0) {
+        start();
+        connect_and_greet();
+        login();
+        request(action, script, flags, size);
+    }
     // Files under /tmp, sorted.
     std::vector<std::string> tmp_files() { return router::list_dir("/tmp"); }
 };
