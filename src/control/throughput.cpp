@@ -1,5 +1,6 @@
 #include "control/throughput.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/select.h>
@@ -23,10 +24,16 @@ static int wait_three_seconds(int fd, bool for_write) {
     return n > 0 && FD_ISSET(fd, &set) ? 1 : 0;
 }
 
+// The send itself must not wait: a blocking send of a whole block would sit
+// in the kernel for ever once the client stops reading, and the 3-second
+// wait could never notice the stall. It sends what fits now.
 int timed_send(int fd, const void* buffer, size_t count) {
-    int ready = wait_three_seconds(fd, true);
-    if (ready <= 0) return ready;
-    return (int)send(fd, buffer, count, 0);
+    for (;;) {
+        int ready = wait_three_seconds(fd, true);
+        if (ready <= 0) return ready;
+        ssize_t n = send(fd, buffer, count, MSG_DONTWAIT);
+        if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return (int)n;
+    }
 }
 
 int timed_recv(int fd, void* buffer, size_t count) {
