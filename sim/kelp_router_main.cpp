@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -75,6 +76,7 @@ int main(int argc, char** argv) {
     };
     pid_t monitor = fork();
     if (monitor == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
         execl("/bin/sh", "sh", (std::string(router::helper_dir) + "/monitor").c_str(), (char*)nullptr);
         _exit(127);
     }
@@ -95,8 +97,8 @@ int main(int argc, char** argv) {
     }
     int status = 0;
     waitpid(shell, &status, 0);
-    for (pid_t c : children) kill(c, SIGTERM);
     // The supervisors take their daemons with them.
-    if (system("pkill -x 'kelputild(-tls)?' 2>/dev/null") < 0) perror("pkill");
+    for (pid_t c : children) kill(c, SIGTERM);
+    for (pid_t c : children) waitpid(c, nullptr, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
