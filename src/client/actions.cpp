@@ -1,15 +1,64 @@
 #include "actions.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 
-#include "core/protocol.h"
+#include <chrono>
+
 #include "tls_transport.h"
+#include "transfer.h"
 
 namespace kelp {
+
+namespace {
+
+// A list longer than this is a device gone wrong, not a busy router.
+constexpr size_t max_records = 100000;
+
+request make_request(uint8_t action, uint8_t flags, uint8_t script = 0, uint32_t size = 0) {
+    request r;
+    r.action = action;
+    r.script = script;
+    r.flags = flags;
+    r.size = size;
+    return r;
+}
+
+status check_upload_size(size_t n) {
+    if (n > upload_max) return fail(error_kind::local, "file too large: at most " + std::to_string(upload_max) + " bytes");
+    return ok();
+}
+
+// Size packet, frames, result.
+status download_with_result(session& s, bytes* out, const progress_fn& p) {
+    status st = download(s, out, p);
+    if (!st) return st;
+    return s.expect_result();
+}
+
+template <typename Record, typename Decode>
+status read_records(session& s, size_t rec_len, Decode decode, std::vector<Record>* out) {
+    out->clear();
+    status st = s.expect_ready();
+    if (!st) return st;
+    uint8_t rec[ppp_rec_len > hotspot_rec_len ? ppp_rec_len : hotspot_rec_len];
+    for (;;) {
+        if (!(st = s.recv_raw(rec, rec_len))) return st;
+        if (is_end_record(rec)) break;
+        if (out->size() >= max_records) return fail(error_kind::protocol, "the device's list does not end");
+        out->push_back(decode(rec));
+    }
+    return s.expect_result();
+}
+
+double since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
 
 uint8_t script_by_name(const std::string& name) {
     if (name == "cbq") return script_cbq;
@@ -20,120 +69,114 @@ uint8_t script_by_name(const std::string& name) {
 }
 
 status open_session(session& s, const target& t, const request& r) {
-    s.timeout_ms = t.timeout_ms;
-    status st = s.connect(t.host, t.port);
+    status st = s.connect(t.host, t.port, t.timeout_ms);
     if (!st) return st;
-    if (t.tls) {
-        st = start_tls(s, t.pin_sha256);
-        if (!st) return st;
-    }
-    if (!(st = s.read_greeting())) return st;
+    if (t.tls && !(st = start_tls(s, t.pin_sha256))) return st;
     if (!(st = s.login(t.password))) return st;
     return s.send_request(r);
 }
 
-static request make(uint8_t action, uint8_t flags, uint8_t script = 0, uint32_t size = 0) {
-    request r;
-    r.action = action;
-    r.flags = flags;
-    r.script = script;
-    r.size = size;
-    return r;
-}
-
 status trigger(const target& t, uint8_t flags) {
     session s;
-    status st = open_session(s, t, make(action_nothing, flags));
+    status st = open_session(s, t, make_request(action_nothing, flags));
     if (st) st = s.expect_ready();
-    return st ? s.expect_ok() : st;
-}
-
-static status download_action(const target& t, const request& r, bytes* body, const progress_fn& p) {
-    session s;
-    status st = open_session(s, t, r);
-    uint32_t size = 0;
-    if (st) st = s.read_size(&size);
-    if (st) st = s.download(size, body, p);
-    if (st) st = s.expect_ok();
-    return st;
-}
-
-static status upload_action(const target& t, const request& r, const bytes& body, const progress_fn& p) {
-    session s;
-    status st = open_session(s, t, r);
-    if (st) st = s.expect_ready();
-    if (st) st = s.upload(body, p);
-    if (st) st = s.expect_ok();
+    if (st) st = s.expect_result();
     return st;
 }
 
 status backup_config(const target& t, uint8_t flags, bytes* bundle, const progress_fn& p) {
-    return download_action(t, make(action_send_config, flags), bundle, p);
+    session s;
+    status st = open_session(s, t, make_request(action_send_config, flags));
+    if (!st) return st;
+    return download_with_result(s, bundle, p);
 }
 
 status restore_config(const target& t, uint8_t flags, const bytes& bundle, const progress_fn& p) {
-    if (bundle.size() < bundle_min_upload) return fail(error_kind::local, "a bundle is at least 1024 bytes");
-    if (bundle.size() > upload_max) return fail(error_kind::local, "a bundle is at most 524288 bytes");
-    status st = upload_action(t, make(action_receive_config, flags, 0, (uint32_t)bundle.size()), bundle, p);
-    if (st.kind == error_kind::device && st.code == code_failed)
-        st.message = "the device rejected the bundle (damaged, or not a configuration bundle)";
+    status st = check_upload_size(bundle.size());
+    if (!st) return st;
+    session s;
+    if (!(st = open_session(s, t, make_request(action_receive_config, flags, 0, (uint32_t)bundle.size())))) return st;
+    if (!(st = upload(s, bundle, p))) return st;
+    st = s.expect_result();
+    if (st.kind == error_kind::device && st.code == code_failed) st.message = "the device rejected the bundle";
     return st;
 }
 
 status get_script(const target& t, uint8_t script, uint8_t flags, bytes* body, const progress_fn& p) {
-    status st = download_action(t, make(action_send_script, flags, script), body, p);
-    if (st.kind == error_kind::closed && body->empty()) st.message = "the device has no such script";
+    // The daemon hangs up without a word on these numbers.
+    if (script == 0 || script > script_dhcp) return fail(error_kind::local, "unknown script number");
+    session s;
+    status st = open_session(s, t, make_request(action_send_script, flags, script));
+    if (!st) return st;
+    uint32_t size = 0;
+    if (!(st = s.expect_size(&size))) return st;
+    if (!(st = receive_body(s, size, body, p))) return st;
+    st = s.expect_result();
+    // A missing script is announced as 0 bytes and then the connection closes.
+    if (size == 0 && st.kind == error_kind::closed) return fail(error_kind::closed, "the device has no such script");
     return st;
 }
 
 status put_script(const target& t, uint8_t script, uint8_t flags, const bytes& body, const progress_fn& p) {
-    if (body.empty()) return fail(error_kind::local, "an empty script cannot be uploaded");
-    if (body.size() > upload_max) return fail(error_kind::local, "a script is at most 524288 bytes");
-    return upload_action(t, make(action_receive_script, flags, script, (uint32_t)body.size()), body, p);
+    if (script == 0 || script > script_dhcp) return fail(error_kind::local, "unknown script number");
+    status st = check_upload_size(body.size());
+    if (!st) return st;
+    session s;
+    if (!(st = open_session(s, t, make_request(action_receive_script, flags, script, (uint32_t)body.size()))))
+        return st;
+    if (!(st = upload(s, body, p))) return st;
+    return s.expect_result();
 }
 
 status fetch_report(const target& t, uint8_t action, uint8_t flags, bytes* text) {
-    return download_action(t, make(action, flags), text, nullptr);
+    if (action != action_sysinfo && action != action_core_sysinfo && action != action_kernlog)
+        return fail(error_kind::local, "not a report action");
+    session s;
+    status st = open_session(s, t, make_request(action, flags));
+    if (!st) return st;
+    return download_with_result(s, text, nullptr);
 }
 
-template <size_t record_len, typename T, typename Decode>
-static status list_action(const target& t, uint8_t action, uint8_t flags, std::vector<T>* out, Decode decode) {
-    session s;
-    status st = open_session(s, t, make(action, flags));
-    if (st) st = s.expect_ready();
-    uint8_t record[record_len];
-    while (st) {
-        st = s.receive_exact(record, sizeof record);
-        if (!st || is_end_record(record)) break;
-        out->push_back(decode(record));
-    }
-    return st ? s.expect_ok() : st;
+status converse_list_ppp(session& s, std::vector<ppp_session>* out) {
+    return read_records<ppp_session>(s, ppp_rec_len, decode_ppp, out);
+}
+
+status converse_list_hotspot(session& s, std::vector<hotspot_session>* out) {
+    return read_records<hotspot_session>(s, hotspot_rec_len, decode_hotspot, out);
 }
 
 status list_ppp(const target& t, uint8_t flags, std::vector<ppp_session>* out) {
-    return list_action<ppp_rec_len>(t, action_ppp_list, flags, out, decode_ppp);
+    session s;
+    status st = open_session(s, t, make_request(action_ppp_list, flags));
+    if (!st) return st;
+    return converse_list_ppp(s, out);
 }
 
 status list_hotspot(const target& t, uint8_t flags, std::vector<hotspot_session>* out) {
-    return list_action<hotspot_rec_len>(t, action_hotspot_list, flags, out, decode_hotspot);
+    session s;
+    status st = open_session(s, t, make_request(action_hotspot_list, flags));
+    if (!st) return st;
+    return converse_list_hotspot(s, out);
 }
 
-static status kick(const target& t, uint8_t action, uint8_t flags, const bytes& payload) {
-    session s;
-    status st = open_session(s, t, make(action, flags));
-    if (st) st = s.expect_ready();
-    // The device reads the whole request in one read: one write.
-    if (st) st = s.send_raw(payload.data(), payload.size());
-    return st ? s.expect_ok() : st;
+status converse_kick_name(session& s, const std::string& name) {
+    status st = s.expect_ready();
+    if (!st) return st;
+    // One write: the daemon reads the length and the name together.
+    bytes msg(4 + name.size());
+    put_le32(msg.data(), (uint32_t)name.size());
+    memcpy(msg.data() + 4, name.data(), name.size());
+    if (!(st = s.send_raw(msg.data(), msg.size()))) return st;
+    return s.expect_result();
 }
 
 static status kick_name(const target& t, uint8_t action, uint8_t flags, const std::string& name) {
     if (name.empty() || name.size() > (size_t)kick_name_max)
-        return fail(error_kind::local, "a user name has 1 to 255 characters");
-    bytes p(4 + name.size());
-    put_le32(p.data(), (uint32_t)name.size());
-    memcpy(p.data() + 4, name.data(), name.size());
-    return kick(t, action, flags, p);
+        return fail(error_kind::local, "the name must be 1 to " + std::to_string(kick_name_max) + " bytes");
+    session s;
+    status st = open_session(s, t, make_request(action, flags));
+    if (!st) return st;
+    return converse_kick_name(s, name);
 }
 
 status kick_ppp_user(const target& t, uint8_t flags, const std::string& name) {
@@ -145,64 +188,93 @@ status kick_hotspot_user(const target& t, uint8_t flags, const std::string& name
 }
 
 status kick_hotspot_ip(const target& t, uint8_t flags, const std::string& dotted) {
-    struct in_addr a;
+    in_addr a{};
     if (inet_pton(AF_INET, dotted.c_str(), &a) != 1) return fail(error_kind::local, "not an IPv4 address: " + dotted);
-    bytes p(4);
-    memcpy(p.data(), &a.s_addr, 4);  // network order, first number first
-    return kick(t, action_kick_hotspot_ip, flags, p);
+    session s;
+    status st = open_session(s, t, make_request(action_kick_hotspot_ip, flags));
+    if (!st) return st;
+    if (!(st = s.expect_ready())) return st;
+    // in_addr already holds network order.
+    if (!(st = s.send_raw((const uint8_t*)&a.s_addr, 4))) return st;
+    return s.expect_result();
+}
+
+status converse_firmware(session& s, const bytes& image, bool start_upgrade, const progress_fn& p,
+                         const line_fn& on_line) {
+    status st = upload(s, image, p);
+    if (!st) return st;
+    if (!(st = s.expect_result()) || !start_upgrade) return st;
+    for (;;) {
+        std::string line;
+        if (!(st = read_progress_line(s, &line))) return st;
+        if (on_line) on_line(line);
+        if (line == "done") break;
+    }
+    return s.expect_result();
 }
 
 status upload_firmware(const target& t, const bytes& image, bool start_upgrade, const progress_fn& p,
                        const line_fn& on_line) {
+    status st = check_upload_size(image.size());
+    if (!st) return st;
     session s;
-    status st = open_session(s, t, make(action_firmware, start_upgrade ? flag_apply : 0, 0, (uint32_t)image.size()));
-    if (st) st = s.expect_ready();
-    if (st) st = s.upload(image, p);
-    if (st) st = s.expect_ok();
-    if (!st || !start_upgrade) return st;
-    s.timeout_ms = 10 * 60 * 1000;  // flashing takes its time between lines
-    bytes payload;
-    for (;;) {
-        if (!(st = s.receive_frame(&payload))) return st;
-        std::string line((const char*)payload.data(), strnlen((const char*)payload.data(), payload.size()));
-        if (on_line) on_line(line);
-        if (line == "done") break;
-    }
-    return s.expect_ok();
-}
-
-static double now_s() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
+    uint8_t flags = start_upgrade ? 0x01 : 0x00;
+    if (!(st = open_session(s, t, make_request(action_firmware, flags, 0, (uint32_t)image.size())))) return st;
+    return converse_firmware(s, image, start_upgrade, p, on_line);
 }
 
 status throughput(const target& t, bool receive, double seconds, uint8_t flags, throughput_result* out,
                   const tick_fn& each_second) {
+    *out = throughput_result{};
+    if (!(seconds > 0)) return fail(error_kind::local, "the test needs a positive duration");
     session s;
-    status st = open_session(s, t, make(receive ? action_throughput_rx : action_throughput_tx, flags));
-    if (st) st = s.expect_ready();
+    uint8_t action = receive ? action_throughput_rx : action_throughput_tx;
+    status st = open_session(s, t, make_request(action, flags));
     if (!st) return st;
-    static uint8_t block[throughput_block];
-    double start = now_s(), next_tick = start + 1;
-    int fd = s.socket_fd();
+    if (!(st = s.expect_ready())) return st;
+
+    static uint8_t block[65536];  // contents don't matter; zeros
+    auto start = std::chrono::steady_clock::now();
+    double next_tick = 1;
+    double idle = 0;  // seconds without progress, against the time-out
+    double last_progress = 0;
     for (;;) {
-        double now = now_s();
-        if (now - start >= seconds) break;
+        double now = since(start);
+        if (now >= seconds) break;
         if (each_second && now >= next_tick) {
-            each_second(now - start, out->bytes);
+            each_second(now, out->bytes);
             next_tick += 1;
         }
-        struct pollfd pfd = {fd, (short)(receive ? POLLIN : POLLOUT), 0};
-        if (poll(&pfd, 1, 200) <= 0) continue;
-        ssize_t n = receive ? recv(fd, block, sizeof block, 0) : send(fd, block, sizeof block, MSG_NOSIGNAL);
-        if (n <= 0) break;  // the device ended the test
-        out->bytes += (uint64_t)n;
+        int wait_ms = (int)((seconds - now) * 1000) + 1;
+        if (wait_ms > 100) wait_ms = 100;
+        pollfd pf{s.fd(), (short)(receive ? POLLIN : POLLOUT), 0};
+        int r = poll(&pf, 1, wait_ms);
+        if (r < 0 && errno != EINTR) return fail(error_kind::closed, "poll failed during the test");
+        if (r > 0) {
+            ssize_t n = receive ? recv(s.fd(), block, sizeof block, MSG_DONTWAIT)
+                                : send(s.fd(), block, sizeof block, MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (n > 0) {
+                out->bytes += (uint64_t)n;
+                last_progress = since(start);
+            } else if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+                // The device ended the test early: report what got through.
+                break;
+            }
+        }
+        idle = since(start) - last_progress;
+        if (idle * 1000 > t.timeout_ms) return fail(error_kind::timed_out, "no data moved during the test");
     }
-    out->seconds = now_s() - start;
-    if (!receive) shutdown(fd, SHUT_WR);
-    s.close();
-    return {};
+    out->seconds = since(start);
+    if (!receive) {
+        // Our side is done; the device closes once it has read everything.
+        s.shutdown_send();
+        uint8_t sink[4096];
+        size_t got = 0;
+        while ((st = s.recv_some_raw(sink, sizeof sink, &got))) {
+        }
+        if (st.kind != error_kind::closed) return st;
+    }
+    return ok();
 }
 
 }  // namespace kelp

@@ -1,41 +1,46 @@
-// One function per action of the daemon, each a whole connection.
+// One function per action of the daemon, each a whole connection: connect,
+// log in, send the request, hold the conversation, close.
 #pragma once
 
 #include <stdint.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "records.h"
 #include "session.h"
+#include "status.h"
 
 namespace kelp {
 
 struct target {
     std::string host = "127.0.0.1";
-    int port = 856;
+    int port = plain_port;
     bool tls = false;
-    std::string pin_sha256;  // hex fingerprint of the device certificate, or empty
+    std::string pin_sha256;  // hex SHA-256 of the device certificate, or empty
     std::string password;
-    int timeout_ms = 15000;
+    int timeout_ms = 15000;  // for connecting and for every wait on the device
 };
 
 enum script_number : uint8_t { script_cbq = 1, script_fw = 2, script_nat = 3, script_dhcp = 7 };
 // "cbq", "fw", "nat", "dhcp" -> number; 0 when unknown.
 uint8_t script_by_name(const std::string& name);
 
-// Connects, logs in and sends the request.
+// Connects (TLS if asked), logs in and sends the request.
 status open_session(session& s, const target& t, const request& r);
 
-status trigger(const target& t, uint8_t flags);  // action 0
+// Action 0: nothing, to have the device apply (flag_apply) or reboot (flag_reboot).
+status trigger(const target& t, uint8_t flags);
 status backup_config(const target& t, uint8_t flags, bytes* bundle, const progress_fn& p = nullptr);
 status restore_config(const target& t, uint8_t flags, const bytes& bundle, const progress_fn& p = nullptr);
 status get_script(const target& t, uint8_t script, uint8_t flags, bytes* body, const progress_fn& p = nullptr);
 status put_script(const target& t, uint8_t script, uint8_t flags, const bytes& body, const progress_fn& p = nullptr);
-// action 64 (full), 96 (core) or 65 (kernel log)
+// action_sysinfo (64), action_core_sysinfo (96) or action_kernlog (65).
 status fetch_report(const target& t, uint8_t action, uint8_t flags, bytes* text);
 status list_ppp(const target& t, uint8_t flags, std::vector<ppp_session>* out);
 status list_hotspot(const target& t, uint8_t flags, std::vector<hotspot_session>* out);
+// A device answer of 6 (no such user) comes back as kind device, code 6.
 status kick_ppp_user(const target& t, uint8_t flags, const std::string& name);
 status kick_hotspot_user(const target& t, uint8_t flags, const std::string& name);
 status kick_hotspot_ip(const target& t, uint8_t flags, const std::string& dotted);
@@ -52,8 +57,18 @@ struct throughput_result {
     double mbit_per_s() const { return seconds > 0 ? bytes * 8 / seconds / 1e6 : 0; }
 };
 using tick_fn = std::function<void(double elapsed, uint64_t bytes_so_far)>;
-// receive: the device sends (action 32); else the device receives (33).
+// receive: the device sends and we count (action 32); else we send (action 33).
+// Runs for `seconds`, then closes (or shuts down our side and waits for the
+// device to close). No result packet ever comes.
 status throughput(const target& t, bool receive, double seconds, uint8_t flags, throughput_result* out,
                   const tick_fn& each_second = nullptr);
+
+// The conversations themselves, on a session whose request is already sent;
+// the functions above wrap these. Exposed for tests against a fake device.
+status converse_list_ppp(session& s, std::vector<ppp_session>* out);
+status converse_list_hotspot(session& s, std::vector<hotspot_session>* out);
+status converse_kick_name(session& s, const std::string& name);
+status converse_firmware(session& s, const bytes& image, bool start_upgrade, const progress_fn& p,
+                         const line_fn& on_line);
 
 }  // namespace kelp

@@ -8,37 +8,61 @@
 
 namespace kelp {
 
-static void md5(const bytes& data, uint8_t digest[16]) {
-    md5_state s;
-    md5_init(&s);
-    md5_add(&s, data.data(), data.size());
-    md5_finish(&s, digest);
+namespace {
+
+void digest_of(const uint8_t* p, size_t n, uint8_t out[bundle_digest_len]) {
+    md5_state st;
+    md5_init(&st);
+    md5_add(&st, p, n);
+    md5_finish(&st, out);
 }
+
+// One keystream from the first body byte, whatever the length.
+void cipher(uint8_t* p, size_t n) {
+    rc4_key key;
+    prepare_key(bundle_key, (int)sizeof bundle_key, &key);
+    while (n > 0) {
+        int chunk = n > (1u << 30) ? 1 << 30 : (int)n;
+        rc4(p, chunk, &key);
+        p += chunk;
+        n -= (size_t)chunk;
+    }
+}
+
+}  // namespace
 
 bytes pack_bundle(const bytes& plain) {
-    bytes b(bundle_header_len, 0);
-    memcpy(b.data() + bundle_title_offset, bundle_title, sizeof bundle_title - 1);
-    md5(plain, b.data() + bundle_digest_offset);
-    memcpy(b.data() + bundle_format_offset, bundle_format, sizeof bundle_format);
-    put_le32(b.data() + bundle_size_offset, (uint32_t)(bundle_header_len + plain.size()));
-    b.insert(b.end(), plain.begin(), plain.end());
-    do_rc4(b.data() + bundle_header_len, (int)plain.size(), bundle_key, (int)sizeof bundle_key);
-    return b;
+    bytes out(bundle_header_len + plain.size(), 0);
+    memcpy(out.data() + bundle_title_offset, bundle_title, sizeof bundle_title - 1);
+    digest_of(plain.data(), plain.size(), out.data() + bundle_digest_offset);
+    memcpy(out.data() + bundle_format_offset, bundle_format, sizeof bundle_format);
+    put_le32(out.data() + bundle_size_offset, (uint32_t)out.size());
+    if (!plain.empty()) {
+        memcpy(out.data() + bundle_header_len, plain.data(), plain.size());
+        cipher(out.data() + bundle_header_len, plain.size());
+    }
+    return out;
 }
 
-status unpack_bundle(const bytes& b, bytes* plain) {
-    if (b.size() < bundle_header_len) return fail(error_kind::local, "too short for a bundle header");
-    if (memcmp(b.data() + bundle_format_offset, bundle_format, sizeof bundle_format) != 0)
-        return fail(error_kind::local, "unknown format word (the device reports !ver)");
-    if (get_le32(b.data() + bundle_size_offset) != b.size())
-        return fail(error_kind::local, "size field does not match the file (the device reports !size)");
-    plain->assign(b.begin() + bundle_header_len, b.end());
-    do_rc4(plain->data(), (int)plain->size(), bundle_key, (int)sizeof bundle_key);
-    uint8_t digest[16];
-    md5(*plain, digest);
-    if (memcmp(digest, b.data() + bundle_digest_offset, sizeof digest) != 0)
-        return fail(error_kind::local, "digest mismatch: damaged bundle (the device reports !md5(1))");
-    return {};
+status unpack_bundle(const bytes& bundle, bytes* plain) {
+    plain->clear();
+    if (bundle.size() < bundle_header_len)
+        return fail(error_kind::local, "bundle size check failed: shorter than its 48-byte header");
+    const uint8_t* h = bundle.data();
+    if (memcmp(h + bundle_format_offset, bundle_format, sizeof bundle_format) != 0)
+        return fail(error_kind::local, "bundle format word check failed: not 01 00 00 20");
+    uint32_t declared = get_le32(h + bundle_size_offset);
+    if (declared != bundle.size())
+        return fail(error_kind::local, "bundle size check failed: header says " + std::to_string(declared) +
+                                           " bytes, file has " + std::to_string(bundle.size()));
+    bytes body(bundle.begin() + bundle_header_len, bundle.end());
+    if (!body.empty()) cipher(body.data(), body.size());
+    uint8_t digest[bundle_digest_len];
+    digest_of(body.data(), body.size(), digest);
+    if (memcmp(digest, h + bundle_digest_offset, bundle_digest_len) != 0)
+        return fail(error_kind::local, "bundle digest check failed: the body does not match its MD5");
+    *plain = std::move(body);
+    return ok();
 }
 
 }  // namespace kelp

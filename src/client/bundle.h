@@ -2,14 +2,15 @@
 // compare backups without a device.
 #pragma once
 
-#include <string>
-
-#include "session.h"
+#include "status.h"
 
 namespace kelp {
 
+// 48-byte header (title, MD5 of the plain body, format word, total size) + the
+// body enciphered with RC4 under the fixed bundle key.
 bytes pack_bundle(const bytes& plain);
-// The plain configuration, or an error naming the check that failed.
+// The plain configuration, or an error (kind local) naming the failing check:
+// format word, size or digest.
 status unpack_bundle(const bytes& bundle, bytes* plain);
 
 }  // namespace kelp

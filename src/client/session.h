@@ -1,61 +1,69 @@
-// The client side of one management connection: connect, greeting, login,
-// the action request, replies and transfer frames. Errors are values.
+// One connection to the daemon: connect, greeting, login, the action request
+// and the 7-byte replies that follow.
+//
+// Transport seam (for TLS): the front of the connection -- greeting, auth
+// reply, auth answer and the action request -- goes through a `transport`.
+// By default that is `plain_transport` on the socket; TLS replaces it with
+// `session::set_front()` after connect() and before login(). The daemon drops
+// TLS right after the request, so every later byte (replies, frames, records,
+// throughput data) is plain on the socket and goes through send_raw/recv_raw,
+// never through the front transport. A front transport must therefore not
+// read ahead past the auth answer, and must send each send() as one record.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
-#include <functional>
 #include <memory>
 #include <string>
-#include <vector>
+
+#include "core/protocol.h"
+#include "status.h"
 
 namespace kelp {
 
-using bytes = std::vector<uint8_t>;
-
-enum class error_kind {
-    none,
-    connect_failed,    // connection refused or unreachable
-    timed_out,         // the device stopped answering
-    closed,            // the device closed the connection early
-    protocol,          // bytes that do not belong to the protocol
-    refused_password,  // the device answered 01 01 00
-    device,            // the device answered with a result code other than 1
-    local,             // a local file or argument problem
-    certificate,       // TLS certificate mismatch or TLS failure
-};
-
-struct status {
-    error_kind kind = error_kind::none;
-    std::string message;
-    int code = -1;  // the result code, for error_kind::device
-    explicit operator bool() const { return kind == error_kind::none; }
-};
-
-status fail(error_kind kind, const std::string& message);
-std::string result_text(int code);
-
-// Carries the greeting, the auth reply and the request: plain bytes, or a
-// TLS session on the same socket. Every later byte is plain on the socket.
 class transport {
 public:
     virtual ~transport() = default;
-    virtual status send(const uint8_t* data, size_t n) = 0;
-    // Up to n bytes; 0 when the peer closed; negative on error or time-out.
-    virtual long receive_some(uint8_t* data, size_t n, int timeout_ms) = 0;
+    // Sends the whole buffer as one write (one record under TLS).
+    virtual status send(const uint8_t* p, size_t n) = 0;
+    // Receives 1..cap bytes, or fails (closed, timed out, ...).
+    virtual status recv_some(uint8_t* p, size_t cap, size_t* got) = 0;
 };
 
+class plain_transport : public transport {
+public:
+    plain_transport(int fd, int timeout_ms) : fd_(fd), timeout_ms_(timeout_ms) {}
+    status send(const uint8_t* p, size_t n) override;
+    status recv_some(uint8_t* p, size_t cap, size_t* got) override;
+
+private:
+    int fd_;
+    int timeout_ms_;
+};
+
+// The act_pkt fields the client chooses; req and mode are always sent as 0.
 struct request {
-    uint16_t req = 0;
-    uint8_t mode = 0;
     uint8_t action = 0;
     uint8_t script = 0;
-    uint8_t flags = 0;
-    uint32_t size = 0;
+    uint8_t flags = 0;  // flag_apply / flag_reboot; for the firmware, bit 0 starts the upgrade
+    uint32_t size = 0;  // declared upload size
 };
-bytes encode_request(const request& r);
 
-using progress_fn = std::function<void(uint64_t done, uint64_t total)>;
+// Wire codecs, free of I/O.
+// Checks text, marker and tag; copies the 8 challenge bytes.
+status parse_greeting(const uint8_t greeting[greeting_len], uint8_t challenge[challenge_len]);
+// 02 01 + the password (at most 31 chars, NUL-padded to 32) under RC4 keyed by the challenge.
+void encode_auth_reply(const uint8_t challenge[challenge_len], const std::string& password,
+                       uint8_t out[auth_reply_len]);
+void encode_request(const request& r, uint8_t out[act_pkt_len]);
+
+// A 7-byte reply: 03 01 CODE then either zeros (result) or a LE size (size packet, code 1).
+struct reply {
+    uint8_t code = 0;
+    uint32_t size = 0;  // bytes 3..6 little-endian; meaningful for code 1 only
+};
+status parse_reply(const uint8_t packet[reply_packet_len], reply* out);
 
 class session {
 public:
@@ -64,40 +72,41 @@ public:
     session(const session&) = delete;
     session& operator=(const session&) = delete;
 
-    int timeout_ms = 15000;
-
-    status connect(const std::string& host, int port);
-    // Replaces the plain transport for the greeting, login and request.
-    void use_transport(std::unique_ptr<transport> t) { front_ = std::move(t); }
-    int socket_fd() const { return fd_; }
-
-    status read_greeting();
-    const bytes& challenge() const { return challenge_; }
-    status login(const std::string& password);
-    status send_request(const request& r);
-
-    // After the request: plain bytes on the socket.
-    status read_reply(uint8_t packet[7]);
-    status expect_ready();
-    status read_size(uint32_t* size);
-    status read_result(int* code);
-    // A result packet whose code must be 1; other codes become errors.
-    status expect_ok();
-
-    status receive_frame(bytes* payload);
-    status send_frame(const uint8_t* data, size_t n);
-    status download(uint32_t size, bytes* out, const progress_fn& progress = nullptr);
-    status upload(const bytes& data, const progress_fn& progress = nullptr);
-
-    status send_raw(const uint8_t* data, size_t n);
-    status receive_exact(uint8_t* data, size_t n);
+    status connect(const std::string& host, int port, int timeout_ms);
+    // Takes over an already connected socket (tests, or a caller's own connect).
+    void adopt(int fd, int timeout_ms);
     void close();
 
+    int fd() const { return fd_; }
+    int timeout_ms() const { return timeout_ms_; }
+    // The TLS seam: replaces the plain front transport.
+    void set_front(std::unique_ptr<transport> t) { front_ = std::move(t); }
+
+    // Greeting, auth reply and auth answer through the front transport.
+    status login(const std::string& password);
+    // The act_pkt through the front transport, as one write.
+    status send_request(const request& r);
+
+    // Everything after the request: plain on the socket.
+    status send_raw(const uint8_t* p, size_t n);
+    status recv_raw(uint8_t* p, size_t n);
+    status recv_some_raw(uint8_t* p, size_t cap, size_t* got);
+    void shutdown_send();
+
+    status read_reply(reply* out);
+    // Result packet: ok for code 1, device_error otherwise.
+    status expect_result();
+    // The ready packet (a size packet of 0); a result code other than 1 is a device error.
+    status expect_ready();
+    // A size packet; a result code other than 1 is a device error.
+    status expect_size(uint32_t* size);
+
 private:
-    status front_receive(uint8_t* data, size_t n);
+    status front_recv_exact(uint8_t* p, size_t n);
+
     int fd_ = -1;
+    int timeout_ms_ = 15000;
     std::unique_ptr<transport> front_;
-    bytes challenge_;
 };
 
 }  // namespace kelp

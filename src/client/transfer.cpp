@@ -1,0 +1,77 @@
+#include "transfer.h"
+
+#include <string.h>
+
+namespace kelp {
+
+void encode_frame(const uint8_t* payload, size_t n, uint8_t out[frame_len]) {
+    put_le16(out, (uint16_t)n);
+    memcpy(out + 2, payload, n);
+    memset(out + 2 + n, 0, frame_payload_len - n);
+}
+
+status decode_frame(const uint8_t frame[frame_len], size_t* length) {
+    size_t n = get_le16(frame);
+    if (n == 0 || n > frame_payload_len)
+        return fail(error_kind::protocol, "bad frame length " + std::to_string(n) + " from the device");
+    *length = n;
+    return ok();
+}
+
+status receive_body(session& s, uint32_t size, bytes* out, const progress_fn& progress) {
+    out->clear();
+    // The size comes from the device: grow as data arrives rather than trusting it up front.
+    out->reserve(size < upload_max ? size : upload_max);
+    uint8_t frame[frame_len];
+    while (out->size() < size) {
+        status st = s.recv_raw(frame, sizeof frame);
+        if (!st) return st;
+        size_t n = 0;
+        if (!(st = decode_frame(frame, &n))) return st;
+        if (n > size - out->size()) return fail(error_kind::protocol, "the device sent more bytes than announced");
+        out->insert(out->end(), frame + 2, frame + 2 + n);
+        if (progress) progress(out->size(), size);
+    }
+    return ok();
+}
+
+status send_body(session& s, const bytes& body, const progress_fn& progress) {
+    uint8_t frame[frame_len];
+    size_t done = 0;
+    while (done < body.size()) {
+        size_t n = body.size() - done;
+        if (n > frame_payload_len) n = frame_payload_len;
+        encode_frame(body.data() + done, n, frame);
+        status st = s.send_raw(frame, sizeof frame);
+        if (!st) return st;
+        done += n;
+        if (progress) progress(done, body.size());
+    }
+    return ok();
+}
+
+status download(session& s, bytes* out, const progress_fn& progress) {
+    uint32_t size = 0;
+    status st = s.expect_size(&size);
+    if (!st) return st;
+    return receive_body(s, size, out, progress);
+}
+
+status upload(session& s, const bytes& body, const progress_fn& progress) {
+    status st = s.expect_ready();
+    if (!st) return st;
+    return send_body(s, body, progress);
+}
+
+status read_progress_line(session& s, std::string* line) {
+    uint8_t frame[frame_len];
+    status st = s.recv_raw(frame, sizeof frame);
+    if (!st) return st;
+    size_t n = 0;
+    if (!(st = decode_frame(frame, &n))) return st;
+    const char* text = (const char*)frame + 2;
+    line->assign(text, strnlen(text, n));
+    return ok();
+}
+
+}  // namespace kelp
