@@ -8,7 +8,10 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace kelp {
 
@@ -28,7 +31,27 @@ std::string errno_text(const char* what) { return std::string(what) + ": " + str
 
 }  // namespace
 
+static status connect_once(const std::string& host, int port, int timeout_ms, int* fd_out, bool* refused);
+
+static long long now_ms() {
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
+}
+
+// The daemon serves one connection per process: between two clients its
+// supervisor is starting the next one, so a refusal is retried briefly.
 status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_out) {
+    long long deadline = now_ms() + std::min(timeout_ms, 3000);
+    for (;;) {
+        bool refused = false;
+        status s = connect_once(host, port, timeout_ms, fd_out, &refused);
+        if (s || !refused || now_ms() >= deadline) return s;
+        usleep(20 * 1000);
+    }
+}
+
+static status connect_once(const std::string& host, int port, int timeout_ms, int* fd_out, bool* refused) {
     *fd_out = -1;
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
@@ -61,6 +84,7 @@ status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_ou
             else r = 0;
         }
         if (r < 0) {
+            if (errno == ECONNREFUSED) *refused = true;
             last = fail(error_kind::connect_failed, "connecting to " + host + ":" + service + ": " + strerror(errno));
             close(fd);
             continue;
