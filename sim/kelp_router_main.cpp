@@ -50,8 +50,11 @@ int main(int argc, char** argv) {
     std::vector<std::string> command;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
-        if (a == "--password" && i + 1 < argc) password = argv[++i];
-        else if (a == "--daemon" && i + 1 < argc) daemon = argv[++i];
+        if (a == "--password" && i + 1 < argc) {
+            password = argv[++i];
+            // Blank it in our arguments, which every user can read in ps.
+            memset(argv[i], 'x', strlen(argv[i]));
+        } else if (a == "--daemon" && i + 1 < argc) daemon = argv[++i];
         else if (a == "--helpers" && i + 1 < argc) helpers = argv[++i];
         else if (a == "--") {
             command.assign(argv + i + 1, argv + argc);
