@@ -2,15 +2,43 @@
 // request travel inside TLS; every later byte is plain on the socket.
 #pragma once
 
+#include <stdint.h>
+
+#include <memory>
 #include <string>
 
 #include "session.h"
 
 namespace kelp {
 
-// Runs the TLS handshake on the connected session and routes its front
-// through TLS. pin_sha256: hex SHA-256 of the device certificate, or empty
-// to accept any.
-status start_tls(session& s, const std::string& pin_sha256);
+struct tls_state;  // the mbedTLS contexts, kept out of this header
+
+// A TLS client session on a connected socket it does not own. Each send is
+// one record. Destroying it abandons the session without a close-notify, as
+// that record would land in the plain stream that follows the request.
+class tls_transport : public transport {
+public:
+    ~tls_transport() override;
+    // Runs the handshake on fd. pin_sha256: the device certificate's SHA-256
+    // fingerprint in hex (colons and case ignored), or empty to accept any.
+    static status open(int fd, const std::string& pin_sha256, int timeout_ms, std::unique_ptr<tls_transport>* out);
+
+    status send(const uint8_t* p, size_t n) override;
+    status recv_some(uint8_t* p, size_t cap, size_t* got) override;
+    // Lowercase hex SHA-256 of the device certificate (DER).
+    const std::string& peer_sha256() const { return peer_sha256_; }
+
+private:
+    tls_transport();
+    std::unique_ptr<tls_state> state_;
+    std::string peer_sha256_;
+};
+
+// Runs the handshake on the connected session and routes its front through
+// TLS. peer_sha256, when given, receives the device certificate's fingerprint.
+status start_tls(session& s, const std::string& pin_sha256, std::string* peer_sha256 = nullptr);
+
+// "AB:cd:..." -> "abcd..."; empty when text is not 32 bytes of hex.
+std::string normalize_sha256(const std::string& text);
 
 }  // namespace kelp
