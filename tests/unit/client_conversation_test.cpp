@@ -183,25 +183,6 @@ TEST(ClientLogin, SilentDeviceTimesOutWithinTheLimit) {
     s.close();
 }
 
-TEST(ClientTransfer, DownloadFramesAndProgress) {
-    bytes body(3000);
-    for (size_t i = 0; i < body.size(); i++) body[i] = (uint8_t)(i * 7);
-    device dev([&](int fd) {
-        put(fd, "03 01 01 B8 0B 00 00");  // 3000 bytes: 1460 + 1460 + 80
-        for (size_t at = 0; at < 3000; at += 1460)
-            put(fd, frame(bytes(body.begin() + at, body.begin() + std::min<size_t>(at + 1460, 3000))));
-        put(fd, ready);
-    });
-    kelp::session s;
-    dev.attach(s);
-    bytes got;
-    std::vector<uint64_t> done;
-    ASSERT_TRUE(kelp::download(s, &got, [&](uint64_t d, uint64_t) { done.push_back(d); }));
-    EXPECT_EQ(got, body);
-    EXPECT_EQ(done, (std::vector<uint64_t>{1460, 2920, 3000}));
-    EXPECT_TRUE(s.expect_result());
-}
-
 TEST(ClientTransfer, BadAnswersAreErrorsNotCrashes) {
     auto download = [](std::function<void(int)> script) {
         device dev(script);
@@ -224,63 +205,6 @@ TEST(ClientTransfer, BadAnswersAreErrorsNotCrashes) {
     kelp::session s;
     dev.attach(s);
     EXPECT_EQ(kelp::upload(s, bytes(10, 1)).kind, error_kind::protocol);
-}
-
-TEST(ClientTransfer, UploadFullFramesThenAShortOne) {
-    bytes body(1461, 0x11), sent;
-    body[1460] = 0x22;
-    device dev([&](int fd) { put(fd, ready), sent = take(fd, 2 * 1462), put(fd, ready); });
-    kelp::session s;
-    dev.attach(s);
-    ASSERT_TRUE(kelp::upload(s, body));
-    EXPECT_TRUE(s.expect_result());
-    dev.finish();
-    ASSERT_EQ(sent.size(), 2924u);
-    EXPECT_EQ(bytes(sent.begin(), sent.begin() + 3), hex("B4 05 11"));
-    bytes last = hex("01 00 22");
-    last.resize(1462, 0);
-    EXPECT_EQ(bytes(sent.begin() + 1462, sent.end()), last);
-}
-
-TEST(ClientConversation, PppListUntilTheEndRecord) {
-    device dev([](int fd) {
-        put(fd, ready);
-        bytes rec(326, 0), end(326, 0);
-        rec[2] = 'a', rec[301] = 0x02, end[1] = 1;
-        put(fd, rec), put(fd, rec), put(fd, end), put(fd, ready);
-    });
-    kelp::session s;
-    dev.attach(s);
-    std::vector<kelp::ppp_session> list;
-    ASSERT_TRUE(kelp::converse_list_ppp(s, &list));
-    ASSERT_EQ(list.size(), 2u);
-    EXPECT_EQ(list[1].name, "a");
-    EXPECT_EQ(list[1].cbq_rule, 2);
-}
-
-TEST(ClientConversation, KickNameIsLengthAndBytesAndUnknownUserIsCode6) {
-    bytes sent;
-    device dev([&](int fd) { put(fd, ready), sent = take(fd, 9), put(fd, "03 01 06 00 00 00 00"); });
-    kelp::session s;
-    dev.attach(s);
-    kelp::status st = kelp::converse_kick_name(s, "alice");
-    EXPECT_EQ(st.kind, error_kind::device);
-    EXPECT_EQ(st.code, 6);
-    dev.finish();
-    EXPECT_EQ(sent, hex("05 00 00 00 61 6C 69 63 65"));
-}
-
-TEST(ClientConversation, FirmwareProgressLinesUntilDone) {
-    device dev([](int fd) {
-        put(fd, ready), take(fd, 1462), put(fd, ready);
-        put(fd, frame(hex("65 72 61 73 65 00"))), put(fd, frame(hex("64 6F 6E 65 00"))), put(fd, ready);
-    });
-    kelp::session s;
-    dev.attach(s);
-    std::vector<std::string> lines;
-    auto on_line = [&](const std::string& l) { lines.push_back(l); };
-    ASSERT_TRUE(kelp::converse_firmware(s, bytes(100, 0x7F), true, nullptr, on_line));
-    EXPECT_EQ(lines, (std::vector<std::string>{"erase", "done"}));
 }
 
 TEST(ClientActions, WholeConnectionsOverTcp) {
