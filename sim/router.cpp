@@ -48,13 +48,16 @@ static std::string private_dev(const options& opts) {
     mkdir(old_dev.c_str(), 0755);
     if (mount("/dev", old_dev.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) return fail("bind /dev");
     if (!mount_tmpfs("/dev", "mode=0755")) return fail("tmpfs /dev");
-    std::vector<std::string> nodes = {"null", "zero", "full", "random", "tty", "ptmx"};
+    std::vector<std::string> nodes = {"null", "zero", "full", "random", "tty"};
     if (opts.with_urandom) nodes.push_back("urandom");
     for (const std::string& node : nodes)
         if (access((old_dev + "/" + node).c_str(), F_OK) == 0 && !bind_node(old_dev + "/" + node, "/dev/" + node))
             return fail("bind /dev/" + node);
     mkdir("/dev/pts", 0755);
     mount((old_dev + "/pts").c_str(), "/dev/pts", nullptr, MS_BIND | MS_REC, nullptr);
+    // A bound /dev/ptmx cannot find its devpts from here ("script" fails);
+    // the devpts instance's own multiplexer can.
+    if (symlink("pts/ptmx", "/dev/ptmx") != 0) return fail("link /dev/ptmx");
     mkdir("/dev/shm", 01777);
     mount_tmpfs("/dev/shm");
     return "";
