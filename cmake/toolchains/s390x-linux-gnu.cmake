@@ -13,4 +13,6 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/s390x-linux-gnu/pkgconfig)
 
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-s390x-static)
+# A full path: test programs start the emulator themselves with execv.
+find_program(KELP_QEMU_S390X qemu-s390x-static REQUIRED)
+set(CMAKE_CROSSCOMPILING_EMULATOR "${KELP_QEMU_S390X}")
