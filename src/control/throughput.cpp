@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,17 +10,9 @@
 #include "core/protocol.h"
 
 static int wait_three_seconds(int fd, bool for_write) {
-    if (fd < 0 || fd >= FD_SETSIZE) return -1;
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
-    struct timeval timeout = {3, 0};
-    int n = select(fd + 1, for_write ? nullptr : &set, for_write ? &set : nullptr, nullptr, &timeout);
-    if (n < 0) {
-        perror("select failed");
-        return -1;
-    }
-    return n > 0 && FD_ISSET(fd, &set) ? 1 : 0;
+    int n = select_one(fd, for_write, 3);
+    if (n < 0) perror("select failed");
+    return n < 0 ? -1 : n > 0;
 }
 
 // The send itself must not wait: a blocking send of a whole block would sit

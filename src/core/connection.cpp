@@ -8,13 +8,17 @@
 
 int tls_active = 1;
 
-static int wait_ready(int fd, bool for_write) {
+int select_one(int fd, bool for_write, int seconds) {
     if (fd < 0 || fd >= FD_SETSIZE) return -1;
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
-    struct timeval timeout = {10, 0};
-    int n = select(fd + 1, for_write ? nullptr : &set, for_write ? &set : nullptr, nullptr, &timeout);
+    struct timeval timeout = {seconds, 0};
+    return select(fd + 1, for_write ? nullptr : &set, for_write ? &set : nullptr, nullptr, &timeout);
+}
+
+static int wait_ready(int fd, bool for_write) {
+    int n = select_one(fd, for_write, 10);
     return n > 0 ? n : -1;
 }
 
@@ -43,14 +47,14 @@ int conn_read(int fd, void* buffer, int length) {
     return count;
 }
 
-int send_all(int fd, const void* buffer, int n) {
+// Moves exactly n bytes, each single call under a 30-second alarm.
+static int move_all(int fd, char* p, int n, bool writing) {
     if (n < 1) return 0;
-    const char* p = (const char*)buffer;
     int done = 0;
     int remaining = n;
     for (;;) {
         alarm(30);
-        int got = conn_write(fd, p + done, remaining);
+        int got = writing ? conn_write(fd, p + done, remaining) : conn_read(fd, p + done, remaining);
         alarm(0);
         if (got < 1) return -1;
         done += got;
@@ -59,18 +63,6 @@ int send_all(int fd, const void* buffer, int n) {
     }
 }
 
-int recv_all(int fd, void* buffer, int n) {
-    if (n < 1) return 0;
-    char* p = (char*)buffer;
-    int done = 0;
-    int remaining = n;
-    for (;;) {
-        alarm(30);
-        int got = conn_read(fd, p + done, remaining);
-        alarm(0);
-        if (got < 1) return -1;
-        done += got;
-        remaining -= got;
-        if (remaining < 1) return done;
-    }
-}
+int send_all(int fd, const void* buffer, int n) { return move_all(fd, (char*)buffer, n, true); }
+
+int recv_all(int fd, void* buffer, int n) { return move_all(fd, (char*)buffer, n, false); }

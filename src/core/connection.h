@@ -8,6 +8,8 @@
 // plain mode clears it before accepting, TLS mode after the action request.
 extern int tls_active;
 
+// select() on one descriptor for at most seconds: select's own result.
+int select_one(int fd, bool for_write, int seconds);
 int wait_writable(int fd);
 int wait_readable(int fd);
 int conn_write(int fd, const void* buffer, int length);
