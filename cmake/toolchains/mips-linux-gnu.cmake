@@ -21,6 +21,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_LIBDIR} "${_kelp_mips_prefix}/lib/pkgconfig")
 
-# run-mips sets QEMU_LD_PREFIX and LD_LIBRARY_PATH for qemu-mips-static.
-set(CMAKE_CROSSCOMPILING_EMULATOR
-  "${_kelp_top}/scripts/run-mips;--prefix;${_kelp_mips_prefix}")
+# run-mips sets QEMU_LD_PREFIX and LD_LIBRARY_PATH for qemu-mips-static. The
+# emulator is one program without arguments, written into the build tree, as
+# programs that start it themselves may not take a list.
+file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/run-mips" @ONLY CONTENT
+  "#!/bin/sh\nexec '@_kelp_top@/scripts/run-mips' --prefix '@_kelp_mips_prefix@' \"$@\"\n")
+file(CHMOD "${CMAKE_BINARY_DIR}/run-mips" PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+  GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CMAKE_CROSSCOMPILING_EMULATOR "${CMAKE_BINARY_DIR}/run-mips")
