@@ -18,6 +18,9 @@ set(KELP_SBIN_DIR "${CMAKE_INSTALL_PREFIX}/sbin")
 
 # Any name other than kelputild selects TLS mode on port 857.
 install(CODE "
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL \"${CMAKE_INSTALL_PREFIX}\")
+    message(WARNING \"The supervisor files name ${KELP_SBIN_DIR}: configure with -DCMAKE_INSTALL_PREFIX=\${CMAKE_INSTALL_PREFIX} instead of --prefix\")
+  endif()
   set(link \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/sbin/kelputild-tls\")
   message(STATUS \"Installing: \${link} -> kelputild\")
   get_filename_component(dir \"\${link}\" DIRECTORY)
