@@ -1,0 +1,166 @@
+#!/usr/bin/env bash
+# Measures kelputild against plain tools doing the same work (iperf3, socat,
+# openssl, /bin/true) in a private network and mount namespace, and prints one
+# table of medians and ratios; a copy goes to <build>/bench/results.json.
+#   bash bench/run.sh
+# Environment: BENCH_REPEAT (3), BENCH_SECONDS per throughput run (10),
+# BENCH_SESSIONS (200), BENCH_BUILD (build-bench).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$PWD
+export BENCH_REPEAT=${BENCH_REPEAT:-3} BENCH_SECONDS=${BENCH_SECONDS:-10} BENCH_SESSIONS=${BENCH_SESSIONS:-200}
+export BENCH_BUILD=${BENCH_BUILD:-$ROOT/build-bench}
+B=$BENCH_BUILD
+PY=/usr/bin/python3  # Debian's, which still has the crypt module
+M="$PY $ROOT/bench/measure.py"
+
+if [[ ${1:-} != --inside ]]; then
+  [[ $(id -u) == 0 ]] || { echo "run as root (namespaces, mounts)" >&2; exit 1; }
+  need=()
+  for p in g++ cmake ninja-build pkg-config libmbedtls-dev libcrypt-dev libbenchmark-dev iperf3 socat \
+    strace openssl binutils iproute2 util-linux python3 time; do
+    dpkg-query -W -f='${db:Status-Abbrev}\n' "$p" 2>/dev/null | grep -q '^ii' || need+=("$p")
+  done
+  if ((${#need[@]})); then
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update || true
+    apt-get install -y --no-install-recommends "${need[@]}"
+  fi
+  # The simulator is not needed here; only what is measured is built.
+  cmake -S . -B "$B" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELP_BENCH=ON -DKELP_TESTS=OFF \
+    -DKELP_CLIENT=ON >/dev/null
+  ninja -C "$B" kelputild kelputil bundle_bench bench_upload >/dev/null
+  exec timeout 1200 unshare -m -n --propagation private bash "$ROOT/bench/run.sh" --inside
+fi
+
+# --- inside the namespaces: a router-like sandbox -------------------------
+mount -t tmpfs -o mode=1777 tmpfs /tmp
+mount -t tmpfs -o mode=0755 tmpfs /run
+W=/run/bench
+export BENCH_WORK=$W
+mkdir -p "$W/bin"
+password=bench-$RANDOM
+hash=$($PY -W ignore -c 'import crypt, sys; print(crypt.crypt(sys.argv[1], "ab"))' "$password")
+{ grep -v '^admin:' /etc/passwd; echo "admin:$hash:0:0:admin:/:/bin/sh"; } >"$W/passwd"
+mount --bind "$W/passwd" /etc/passwd
+# The daemon drops the page cache before each upload: machine-wide, so it
+# would slow everybody else on a shared host and make figures depend on them.
+mount --bind /dev/null /proc/sys/vm/drop_caches
+ip link set lo up
+export KELPUTIL_PASSWORD=$password
+
+head -c $((512 << 10)) /dev/urandom >"$W/config.bin"
+for _ in $(seq 64); do cat "$W/config.bin"; done >"$W/fw.bin"  # 32 MiB
+head -c $((1 << 20)) "$W/fw.bin" >"$W/fw1.bin"
+printf '#!/bin/sh\ncat %s/config.bin > /tmp/saved-configs\n' "$W" >"$W/bin/do-prepconfigs"
+chmod +x "$W/bin/do-prepconfigs"
+export PATH=$W/bin:$PATH
+ln -sf "$B/src/kelputild" "$W/kelputild-tls"
+cd "$W"
+
+D=$B/src/kelputild
+C=$B/tools/kelputil
+U=$B/bench/bench_upload  # kelputil caps uploads at 512 KiB, firmware included
+S=$BENCH_SECONDS
+RAW=$B/bench/raw.jsonl
+mkdir -p "$B/bench"
+: >"$RAW"
+# Other work on the machine moves every figure: keep the load next to them.
+load() { $M put "$RAW" load load "$(cut -d' ' -f1 /proc/loadavg)"; }
+load
+CERT=$ROOT/src/core/default_cert/cert.pem
+KEY=$ROOT/src/core/default_cert/key.pem
+sock() { echo "socat -u $1 $2"; }
+step() { printf '%s %s\n' "$(date +%T)" "$*" >&2; }
+
+step "throughput: ${BENCH_REPEAT} x (daemon, iperf3 same buffers, iperf3 defaults) x rx/tx, ${S} s each"
+for r in $(seq "$BENCH_REPEAT"); do
+  for d in rx tx; do
+    rev=""
+    [[ $d == rx ]] && rev=-R  # rx: the server side (the device) sends
+    $M pair "$RAW" "thr_${d}_ours" --port 856 --server "$D" --client "$C --json throughput $d $S"
+    $M pair "$RAW" "thr_${d}_iperf_w" --port 5201 --server "iperf3 -s -1 -p 5201" \
+      --client "iperf3 -c 127.0.0.1 -p 5201 -t $S -w 64K -l 128K $rev -J"
+    $M pair "$RAW" "thr_${d}_iperf" --port 5201 --server "iperf3 -s -1 -p 5201" \
+      --client "iperf3 -c 127.0.0.1 -p 5201 -t $S $rev -J"
+  done
+done
+
+step "bulk: firmware 32 MiB and backup 512 KiB vs socat, ${BENCH_REPEAT} times"
+for r in $(seq "$BENCH_REPEAT"); do
+  $M pair "$RAW" fw_ours --port 856 --server "$D" --client "$U $W/fw.bin"
+  rm -f /tmp/firmware.bin
+  $M pair "$RAW" fw1_ours --port 856 --server "$D" --client "$U $W/fw1.bin"
+  rm -f /tmp/firmware.bin
+  $M pair "$RAW" fw_socat --port 9000 --server "$(sock TCP-LISTEN:9000,reuseaddr OPEN:$W/recv.bin,creat,trunc)" \
+    --client "$(sock OPEN:$W/fw.bin TCP:127.0.0.1:9000)"
+  $M pair "$RAW" backup_ours --port 856 --server "$D" --client "$C -q backup $W/backup.dat"
+  $M pair "$RAW" backup_socat --port 9000 --server "$(sock OPEN:$W/config.bin TCP-LISTEN:9000,reuseaddr)" \
+    --client "$(sock TCP:127.0.0.1:9000 OPEN:$W/recv.bin,creat,trunc)"
+done
+
+step "system calls: one run of each under strace -c -f"
+st() { echo "strace -c -f -o $W/$1.st"; }
+$M pair "$RAW" strace_fw --port 856 --server "$(st d) $D" --client "$(st c) $U $W/fw.bin"
+rm -f /tmp/firmware.bin
+$M strace "$RAW" st_fw_daemon "$W/d.st" $((32 << 20))
+$M strace "$RAW" st_fw_client "$W/c.st" $((32 << 20))
+$M pair "$RAW" strace_fw_socat --port 9000 \
+  --server "$(st d) $(sock TCP-LISTEN:9000,reuseaddr OPEN:$W/recv.bin,creat,trunc)" \
+  --client "$(st c) $(sock OPEN:$W/fw.bin TCP:127.0.0.1:9000)"
+$M strace "$RAW" st_fw_socat_receiver "$W/d.st" $((32 << 20))
+$M strace "$RAW" st_fw_socat_sender "$W/c.st" $((32 << 20))
+$M pair "$RAW" strace_backup --port 856 --server "$(st d) $D" --client "$(st c) $C -q backup $W/backup.dat"
+$M strace "$RAW" st_backup_daemon "$W/d.st" $((512 << 10))
+$M strace "$RAW" st_backup_client "$W/c.st" $((512 << 10))
+$M pair "$RAW" strace_backup_socat --port 9000 \
+  --server "$(st d) $(sock OPEN:$W/config.bin TCP-LISTEN:9000,reuseaddr)" \
+  --client "$(st c) $(sock TCP:127.0.0.1:9000 OPEN:$W/recv.bin,creat,trunc)"
+$M strace "$RAW" st_backup_socat_sender "$W/d.st" $((512 << 10))
+$M strace "$RAW" st_backup_socat_receiver "$W/c.st" $((512 << 10))
+
+N=$BENCH_SESSIONS
+step "connection cost: $N sessions each (plain, TLS, /bin/true, openssl)"
+$M pair "$RAW" sess_plain --count "$N" --from-server --port 856 --server "$D" --client "$C -q check"
+$M pair "$RAW" sess_tls --count "$N" --from-server --port 857 --server "$W/kelputild-tls" --client "$C -q --tls check"
+$M pair "$RAW" sess_true --count "$N" --client /bin/true
+# The daemon speaks TLS 1.2 (mbedTLS 2.28): the baseline does the same.
+$M pair "$RAW" sess_openssl --count "$N" --from-server --port 4433 \
+  --server "openssl s_server -accept 4433 -naccept 1 -cert $CERT -key $KEY" \
+  --client "openssl s_client -connect 127.0.0.1:4433 -tls1_2 -brief"
+
+step "peak memory: ${BENCH_REPEAT} x (32 MiB and 1 MiB upload, TLS and plain login, baselines)"
+for r in $(seq "$BENCH_REPEAT"); do
+  $M pair "$RAW" mem_fw --rss --port 856 --server "$D" --client "$U $W/fw.bin"
+  $M pair "$RAW" mem_fw1 --rss --port 856 --server "$D" --client "$U $W/fw1.bin"
+  rm -f /tmp/firmware.bin
+  $M pair "$RAW" mem_tls --rss --port 857 --server "$W/kelputild-tls" --client "$C -q --tls check"
+  $M pair "$RAW" mem_plain --rss --port 856 --server "$D" --client "$C -q check"
+  $M pair "$RAW" mem_openssl --rss --port 4433 \
+    --server "openssl s_server -accept 4433 -naccept 1 -cert $CERT -key $KEY" \
+    --client "openssl s_client -connect 127.0.0.1:4433 -tls1_2 -brief"
+  $M pair "$RAW" mem_socat --rss --port 9000 \
+    --server "$(sock TCP-LISTEN:9000,reuseaddr OPEN:$W/recv.bin,creat,trunc)" \
+    --client "$(sock OPEN:$W/fw.bin TCP:127.0.0.1:9000)"
+done
+
+step "size and bundle"
+strip -o "$W/kelputild.stripped" "$D"
+$M put "$RAW" size_daemon kib "$(($(stat -c %s "$W/kelputild.stripped") / 1024))"
+taskset -c 0 "$B/bench/bundle_bench" --benchmark_repetitions="$BENCH_REPEAT" --benchmark_min_time=0.5 \
+  --benchmark_format=json >"$W/gbench.json" 2>/dev/null
+$M gbench "$RAW" "$W/gbench.json"
+# The same 512 KiB, 64 times over, so that openssl's start-up is amortised.
+key=000102030405060708090a0b0c0d0e0f  # openssl's RC4 wants 16 bytes
+for r in $(seq "$BENCH_REPEAT"); do
+  $M pair "$RAW" ossl_md5 --bytes $((32 << 20)) --client "openssl md5 $W/fw.bin"
+  $M pair "$RAW" ossl_rc4 --bytes $((32 << 20)) \
+    --client "openssl enc -rc4 -provider legacy -provider default -K $key -in $W/fw.bin -out /dev/null"
+done
+
+load
+step "done"
+echo
+$M table "$RAW" "$B/bench/results.json"
+echo
+echo "(medians of $BENCH_REPEAT runs, $N sessions; raw records: $RAW)"
