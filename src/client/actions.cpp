@@ -1,5 +1,7 @@
 #include "actions.h"
 
+#include <unistd.h>
+
 #include <arpa/inet.h>
 #include <errno.h>
 #include <poll.h>
@@ -68,11 +70,26 @@ uint8_t script_by_name(const std::string& name) {
     return 0;
 }
 
+static bool closed_before_greeting(const status& st) {
+    return st.kind == error_kind::closed && st.message.find("before its greeting") != std::string::npos;
+}
+
 status open_session(session& s, const target& t, const request& r) {
-    status st = s.connect(t.host, t.port, t.timeout_ms);
+    // A connection that reached the previous daemon's listener just before it
+    // exited is dropped unanswered; the next daemon is moments away.
+    status st;
+    for (int attempt = 0; attempt < 20; attempt++) {
+        s.close();
+        if (!(st = s.connect(t.host, t.port, t.timeout_ms))) return st;
+        if (t.tls && !(st = start_tls(s, t.pin_sha256))) {
+            if (st.kind == error_kind::closed) continue;
+            return st;
+        }
+        st = s.login(t.password);
+        if (!closed_before_greeting(st)) break;
+        usleep(50 * 1000);
+    }
     if (!st) return st;
-    if (t.tls && !(st = start_tls(s, t.pin_sha256))) return st;
-    if (!(st = s.login(t.password))) return st;
     return s.send_request(r);
 }
 
@@ -215,7 +232,8 @@ status converse_firmware(session& s, const bytes& image, bool start_upgrade, con
 
 status upload_firmware(const target& t, const bytes& image, bool start_upgrade, const progress_fn& p,
                        const line_fn& on_line) {
-    status st = check_upload_size(image.size());
+    // Firmware is bounded by the device's free space, not by the script limit.
+    status st = image.size() > 0xFFFFFFFFu ? fail(error_kind::local, "image too large") : ok();
     if (!st) return st;
     session s;
     uint8_t flags = start_upgrade ? 0x01 : 0x00;
