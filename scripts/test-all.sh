@@ -6,6 +6,8 @@
 # Stages: KELP_STAGES="native sanitize alignment s390x i386 mips fuzz" (default: all but alignment).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/leave-tmp.sh
+leave_tmp scripts/test-all.sh "$@"
 stages=${KELP_STAGES:-"native sanitize s390x i386 mips fuzz"}
 jobs=$(nproc)
 

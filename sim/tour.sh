@@ -4,6 +4,8 @@
 #   bash sim/tour.sh [--shell] [--password PW]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/leave-tmp.sh
+leave_tmp sim/tour.sh "$@"
 bash scripts/install-deps.sh native
 cmake -S . -B build-sim -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELP_TESTS=OFF >/dev/null
 ninja -C build-sim kelputild kelputil kelp-router
