@@ -9,12 +9,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <map>
 #include <string>
 #include <vector>
+
+#include "router.h"
 
 namespace {
 
@@ -23,10 +24,8 @@ struct result {
     std::string out;  // stdout and stderr together
 };
 
-std::string slurp(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-}
+// A process can end while its /proc files are read: no exception for that.
+std::string slurp(const std::string& path) { return router::read_file(path); }
 
 // Runs script in a fresh router; calls meanwhile every 20 ms while it runs.
 // Kills the whole router after 60 s.
