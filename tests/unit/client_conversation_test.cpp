@@ -33,7 +33,6 @@ bytes take(int fd, size_t n) {
     b.resize(got);
     return b;
 }
-const char* ready = "03 01 01 00 00 00 00";  // also result 1
 bytes greeting(const std::string& tag = "02 01") {
     std::string text = "kelp-v3 utility server\n";
     bytes g(text.begin(), text.end()), rest = hex("00 FF 01 23 45 67 89 AB CD EF " + tag);
@@ -107,40 +106,7 @@ private:
     std::thread thread_;
 };
 
-bytes accept_login(int fd) {
-    put(fd, greeting());
-    take(fd, 34);
-    put(fd, "01 01 01");
-    return take(fd, 42);
-}
-bytes request_bytes(const std::string& head, const std::string& size = "00 00 00 00") {
-    bytes r = hex(head), s = hex(size);
-    r.resize(38, 0);
-    r.insert(r.end(), s.begin(), s.end());
-    return r;
-}
-
 }  // namespace
-
-TEST(ClientLogin, AuthReplyThenRequest) {
-    bytes auth, req;
-    device dev([&](int fd) {
-        put(fd, greeting());
-        auth = take(fd, 34);
-        put(fd, "01 01 01");
-        req = take(fd, 42);
-    });
-    kelp::session s;
-    dev.attach(s);
-    ASSERT_TRUE(s.login("secret"));
-    kelp::request r;
-    r.action = 64, r.flags = flag_apply;
-    ASSERT_TRUE(s.send_request(r));
-    dev.finish();
-    EXPECT_EQ(auth, hex("02 01 07 F1 A1 95 75 3F 08 79 0D 4B D5 53 32 8F 1E FC"
-                        " 9B 1A E8 48 8E 80 3C 77 52 35 48 B7 76 8C CB D9"));
-    EXPECT_EQ(req, request_bytes("00 00 00 40 00 01"));
-}
 
 TEST(ClientLogin, FailuresByKind) {
     struct {
@@ -205,52 +171,4 @@ TEST(ClientTransfer, BadAnswersAreErrorsNotCrashes) {
     kelp::session s;
     dev.attach(s);
     EXPECT_EQ(kelp::upload(s, bytes(10, 1)).kind, error_kind::protocol);
-}
-
-TEST(ClientActions, WholeConnectionsOverTcp) {
-    bytes req, addr;
-    device trig([&](int fd) { req = accept_login(fd), put(fd, ready), put(fd, ready); }, true);
-    EXPECT_TRUE(kelp::trigger(trig.target(), flag_reboot));
-    trig.finish();
-    EXPECT_EQ(req, request_bytes("00 00 00 00 00 02"));
-
-    device kick([&](int fd) { req = accept_login(fd), put(fd, ready), addr = take(fd, 4), put(fd, ready); }, true);
-    EXPECT_TRUE(kelp::kick_hotspot_ip(kick.target(), 0, "10.0.0.7"));
-    kick.finish();
-    EXPECT_EQ(req, request_bytes("00 00 00 36 00 00"));
-    EXPECT_EQ(addr, hex("0A 00 00 07"));
-
-    // A missing script: size 0, then the device hangs up.
-    device script([&](int fd) { req = accept_login(fd), put(fd, ready); }, true);
-    bytes body;
-    EXPECT_EQ(kelp::get_script(script.target(), kelp::script_dhcp, 0, &body).kind, error_kind::closed);
-    script.finish();
-    EXPECT_EQ(req, request_bytes("00 00 00 02 07 00"));
-
-    kelp::target nobody = trig.target();  // its listener is closed now
-    EXPECT_EQ(kelp::trigger(nobody, 0).kind, error_kind::connect_failed);
-    EXPECT_EQ(kelp::kick_ppp_user(nobody, 0, std::string(256, 'u')).kind, error_kind::local);
-    EXPECT_EQ(kelp::put_script(nobody, kelp::script_cbq, 0, bytes(524289, 0)).kind, error_kind::local);
-}
-
-TEST(ClientActions, ThroughputSendShutsDownAndWaitsForTheClose) {
-    bytes req;
-    uint64_t received = 0;
-    device dev(
-        [&](int fd) {
-            req = accept_login(fd);
-            put(fd, ready);
-            uint8_t buf[65536];
-            for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) received += (uint64_t)n;
-        },
-        true);
-    kelp::throughput_result r;
-    auto start = std::chrono::steady_clock::now();
-    ASSERT_TRUE(kelp::throughput(dev.target(), false, 0.3, 0, &r));
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 1.5);
-    dev.finish();
-    EXPECT_EQ(req, request_bytes("00 00 00 21 00 00"));
-    EXPECT_GE(r.seconds, 0.3);
-    EXPECT_GT(r.bytes, 0u);
-    EXPECT_EQ(r.bytes, received);
 }
