@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "core/client_log.h"
+#include "core/shell.h"
 #include "core/connection.h"
 #include "core/files.h"
 #include "core/process_exit.h"
@@ -24,14 +25,8 @@ static const char* const firmware_path = "/tmp/firmware.bin";
 static const char fifo_path[] = "/tmp/upgrade";
 static const int line_max = 1024;
 
-static void run(const char* command) {
-    if (system(command) < 0) {
-        // Status is not examined.
-    }
-}
-
 bool firmware_fits(int32_t size) {
-    run("sync; echo 3 > /proc/sys/vm/drop_caches");
+    run_helper("sync; echo 3 > /proc/sys/vm/drop_caches");
     // Sizes of 2 GiB and more are negative here and cannot be probed.
     if (size < 0) return false;
     FILE* f = fopen(firmware_path, "w");
@@ -100,7 +95,7 @@ void relay_upgrade(int fd) {
         puts("Unable to open fifo.");
         return;
     }
-    run("spawn flash-upgrade x y z");
+    run_helper("spawn flash-upgrade x y z");
     char line[line_max + 1];
     for (;;) {
         if (read_fifo_line(line, fifo) == 0) continue;

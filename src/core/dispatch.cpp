@@ -9,6 +9,7 @@
 #include "control/kick.h"
 #include "control/throughput.h"
 #include "core/client_log.h"
+#include "core/shell.h"
 #include "core/process_exit.h"
 #include "core/protocol.h"
 #include "core/replies.h"
@@ -19,25 +20,19 @@
 #include "transfer/config_bundle.h"
 #include "transfer/script_exchange.h"
 
-static void run(const char* command) {
-    if (system(command) < 0) {
-        // Helper status is deliberately ignored.
-    }
-}
-
 [[noreturn]] static void reboot_forever() {
     log_client(LOG_INFO, "rebooting the system");
     for (;;) {
-        run("echo reboot > /tmp/monitor");
+        run_helper("echo reboot > /tmp/monitor");
         sleep(100);
     }
 }
 
 static void request_apply() {
     if (act_pkt.action == action_receive_script)
-        run(act_pkt.script == 7 ? "> /tmp/ips.dirty; echo apply > /tmp/monitor" : "do-advnet");
+        run_helper(act_pkt.script == 7 ? "> /tmp/ips.dirty; echo apply > /tmp/monitor" : "do-advnet");
     else
-        run("> /tmp/all.dirty; echo apply > /tmp/monitor");
+        run_helper("> /tmp/all.dirty; echo apply > /tmp/monitor");
 }
 
 void finish_action(int fd, int code) {

@@ -6,12 +6,7 @@
 
 #include "core/connection.h"
 #include "core/protocol.h"
-
-static void copy_field(uint8_t* field, size_t width, const char* value) {
-    memset(field, 0, width);
-    size_t n = strlen(value);
-    memcpy(field, value, n < width ? n : width);
-}
+#include "reports/text_field.h"
 
 // scanf's "%u"/"%Lu" as the router's 32-bit C library reads them: blanks,
 // an optional sign, decimal digits; saturating at the field's maximum and
@@ -70,17 +65,17 @@ int parse_hotspot_line(char* line, uint8_t* record) {
     char* field = line;
     char* bar = cut_at_separator(field);
     if (!bar) return 1;
-    copy_field(record + hotspot_user_offset, hotspot_user_len, field);
+    copy_text_field(record + hotspot_user_offset, hotspot_user_len, field);
     record[257] = 0;
 
     field = bar + 1;
     if (!(bar = cut_at_separator(field))) return 1;
-    copy_field(record + hotspot_ip_offset, hotspot_ip_len, field);
+    copy_text_field(record + hotspot_ip_offset, hotspot_ip_len, field);
     record[17] = 0;
 
     field = bar + 1;
     if (!(bar = cut_at_separator(field))) return 1;
-    copy_field(record + hotspot_mac_offset, hotspot_mac_len, field);
+    copy_text_field(record + hotspot_mac_offset, hotspot_mac_len, field);
     record[19] = 0;
 
     static const size_t number_offsets[] = {hotspot_counter1_offset, hotspot_counter2_offset, hotspot_value1_offset};

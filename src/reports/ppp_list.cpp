@@ -6,14 +6,7 @@
 
 #include "core/connection.h"
 #include "core/protocol.h"
-
-// Text fields take the value up to their width, zero-filled, with no
-// terminator when the value fills them.
-static void copy_field(uint8_t* field, size_t width, const char* value) {
-    memset(field, 0, width);
-    size_t n = strlen(value);
-    memcpy(field, value, n < width ? n : width);
-}
+#include "reports/text_field.h"
 
 // atoi as the router's 32-bit C library does it: out-of-range values
 // saturate, whatever the word size of the host.
@@ -30,13 +23,13 @@ void apply_ppp_line(uint8_t* record, char* line) {
     *equals = '\0';
     const char* value = equals + 1;
     if (strcmp(line, "PPP") == 0)
-        copy_field(record + ppp_ppp_offset, ppp_ppp_len, value);
+        copy_text_field(record + ppp_ppp_offset, ppp_ppp_len, value);
     else if (strcmp(line, "TYPE") == 0)
-        copy_field(record + ppp_type_offset, ppp_type_len, value);
+        copy_text_field(record + ppp_type_offset, ppp_type_len, value);
     else if (strcmp(line, "REMOTE") == 0)
-        copy_field(record + ppp_remote_offset, ppp_remote_len, value);
+        copy_text_field(record + ppp_remote_offset, ppp_remote_len, value);
     else if (strcmp(line, "NAME") == 0)
-        copy_field(record + ppp_name_offset, ppp_name_len, value);
+        copy_text_field(record + ppp_name_offset, ppp_name_len, value);
     else if (strcmp(line, "CBQRULE") == 0)
         put_be32(record + ppp_cbqrule_offset, (uint32_t)decimal_to_int32(value));
 }

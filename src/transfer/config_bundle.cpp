@@ -11,6 +11,7 @@
 #include "core/process_exit.h"
 #include "core/protocol.h"
 #include "core/replies.h"
+#include "core/shell.h"
 #include "core/state.h"
 #include "crypto/md5.h"
 #include "crypto/rc4.h"
@@ -153,9 +154,7 @@ static void remove_temporaries() {
 int send_configuration(int fd) {
     puts("Sending client the configuration");
     log_client(LOG_INFO, "configuration being sent to client");
-    if (system("do-prepconfigs") < 0) {
-        // Helper status is not examined.
-    }
+    run_helper("do-prepconfigs");
     if (!build_config_bundle()) {
         remove_temporaries();
         return code_failed;
@@ -186,8 +185,6 @@ int receive_configuration(int fd) {
         return code_failed;
     }
     puts("ok..");
-    if (system("do-saveconfigs") < 0) {
-        // Helper status is not examined.
-    }
+    run_helper("do-saveconfigs");
     return code_ok;
 }

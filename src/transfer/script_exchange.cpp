@@ -5,6 +5,7 @@
 #include <syslog.h>
 
 #include "core/client_log.h"
+#include "core/shell.h"
 #include "core/files.h"
 #include "core/process_exit.h"
 #include "core/protocol.h"
@@ -41,12 +42,6 @@ static const script_entry* select_script(int fd, int number) {
     return &scripts[number];
 }
 
-static void run(const char* command) {
-    if (system(command) < 0) {
-        // Helper status is not examined.
-    }
-}
-
 int send_script(int fd) {
     puts("Sending client the script");
     const script_entry* script = select_script(fd, act_pkt.script);
@@ -67,7 +62,7 @@ int receive_script(int fd) {
     if (!receive_file(fd, upload_path)) end_process(1);
     char command[128];
     snprintf(command, sizeof command, "cp %s %s; rm -f %s", upload_path, script->path, upload_path);
-    run(command);
-    run("save-configs");
+    run_helper(command);
+    run_helper("save-configs");
     return code_ok;
 }
