@@ -247,10 +247,12 @@ def table(args):
     # label, ours, baseline value, baseline name, ratio style, goal (op, bound)
     rows = []
     for d, what in (("rx", "device sends"), ("tx", "device receives")):
-        ours = get("thr_%s_ours" % d, "mbit")
-        rows.append(("Throughput %s (%s), Mbit/s" % (d, what), ours, get("thr_%s_iperf_w" % d, "mbit"),
-                     "iperf3 -w 64K -l 128K", "pct", (">=", 0.90)))
-        rows.append(("  same, vs iperf3 defaults", ours, get("thr_%s_iperf" % d, "mbit"), "iperf3", "pct", None))
+        # The goal is set for the device's sending side (action 32) only.
+        rows.append(("Throughput %s (%s), --window 64K, Mbit/s" % (d, what), get("thr_%s_ours" % d, "mbit"),
+                     get("thr_%s_iperf_w" % d, "mbit"), "iperf3 -w 64K -l 128K", "pct",
+                     (">=", 0.90) if d == "rx" else None))
+        rows.append(("  both with the kernel's buffers", get("thr_%s_ours_auto" % d, "mbit"),
+                     get("thr_%s_iperf" % d, "mbit"), "iperf3", "pct", None))
         rows.append(("  Mbit per CPU-second, both sides", get("thr_%s_ours" % d, "mbit_per_cpu"),
                      get("thr_%s_iperf_w" % d, "mbit_per_cpu"), "iperf3 -w 64K -l 128K", "pct", None))
     for fig, label, size in (("fw", "Firmware upload 32 MiB", 32 << 20), ("backup", "Backup 512 KiB", 512 << 10)):

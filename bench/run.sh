@@ -73,12 +73,13 @@ KEY=$ROOT/src/core/default_cert/key.pem
 sock() { echo "socat -u $1 $2"; }
 step() { printf '%s %s\n' "$(date +%T)" "$*" >&2; }
 
-step "throughput: ${BENCH_REPEAT} x (daemon, iperf3 same buffers, iperf3 defaults) x rx/tx, ${S} s each"
+step "throughput: ${BENCH_REPEAT} x (daemon with 64K and default buffers, iperf3 alike) x rx/tx, ${S} s each"
 for r in $(seq "$BENCH_REPEAT"); do
   for d in rx tx; do
     rev=""
     [[ $d == rx ]] && rev=-R  # rx: the server side (the device) sends
-    $M pair "$RAW" "thr_${d}_ours" --port 856 --server "$D" --client "$C --json throughput $d $S"
+    $M pair "$RAW" "thr_${d}_ours" --port 856 --server "$D" --client "$C --json --window 64K throughput $d $S"
+    $M pair "$RAW" "thr_${d}_ours_auto" --port 856 --server "$D" --client "$C --json throughput $d $S"
     $M pair "$RAW" "thr_${d}_iperf_w" --port 5201 --server "iperf3 -s -1 -p 5201" \
       --client "iperf3 -c 127.0.0.1 -p 5201 -t $S -w 64K -l 128K $rev -J"
     $M pair "$RAW" "thr_${d}_iperf" --port 5201 --server "iperf3 -s -1 -p 5201" \

@@ -1,4 +1,5 @@
 // kelputil: the operator's command-line tool for kelputild.
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -45,6 +46,7 @@ static const char usage_text[] =
     "      --pin SHA256          accept only the device certificate with this fingerprint\n"
     "      --apply, --reboot     after a successful action, apply settings or reboot\n"
     "      --timeout SECS        give up when the device is silent this long (default 15)\n"
+    "      --window SIZE         throughput: fix our socket buffers (e.g. 64K), like iperf3 -w\n"
     "      --password-file FILE  read the admin password from FILE (first line)\n"
     "      --json                machine-readable output\n"
     "  -q, --quiet               no progress and no messages on success\n"
@@ -65,6 +67,7 @@ struct options {
     bool quiet = false;
     bool upgrade = false;
     bool port_given = false;
+    int window = 0;
     std::string password_file;
     std::vector<std::string> args;
 };
@@ -207,6 +210,18 @@ private:
     double last_ = -1;
 };
 
+// "65536", "64K" or "1M"; 0 when it is not a size that fits a socket option.
+static int parse_size(const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long n = strtoull(text.c_str(), &end, 10);
+    if (end == text.c_str() || errno) return 0;
+    if (*end == 'K' || *end == 'k') n <<= 10, end++;
+    else if (*end == 'M' || *end == 'm') n <<= 20, end++;
+    if (*end || n > (1u << 30)) return 0;
+    return (int)n;
+}
+
 static int parse_options(int argc, char** argv, options& o) {
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
@@ -226,6 +241,13 @@ static int parse_options(int argc, char** argv, options& o) {
         else if (a == "--upgrade") o.upgrade = true;
         else if (a == "--timeout") o.t.timeout_ms = (int)(atof(value("--timeout").c_str()) * 1000);
         else if (a == "--password-file") o.password_file = value("--password-file");
+        else if (a == "--window") {
+            o.window = parse_size(value("--window"));
+            if (o.window <= 0) {
+                fputs("kelputil: --window needs a size such as 65536, 64K or 1M\n", stderr);
+                return 1;
+            }
+        }
         else if (a == "--json") o.json = true;
         else if (a == "-q" || a == "--quiet") o.quiet = true;
         else if (a == "-h" || a == "--help") {
@@ -315,7 +337,7 @@ static int run_throughput(const options& o) {
         last = b;
         fflush(stdout);
     };
-    status s = throughput(o.t, rx, seconds, o.flags, &r, tick);
+    status s = throughput(o.t, rx, seconds, o.flags, &r, tick, o.window);
     if (!s) return finish(o, s, "");
     if (o.json) {
         printf("{\"ok\":true,\"direction\":\"%s\",\"bytes\":%llu,\"seconds\":%.3f,\"mbit_per_s\":%.1f}\n",

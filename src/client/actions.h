@@ -59,9 +59,11 @@ struct throughput_result {
 using tick_fn = std::function<void(double elapsed, uint64_t bytes_so_far)>;
 // receive: the device sends and we count (action 32); else we send (action 33).
 // Runs for `seconds`, then closes (or shuts down our side and waits for the
-// device to close). No result packet ever comes.
+// device to close). No result packet ever comes. A window above 0 fixes our
+// side's socket buffers at that size for the test, as iperf3's -w does;
+// 0 leaves them to the kernel.
 status throughput(const target& t, bool receive, double seconds, uint8_t flags, throughput_result* out,
-                  const tick_fn& each_second = nullptr);
+                  const tick_fn& each_second = nullptr, int window = 0);
 
 // The conversations themselves, on a session whose request is already sent;
 // the functions above wrap these. Exposed for tests against a fake device.

@@ -264,7 +264,8 @@ TEST_F(kelputil, exit_statuses_and_json) {
         {"kelputil --json kick-hotspot nobody", 16, {"$.ok=false", "$.exit=16", "$.code=6"}},
         {"kelputil --json ppp", 0, {"$[0].name=\"alice\"", "$[1].remote=\"10.64.0.2\"", "$[1].cbq_rule=-1"}},
         {"kelputil --json hotspot", 0, {"$[0].user=\"carol\"", "$[1].counter2=4096", "$[1].value1=60"}},
-        {"kelputil --json throughput tx 1", 0, {"$.ok=true", "$.direction=\"tx\"", "$.mbit_per_s>0"}},
+        {"kelputil --json --window 64K throughput tx 1", 0, {"$.ok=true", "$.direction=\"tx\"", "$.mbit_per_s>0"}},
+        {"kelputil --window 64Q throughput rx 1", 1, {"--window needs a size"}},
     });
 }
 
