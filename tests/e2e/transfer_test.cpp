@@ -272,36 +272,6 @@ TEST_F(Transfer, ScriptUploadInstallsAndApplies) {
     EXPECT_EQ(router::read_file("/tmp/monitor"), "apply\n");
 }
 
-// The connection cut at a spread of offsets of a whole conversation: the
-// script in place stays as it was and no temporary is left behind.
-TEST_F(Transfer, CutUploadLeavesTheScriptUntouched) {
-    router::write_file("/etc/config/nat.scr", "original\n");
-    bytes body = data(std::string(3000, 'n'));
-    // 34 auth bytes, 42 request bytes, then three frames: 4462 bytes in all.
-    for (size_t cut : {0u, 1u, 33u, 34u, 35u, 75u, 76u, 77u, 1000u, 1537u, 1538u, 2000u, 2999u, 3000u, 4000u, 4461u}) {
-        SCOPED_TRACE(cut);
-        start();
-        connect_and_greet();
-        bytes talk = auth_reply(greeting, password);
-        bytes req = act_pkt(4, 3, 0x01, (uint32_t)body.size());
-        talk.insert(talk.end(), req.begin(), req.end());
-        for (size_t done = 0; done < body.size(); done += 1460) {
-            bytes f = frame(bytes(body.begin() + done, body.begin() + std::min(body.size(), done + 1460)));
-            talk.insert(talk.end(), f.begin(), f.end());
-        }
-        ASSERT_LT(cut, talk.size());
-        client.send_bytes(bytes(talk.begin(), talk.begin() + cut));
-        client.shutdown_write();
-        int status = exit_status(12000);
-        EXPECT_TRUE(status == 1 || status == 2) << status << "\n" << out()
-                                                << router::read_file("/proc/" + std::to_string(daemon.pid) + "/wchan");
-        EXPECT_EQ(router::read_file("/etc/config/nat.scr"), "original\n");
-        EXPECT_FALSE(router::exists("/tmp/kelputil.dat"));
-        EXPECT_EQ(tmp_files(), std::vector<std::string>{});
-        client.close_now();
-    }
-}
-
 TEST_F(Transfer, BadFramesAbortTheUpload) {
     struct {
         const char* name;

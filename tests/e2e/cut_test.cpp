@@ -1,0 +1,128 @@
+// The connection cut after every byte a client sends. Every conversation
+// starts with the same auth reply and a 42-byte request, read whole whatever
+// the action: those 76 bytes are cut once; then the bytes that follow the
+// request are cut for each action that reads any. After every cut the daemon
+// must end at once with the expected status, leave no temporary, install
+// nothing, and run no post-action (every request asks for "apply").
+#include "bundle.h"
+#include "harness.h"
+
+namespace {
+
+bytes data(const std::string& s) { return bytes(s.begin(), s.end()); }
+
+bytes le32_then(uint32_t n, const bytes& rest) {
+    bytes b = {(uint8_t)n, (uint8_t)(n >> 8), (uint8_t)(n >> 16), (uint8_t)(n >> 24)};
+    b.insert(b.end(), rest.begin(), rest.end());
+    return b;
+}
+
+struct conversation {
+    int action, script;
+    uint32_t size;
+    bytes body;  // what follows the request
+};
+
+class Cut : public daemon_test {
+protected:
+    void SetUp() override {
+        daemon_test::SetUp();
+        for (const char* h : {"do-saveconfigs", "save-configs", "do-advnet", "do-pppkick", "spawn"})
+            router::install_helper(h);
+        router::install_helper("do-hotkick", "exit 1");  // a success would apply
+        router::write_file("/etc/config/nat.scr", "original\n");
+    }
+
+    // Under an emulator every start costs about ten times as much: there the
+    // frame's inner bytes, all read by the same call, are cut at a stride.
+    static bool worth_cutting(size_t offset, size_t body_start, size_t end) {
+        if (emulator_prefix().empty() || offset < body_start + 8 || offset + 8 > end) return true;
+        return (offset - body_start) % 61 == 0;
+    }
+
+    // Sends the first `cut` bytes of auth reply, request and body, then
+    // closes our side; returns the daemon's exit status.
+    int cut_after(const conversation& c, size_t cut) {
+        start();
+        connect_and_greet();
+        bytes talk = auth_reply(greeting, password);
+        bytes req = act_pkt(c.action, c.script, 0x01, c.size);
+        talk.insert(talk.end(), req.begin(), req.end());
+        talk.insert(talk.end(), c.body.begin(), c.body.end());
+        client.send_bytes(bytes(talk.begin(), talk.begin() + (long)cut));
+        client.shutdown_write();
+        int status = exit_status(5000);  // nothing waits for its 10 s after a close
+        client.close_now();
+        return status;
+    }
+
+    void expect_nothing_done(const std::string& where) {
+        EXPECT_EQ(tmp_files(), std::vector<std::string>{}) << where;
+        EXPECT_EQ(router::read_file("/etc/config/nat.scr"), "original\n") << where;
+    }
+
+    // Cuts inside the body of c; every such cut must end with body_status.
+    void cut_body(const conversation& c, int body_status, bool helper_may_run = false) {
+        size_t body_start = auth_reply_len + act_pkt_len, end = body_start + c.body.size();
+        for (size_t cut = body_start; cut < end; cut++) {
+            if (!worth_cutting(cut, body_start, end)) continue;
+            std::string where = "action " + std::to_string(c.action) + ", cut after " + std::to_string(cut);
+            ASSERT_EQ(cut_after(c, cut), body_status) << where << "\n" << out();
+            expect_nothing_done(where);
+            if (!helper_may_run) {
+                ASSERT_EQ(router::helper_calls(), std::vector<std::string>{}) << where;
+            }
+            if (HasFailure()) return;
+        }
+    }
+
+    static constexpr size_t auth_reply_len = 34, act_pkt_len = 42;
+};
+
+TEST_F(Cut, LoginAndRequest) {
+    conversation c{4, 3, 10, {}};
+    for (size_t cut = 0; cut < auth_reply_len + act_pkt_len; cut++) {
+        std::string where = "cut after " + std::to_string(cut);
+        ASSERT_EQ(cut_after(c, cut), 1) << where << "\n" << out();
+        std::string last = out_lines().back();
+        EXPECT_EQ(last, cut < auth_reply_len ? "Waiting for tcp port 856 to become available: Ok"
+                                       : "act size: 42, struct act_pkt 42")
+            << where;
+        expect_nothing_done(where);
+        if (HasFailure()) return;
+    }
+    EXPECT_EQ(router::helper_calls(), std::vector<std::string>{});
+}
+
+// A cut anywhere in the frame fails the upload: exit 1, the partial file
+// removed, the installed copy untouched.
+TEST_F(Cut, ScriptUpload) {
+    bytes body = data(std::string(900, 'n'));
+    cut_body({4, 3, (uint32_t)body.size(), frame(body)}, 1);
+}
+
+TEST_F(Cut, ConfigurationUpload) {
+    bytes bundle = kelp::pack_bundle(data(std::string(1200, 'c')));
+    ASSERT_LE(bundle.size(), 1460u);
+    cut_body({3, 0, (uint32_t)bundle.size(), frame(bundle)}, 1);
+}
+
+TEST_F(Cut, FirmwareUpload) {
+    bytes image(1460, 0xA5);
+    cut_body({241, 0, (uint32_t)image.size(), frame(image)}, 1);
+}
+
+// The kick request is one read of whatever has arrived: a cut name is a
+// length mismatch, code 6 through the common ending (exit 0), no helper and,
+// being a failure, no post-action. The address of action 54 is read the same
+// way into a cleared buffer, so a cut address is handed on as it arrived.
+TEST_F(Cut, Kicks) {
+    cut_body({48, 0, 0, le32_then(5, data("alice"))}, 0);
+    cut_body({53, 0, 0, le32_then(3, data("bob"))}, 0);
+    cut_body({54, 0, 0, {10, 0, 0, 7}}, 0, true);
+    std::vector<std::string> calls = router::helper_calls();
+    EXPECT_EQ(calls, (std::vector<std::string>{"do-hotkick ip 0.0.0.0", "do-hotkick ip 10.0.0.0", "do-hotkick ip 10.0.0.0",
+                                               "do-hotkick ip 10.0.0.0"}));
+}
+
+}  // namespace
