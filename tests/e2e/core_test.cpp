@@ -2,7 +2,9 @@
 // the password check, the request and action 0 with its post-actions.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "harness.h"
@@ -115,13 +117,26 @@ TEST_F(Core, PasswdFileProblemsRefuse) {
         {"missing file", "", "secret"},
         {"no admin line", "root:" + router::des_hash("secret") + ":0:0::/:/bin/sh\n", "secret"},
         {"other hash form", "admin:$6$salt$abc:0:0::/:/bin/sh\n", "secret"},
+        // Opening fails even for root: a write-only kernel setting in its place.
+        {"unreadable file", "<write-only>", "secret"},
+        // Opening succeeds and every read fails.
+        {"directory in its place", "<directory>", "secret"},
     };
     for (auto& c : cases) {
         SCOPED_TRACE(c.name);
-        if (c.passwd.empty())
+        umount2("/etc/passwd", MNT_DETACH);
+        rmdir("/etc/passwd");
+        if (c.passwd.empty()) {
             unlink("/etc/passwd");
-        else
+        } else if (c.passwd == "<write-only>") {
+            router::set_admin_password("secret");
+            ASSERT_EQ(mount("/proc/sys/net/ipv4/route/flush", "/etc/passwd", nullptr, MS_BIND, nullptr), 0);
+        } else if (c.passwd == "<directory>") {
+            unlink("/etc/passwd");
+            ASSERT_EQ(mkdir("/etc/passwd", 0755), 0);
+        } else {
             router::write_file("/etc/passwd", c.passwd);
+        }
         start();
         connect_and_greet();
         client.send_bytes(auth_reply(greeting, c.typed));
