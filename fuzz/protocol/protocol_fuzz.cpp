@@ -26,6 +26,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <array>
 #include <random>
 #include <string>
 #include <vector>
@@ -441,7 +442,10 @@ int main(int argc, char** argv) {
 
     printf("protocol_fuzz: seed %u\n", seed);
     std::mt19937 rng(seed);
-    long done = 0, by_status[3] = {0, 0, 0}, reboots = 0;
+    long done = 0;
+    // Per action byte as the daemon read it (256: the request was cut
+    // short): exit 0, 1, 2 and the reboot loop.
+    std::vector<std::array<long, 4>> tally(257, std::array<long, 4>{});
     double start = now_s();
     while (replay.empty() ? (runs < 0 ? since(start) < seconds : done < runs) : done < 1) {
         bytes talk = replay.empty() ? make_conversation(rng) : replayed;
@@ -451,11 +455,19 @@ int main(int argc, char** argv) {
             save(out_dir, "protocol-" + std::to_string(seed) + "-" + std::to_string(done) + ".bin", talk);
             return 1;
         }
-        if (o.status >= 0 && o.status <= 2) by_status[o.status]++;
-        else reboots++;
+        size_t action_at = auth_reply_len + act_action_offset;
+        int action = talk.size() >= auth_reply_len + act_pkt_len ? talk[action_at] : 256;
+        tally[(size_t)action][o.status >= 0 && o.status <= 2 ? o.status : 3]++;
         done++;
     }
-    printf("protocol_fuzz: %ld conversations in %.0f s: exit 0: %ld, exit 1: %ld, exit 2: %ld, reboot loop: %ld\n",
-           done, since(start), by_status[0], by_status[1], by_status[2], reboots);
+    printf("protocol_fuzz: %ld conversations in %.0f s\n", done, since(start));
+    printf("%8s %7s %7s %7s %7s\n", "action", "exit 0", "exit 1", "exit 2", "reboot");
+    for (size_t a = 0; a < tally.size(); a++) {
+        const auto& t = tally[a];
+        if (t[0] + t[1] + t[2] + t[3] == 0) continue;
+        if (a == 256) printf("%8s", "short");
+        else printf("%8zu", a);
+        printf(" %7ld %7ld %7ld %7ld\n", t[0], t[1], t[2], t[3]);
+    }
     return 0;
 }
