@@ -75,9 +75,12 @@ TEST_F(Kick, MalformedRequestsAreNoSuchUser) {
 }
 
 TEST_F(Kick, HelperFailureIsNoSuchUser) {
-    for (const char* status : {"1", "2"}) {
+    for (const char* status : {"1", "2", "missing"}) {
         SCOPED_TRACE(status);
-        router::install_helper("do-hotkick", std::string("exit ") + status);
+        if (std::string(status) == "missing")
+            unlink((std::string(router::helper_dir) + "/do-hotkick").c_str());  // the shell's 127
+        else
+            router::install_helper("do-hotkick", std::string("exit ") + status);
         kick(53, kick_request("bob"), "03 01 06 00 00 00 00", 0x01);
         EXPECT_EQ(router::read_file("/tmp/hotspot.user2kick"), "bob\n");
         EXPECT_FALSE(router::exists("/tmp/monitor"));
