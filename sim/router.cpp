@@ -97,12 +97,12 @@ static bool loopback_up() {
     return ok;
 }
 
-// A second sandbox in the same process replaces the first: the kernel
-// refuses an overlay stacked on an overlay more than once.
 // The daemon empties the page cache before every firmware upload; inside the
 // simulator that would empty the host's, slowing everything else down.
 static const char drop_caches[] = "/proc/sys/vm/drop_caches";
 
+// A second sandbox in the same process replaces the first: the kernel
+// refuses an overlay stacked on an overlay more than once.
 static void leave_previous() {
     for (const char* m : {drop_caches, "/etc", "/dev", "/run", "/tmp"}) umount2(m, MNT_DETACH);
 }
@@ -315,7 +315,7 @@ static void sleep_until_exit(pid_t pid, long long left_ms) {
         return;
     }
     pollfd pf{fd, POLLIN, 0};
-    poll(&pf, 1, (int)left_ms);
+    poll(&pf, 1, (int)std::max(1LL, left_ms));  // never -1: that would wait for good
     close(fd);
 }
 
@@ -325,8 +325,9 @@ int wait_exit(const process& p, int timeout_ms) {
         int status;
         pid_t r = waitpid(p.pid, &status, WNOHANG);
         if (r == p.pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        if (r < 0 || now_ms() >= deadline) return still_running;
-        sleep_until_exit(p.pid, deadline - now_ms());
+        long long left = deadline - now_ms();
+        if (r < 0 || left <= 0) return still_running;
+        sleep_until_exit(p.pid, left);
     }
 }
 
@@ -341,7 +342,8 @@ std::string output(const process& p) { return read_file(p.out_path); }
 
 // Asks the kernel for listening TCP sockets only (sock_diag): /proc/net/tcp
 // lists every connection, and after thousands of short runs the closed ones
-// waiting out their time make each read slow. -1 when sock_diag is missing.
+// waiting out their time make each read slow. -1 when sock_diag is missing,
+// as under qemu-user, which has no such netlink family.
 static int listening_by_diag(int port) {
     int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
     if (fd < 0) return -1;
@@ -360,14 +362,15 @@ static int listening_by_diag(int port) {
         found = 0;
         alignas(nlmsghdr) char buffer[8192];
         for (bool done = false; !done;) {
-            ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+            int n = (int)recv(fd, buffer, sizeof buffer, 0);
             if (n <= 0) break;
-            for (nlmsghdr* h = (nlmsghdr*)buffer; NLMSG_OK(h, (size_t)n); h = NLMSG_NEXT(h, n)) {
+            for (nlmsghdr* h = (nlmsghdr*)buffer; NLMSG_OK(h, n); h = NLMSG_NEXT(h, n)) {
                 if (h->nlmsg_type == NLMSG_DONE || h->nlmsg_type == NLMSG_ERROR) {
                     if (h->nlmsg_type == NLMSG_ERROR && !found) found = -1;
                     done = true;
                     break;
                 }
+                if (h->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) continue;
                 const inet_diag_msg* m = (const inet_diag_msg*)NLMSG_DATA(h);
                 if (ntohs(m->id.idiag_sport) == port) found = 1;
             }
@@ -377,8 +380,11 @@ static int listening_by_diag(int port) {
     return found;
 }
 
-static bool listening(int port) {
+// Sets *slow when the answer came from /proc/net/tcp, which is worth
+// reading less often.
+static bool listening(int port, bool* slow) {
     int by_diag = listening_by_diag(port);
+    *slow = by_diag < 0;
     if (by_diag >= 0) return by_diag == 1;
     std::string table = read_file("/proc/net/tcp");
     char needle[32];
@@ -388,9 +394,10 @@ static bool listening(int port) {
 
 bool wait_for_listener(int port, int timeout_ms) {
     long long deadline = now_ms() + timeout_ms;
-    while (!listening(port)) {
+    bool slow = false;
+    while (!listening(port, &slow)) {
         if (now_ms() >= deadline) return false;
-        usleep(1000);
+        usleep(slow ? 5000 : 1000);
     }
     return true;
 }
