@@ -336,7 +336,9 @@ outcome run_once(const std::string& daemon, const std::vector<std::string>& emul
     if (o.failure.empty() && (err.find("Sanitizer") != std::string::npos || err.find("runtime error") != std::string::npos))
         o.failure = "sanitizer report:\n" + err.substr(0, 4000);
     if (o.failure.empty()) o.failure = check_files(clear_talk);
-    if (!o.failure.empty()) o.failure += "\n--- daemon output ---\n" + out.substr(out.size() > 4000 ? out.size() - 4000 : 0);
+    auto tail = [](const std::string& t) { return t.substr(t.size() > 4000 ? t.size() - 4000 : 0); };
+    if (!o.failure.empty())
+        o.failure += "\n--- daemon stdout ---\n" + tail(out) + "\n--- daemon stderr ---\n" + tail(err);
     unlink(p.out_path.c_str());
     unlink(p.err_path.c_str());
     return o;
@@ -376,13 +378,14 @@ void install_helpers() {
     router::write_file("/run/pppoe/info.ppp0", "NAME=alice\nTYPE=pppoe\nPPP=ppp0\nREMOTE=10.64.0.2\n");
 }
 
-bool save(const std::string& dir, const std::string& name, const bytes& talk) {
-    std::string path = dir + "/" + name;
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    bool ok = write(fd, talk.data(), talk.size()) == (ssize_t)talk.size();
-    close(fd);
-    fprintf(stderr, "protocol_fuzz: conversation saved to %s\n", path.c_str());
+// dir_fd was opened before entering the sandbox, whose /tmp and /run hide
+// the caller's.
+bool save(int dir_fd, const std::string& name, const bytes& talk) {
+    int fd = openat(dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    bool ok = fd >= 0 && write(fd, talk.data(), talk.size()) == (ssize_t)talk.size();
+    if (fd >= 0) close(fd);
+    if (ok) fprintf(stderr, "protocol_fuzz: conversation saved as %s\n", name.c_str());
+    else fprintf(stderr, "protocol_fuzz: could not save the conversation as %s: %s\n", name.c_str(), strerror(errno));
     return ok;
 }
 
@@ -418,9 +421,11 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    // Saved conversations go where the caller asked, outside the sandbox.
-    char cwd[4096];
-    if (out_dir == "." && getcwd(cwd, sizeof cwd)) out_dir = cwd;
+    int out_fd = open(out_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (out_fd < 0) {
+        fprintf(stderr, "protocol_fuzz: %s: %s\n", out_dir.c_str(), strerror(errno));
+        return 2;
+    }
     bytes replayed;
     if (!replay.empty()) {
         std::string text = router::read_file(replay);
@@ -437,7 +442,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     // A declared size near 2 GiB would otherwise be probed in full.
-    mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777,size=64m");
+    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777,size=64m") != 0) {
+        perror("protocol_fuzz: a small /tmp");
+        return 2;
+    }
     router::set_admin_password(password);
     install_helpers();
     router::serve_syslog("/run/sandbox/syslog");
@@ -455,7 +463,7 @@ int main(int argc, char** argv) {
         outcome o = run_once(KELP_DAEMON, emulator, talk, rng);
         if (!o.failure.empty()) {
             fprintf(stderr, "protocol_fuzz: run %ld (seed %u): %s\n", done, seed, o.failure.c_str());
-            save(out_dir, "protocol-" + std::to_string(seed) + "-" + std::to_string(done) + ".bin", talk);
+            save(out_fd, "protocol-" + std::to_string(seed) + "-" + std::to_string(done) + ".bin", talk);
             return 1;
         }
         size_t action_at = auth_reply_len + act_action_offset;
