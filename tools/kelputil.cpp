@@ -46,7 +46,7 @@ static const char usage_text[] =
     "      --pin SHA256          accept only the device certificate with this fingerprint\n"
     "      --apply, --reboot     after a successful action, apply settings or reboot\n"
     "      --timeout SECS        give up when the device is silent this long (default 15)\n"
-    "      --window SIZE         throughput: fix our socket buffers (e.g. 64K), like iperf3 -w\n"
+    "      --window SIZE         throughput: fix our socket buffers at SIZE (e.g. 64K) once logged in\n"
     "      --password-file FILE  read the admin password from FILE (first line)\n"
     "      --json                machine-readable output\n"
     "  -q, --quiet               no progress and no messages on success\n"
@@ -210,16 +210,19 @@ private:
     double last_ = -1;
 };
 
-// "65536", "64K" or "1M"; 0 when it is not a size that fits a socket option.
+// "65536", "64K" or "1M", at most 1 GiB; 0 for anything else.
 static int parse_size(const std::string& text) {
+    if (text.empty() || text[0] < '0' || text[0] > '9') return 0;  // strtoull would take "-1"
     char* end = nullptr;
     errno = 0;
     unsigned long long n = strtoull(text.c_str(), &end, 10);
-    if (end == text.c_str() || errno) return 0;
-    if (*end == 'K' || *end == 'k') n <<= 10, end++;
-    else if (*end == 'M' || *end == 'm') n <<= 20, end++;
-    if (*end || n > (1u << 30)) return 0;
-    return (int)n;
+    if (errno) return 0;
+    int shift = 0;
+    if (*end == 'K' || *end == 'k') shift = 10, end++;
+    else if (*end == 'M' || *end == 'm') shift = 20, end++;
+    const unsigned long long limit = 1ull << 30;
+    if (*end || n > (limit >> shift)) return 0;
+    return (int)(n << shift);
 }
 
 static int parse_options(int argc, char** argv, options& o) {

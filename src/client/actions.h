@@ -60,8 +60,8 @@ using tick_fn = std::function<void(double elapsed, uint64_t bytes_so_far)>;
 // receive: the device sends and we count (action 32); else we send (action 33).
 // Runs for `seconds`, then closes (or shuts down our side and waits for the
 // device to close). No result packet ever comes. A window above 0 fixes our
-// side's socket buffers at that size for the test, as iperf3's -w does;
-// 0 leaves them to the kernel.
+// side's socket buffers at that size once logged in; 0 leaves them to the
+// kernel.
 status throughput(const target& t, bool receive, double seconds, uint8_t flags, throughput_result* out,
                   const tick_fn& each_second = nullptr, int window = 0);
 
