@@ -263,6 +263,18 @@ void forget_syslog() {
     received.clear();
 }
 
+std::vector<std::string> split_list(const std::string& list) {
+    std::vector<std::string> out;
+    size_t start = 0;
+    while (start < list.size()) {
+        size_t end = list.find(';', start);
+        if (end == std::string::npos) end = list.size();
+        if (end > start) out.push_back(list.substr(start, end - start));
+        start = end + 1;
+    }
+    return out;
+}
+
 process start(const std::string& binary, const std::string& argv0, const std::vector<std::string>& emulator) {
     process p;
     std::string base = argv0.substr(argv0.find_last_of('/') == std::string::npos ? 0 : argv0.find_last_of('/') + 1);

@@ -52,6 +52,9 @@ pid_t serve_syslog(const std::string& path);
 // Drops the lines received so far (the next daemon run starts afresh).
 void forget_syslog();
 
+// "a;b;c" (a CMake list, such as an emulator and its options) -> {a, b, c}.
+std::vector<std::string> split_list(const std::string& list);
+
 struct process {
     pid_t pid = -1;
     std::string out_path;  // stdout

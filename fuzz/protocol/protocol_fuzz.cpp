@@ -32,6 +32,8 @@
 #include <vector>
 
 #include "bundle.h"
+#include "session.h"
+#include "transfer.h"
 #include "core/protocol.h"
 #include "crypto/rc4.h"
 #include "router.h"
@@ -70,21 +72,21 @@ double since(double t) { return now_s() - t; }
 // --- building conversations -------------------------------------------------
 
 bytes request_packet(int action, int script, int flags, uint32_t size) {
-    bytes p(act_pkt_len, 0);
-    p[act_action_offset] = (uint8_t)action;
-    p[act_script_offset] = (uint8_t)script;
-    p[act_flags_offset] = (uint8_t)flags;
-    put_le32(p.data() + act_size_offset, size);
+    kelp::request r;
+    r.action = (uint8_t)action;
+    r.script = (uint8_t)script;
+    r.flags = (uint8_t)flags;
+    r.size = size;
+    bytes p(act_pkt_len);
+    kelp::encode_request(r, p.data());
     return p;
 }
 
 void append_frames(bytes& out, const bytes& body) {
     for (size_t done = 0; done < body.size(); done += frame_payload_len) {
-        size_t n = std::min(frame_payload_len, body.size() - done);
-        bytes f(frame_len, 0);
-        put_le16(f.data(), (uint16_t)n);
-        memcpy(f.data() + 2, body.data() + done, n);
-        out.insert(out.end(), f.begin(), f.end());
+        out.resize(out.size() + frame_len);
+        kelp::encode_frame(body.data() + done, std::min(frame_payload_len, body.size() - done),
+                           out.data() + out.size() - frame_len);
     }
 }
 
@@ -368,7 +370,7 @@ void install_helpers() {
     router::install_helper("do-prepconfigs", "head -c 2000 /dev/urandom > /tmp/saved-configs");
     router::install_helper("do-pppkick", "exit $(( $(wc -c < /tmp/kick-user) % 2 ))");
     router::install_helper("do-hotkick", "[ \"$1\" = ip ] && exit 0; exit 1");
-    router::install_helper("do-hotshow", "echo 'carol 10.0.0.5 00:11:22:33:44:55 60 1024 4096 60 0'");
+    router::install_helper("do-hotshow", "echo 'carol|10.0.0.5|00:11:22:33:44:55|1024|4096|60|0'");
     router::install_helper("show-sysinfo", "echo router; echo uptime 42");
     router::install_helper("show-version", "echo kelp 3");
     router::install_helper("logread", "echo kernel: line");
@@ -387,18 +389,6 @@ bool save(int dir_fd, const std::string& name, const bytes& talk) {
     if (ok) fprintf(stderr, "protocol_fuzz: conversation saved as %s\n", name.c_str());
     else fprintf(stderr, "protocol_fuzz: could not save the conversation as %s: %s\n", name.c_str(), strerror(errno));
     return ok;
-}
-
-std::vector<std::string> split_list(const std::string& list) {
-    std::vector<std::string> out;
-    size_t start = 0;
-    while (start < list.size()) {
-        size_t end = list.find(';', start);
-        if (end == std::string::npos) end = list.size();
-        if (end > start) out.push_back(list.substr(start, end - start));
-        start = end + 1;
-    }
-    return out;
 }
 
 }  // namespace
@@ -449,7 +439,7 @@ int main(int argc, char** argv) {
     router::set_admin_password(password);
     install_helpers();
     router::serve_syslog("/run/sandbox/syslog");
-    std::vector<std::string> emulator = split_list(KELP_EMULATOR);
+    std::vector<std::string> emulator = router::split_list(KELP_EMULATOR);
 
     printf("protocol_fuzz: seed %u\n", seed);
     std::mt19937 rng(seed);

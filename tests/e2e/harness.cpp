@@ -15,14 +15,6 @@
 
 #include "crypto/rc4.h"
 
-bytes hex(const char* text) {
-    bytes out;
-    std::istringstream in(text);
-    std::string word;
-    while (in >> word) out.push_back((uint8_t)strtoul(word.c_str(), nullptr, 16));
-    return out;
-}
-
 std::string show(const bytes& b) {
     std::string s;
     char buf[4];
@@ -128,18 +120,7 @@ bytes frame(const bytes& payload) {
     return f;
 }
 
-std::vector<std::string> emulator_prefix() {
-    std::vector<std::string> out;
-    std::string list = KELP_EMULATOR;
-    size_t start = 0;
-    while (start < list.size()) {
-        size_t end = list.find(';', start);
-        if (end == std::string::npos) end = list.size();
-        if (end > start) out.push_back(list.substr(start, end - start));
-        start = end + 1;
-    }
-    return out;
-}
+std::vector<std::string> emulator_prefix() { return router::split_list(KELP_EMULATOR); }
 
 void daemon_test::SetUp() {
     std::string error = router::enter(sandbox_options());

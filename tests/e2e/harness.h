@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "hex.h"
 #include "router.h"
 
 using bytes = std::vector<uint8_t>;
@@ -15,7 +16,6 @@ using bytes = std::vector<uint8_t>;
 // The emulator that runs a cross-built daemon, empty for a native build.
 std::vector<std::string> emulator_prefix();
 
-bytes hex(const char* text);  // "03 01 01" -> {3, 1, 1}
 std::string show(const bytes& b);
 
 // A raw TCP client on 127.0.0.1 with bounded waits.

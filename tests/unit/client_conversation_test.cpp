@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "actions.h"
+#include "hex.h"
 #include "transfer.h"
 
 using kelp::bytes;
@@ -18,12 +19,6 @@ using kelp::error_kind;
 
 namespace {
 
-bytes hex(const std::string& t) {
-    bytes out;
-    for (size_t i = 0; i < t.size(); i += (t[i] == ' ' ? 1 : 2))
-        if (t[i] != ' ') out.push_back((uint8_t)std::stoul(t.substr(i, 2), nullptr, 16));
-    return out;
-}
 void put(int fd, const bytes& b) { send(fd, b.data(), b.size(), MSG_NOSIGNAL); }
 void put(int fd, const std::string& h) { put(fd, hex(h)); }
 bytes take(int fd, size_t n) {

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "bundle.h"
+#include "hex.h"
 #include "records.h"
 #include "session.h"
 #include "transfer.h"
@@ -12,12 +13,6 @@ using kelp::error_kind;
 
 namespace {
 
-bytes hex(const std::string& t) {
-    bytes out;
-    for (size_t i = 0; i < t.size(); i += (t[i] == ' ' ? 1 : 2))
-        if (t[i] != ' ') out.push_back((uint8_t)std::stoul(t.substr(i, 2), nullptr, 16));
-    return out;
-}
 bytes text(const std::string& s) { return bytes(s.begin(), s.end()); }
 bytes cat(std::initializer_list<bytes> parts) {
     bytes out;

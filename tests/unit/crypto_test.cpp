@@ -7,12 +7,8 @@
 
 #include "crypto/md5.h"
 #include "crypto/rc4.h"
+#include "hex.h"
 
-static std::vector<uint8_t> hex(const char* text) {
-    std::vector<uint8_t> out;
-    for (size_t i = 0; text[i] && text[i + 1]; i += 2) out.push_back((uint8_t)std::stoi(std::string(text + i, 2), nullptr, 16));
-    return out;
-}
 
 static std::vector<uint8_t> bytes(const char* text) { return std::vector<uint8_t>(text, text + strlen(text)); }
 
