@@ -22,7 +22,9 @@ int main(int argc, char** argv) {
         return 1;
     }
     kelp::target t;
-    t.password = password;
+    t.port = plain_port;
+    t.tls = false;
+    t.password = kelp::fixed_password(password);
     kelp::session s;
     kelp::request r;
     r.action = action_firmware;

@@ -10,7 +10,7 @@
 
 #include <chrono>
 
-#include "tls_transport.h"
+#include "bundle.h"
 #include "transfer.h"
 
 namespace kelp {
@@ -62,35 +62,16 @@ double since(std::chrono::steady_clock::time_point start) {
 
 }  // namespace
 
+const char* const no_such_script = "the device has no such script";
+
+bool is_missing_script(const status& s) { return s.kind == error_kind::closed && s.message == no_such_script; }
+
 uint8_t script_by_name(const std::string& name) {
     if (name == "cbq") return script_cbq;
     if (name == "fw") return script_fw;
     if (name == "nat") return script_nat;
     if (name == "dhcp") return script_dhcp;
     return 0;
-}
-
-static bool closed_before_greeting(const status& st) {
-    return st.kind == error_kind::closed && st.message.find("before its greeting") != std::string::npos;
-}
-
-status open_session(session& s, const target& t, const request& r) {
-    // A connection that reached the previous daemon's listener just before it
-    // exited is dropped unanswered; the next daemon is moments away.
-    status st;
-    for (int attempt = 0; attempt < 20; attempt++) {
-        s.close();
-        if (!(st = s.connect(t.host, t.port, t.timeout_ms))) return st;
-        if (t.tls && !(st = start_tls(s, t.pin_sha256))) {
-            if (st.kind == error_kind::closed) continue;
-            return st;
-        }
-        st = s.login(t.password);
-        if (!closed_before_greeting(st)) break;
-        usleep(50 * 1000);
-    }
-    if (!st) return st;
-    return s.send_request(r);
 }
 
 status trigger(const target& t, uint8_t flags) {
@@ -109,7 +90,8 @@ status backup_config(const target& t, uint8_t flags, bytes* bundle, const progre
 }
 
 status restore_config(const target& t, uint8_t flags, const bytes& bundle, const progress_fn& p) {
-    status st = check_upload_size(bundle.size());
+    // Nothing travels that the device would refuse.
+    status st = check_bundle_for_device(bundle);
     if (!st) return st;
     session s;
     if (!(st = open_session(s, t, make_request(action_receive_config, flags, 0, (uint32_t)bundle.size())))) return st;
@@ -130,7 +112,7 @@ status get_script(const target& t, uint8_t script, uint8_t flags, bytes* body, c
     if (!(st = receive_body(s, size, body, p))) return st;
     st = s.expect_result();
     // A missing script is announced as 0 bytes and then the connection closes.
-    if (size == 0 && st.kind == error_kind::closed) return fail(error_kind::closed, "the device has no such script");
+    if (size == 0 && st.kind == error_kind::closed) return fail(error_kind::closed, no_such_script);
     return st;
 }
 
@@ -231,13 +213,18 @@ status converse_firmware(session& s, const bytes& image, bool start_upgrade, con
 }
 
 status upload_firmware(const target& t, const bytes& image, bool start_upgrade, const progress_fn& p,
-                       const line_fn& on_line) {
-    // Firmware is bounded by the device's free space, not by the script limit.
-    status st = image.size() > 0xFFFFFFFFu ? fail(error_kind::local, "image too large") : ok();
-    if (!st) return st;
+                       const line_fn& on_line, const line_fn& on_phase) {
+    // Firmware is bounded by the device's free space, not by the script limit;
+    // the device reads sizes of 2 GiB and more as negative and refuses them.
+    if (image.size() >= 0x80000000u)
+        return fail(error_kind::local, "the image is 2 GiB or larger; the device takes smaller images only");
     session s;
     uint8_t flags = start_upgrade ? 0x01 : 0x00;
-    if (!(st = open_session(s, t, make_request(action_firmware, flags, 0, (uint32_t)image.size())))) return st;
+    status st = open_session(s, t, make_request(action_firmware, flags, 0, (uint32_t)image.size()));
+    if (!st) return st;
+    // The device writes as many bytes as the image to its /tmp before it
+    // answers: with a large image that is a noticeable pause.
+    if (on_phase) on_phase("the device is checking that " + std::to_string(image.size()) + " bytes fit");
     return converse_firmware(s, image, start_upgrade, p, on_line);
 }
 
@@ -269,11 +256,11 @@ status throughput(const target& t, bool receive, double seconds, uint8_t flags, 
     double last_progress = 0;
     for (;;) {
         double now = since(start);
-        if (now >= seconds) break;
-        if (each_second && now >= next_tick) {
-            each_second(now, out->bytes);
+        if (each_second && now >= next_tick && next_tick < seconds) {
+            each_second(next_tick, out->bytes);
             next_tick += 1;
         }
+        if (now >= seconds) break;
         // Move data until the socket would block, and wait only then: a wait
         // before every call costs as much as the call itself on a fast link.
         bool would_block = false, ended = false;
@@ -301,6 +288,7 @@ status throughput(const target& t, bool receive, double seconds, uint8_t flags, 
         if (idle * 1000 > t.timeout_ms) return fail(error_kind::timed_out, "no data moved during the test");
     }
     out->seconds = since(start);
+    if (each_second) each_second(out->seconds, out->bytes);  // the last interval, however short
     if (!receive) {
         // Our side is done; the device closes once it has read everything.
         s.shutdown_send();

@@ -31,35 +31,24 @@ std::string errno_text(const char* what) { return std::string(what) + ": " + str
 
 }  // namespace
 
-static status connect_once(const std::string& host, int port, int timeout_ms, int* fd_out, bool* refused);
-
-static long long now_ms() {
+long long monotonic_ms() {
     timespec t;
     clock_gettime(CLOCK_MONOTONIC, &t);
     return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
 }
 
-// The daemon serves one connection per process: between two clients its
-// supervisor is starting the next one, so a refusal is retried briefly.
-status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_out) {
-    long long deadline = now_ms() + std::min(timeout_ms, 3000);
-    for (;;) {
-        bool refused = false;
-        status s = connect_once(host, port, timeout_ms, fd_out, &refused);
-        if (s || !refused || now_ms() >= deadline) return s;
-        usleep(20 * 1000);
-    }
-}
-
-static status connect_once(const std::string& host, int port, int timeout_ms, int* fd_out, bool* refused) {
+status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_out, bool* refused) {
     *fd_out = -1;
+    bool ignored = false;
+    if (!refused) refused = &ignored;
+    *refused = false;
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* list = nullptr;
     std::string service = std::to_string(port);
     int rc = getaddrinfo(host.c_str(), service.c_str(), &hints, &list);
-    if (rc != 0) return fail(error_kind::connect_failed, host + ": " + gai_strerror(rc));
+    if (rc != 0) return fail(error_kind::connect_failed, "cannot resolve " + host + ": " + gai_strerror(rc));
 
     status last = fail(error_kind::connect_failed, host + ": no usable address");
     for (addrinfo* a = list; a; a = a->ai_next) {
@@ -85,7 +74,9 @@ static status connect_once(const std::string& host, int port, int timeout_ms, in
         }
         if (r < 0) {
             if (errno == ECONNREFUSED) *refused = true;
-            last = fail(error_kind::connect_failed, "connecting to " + host + ":" + service + ": " + strerror(errno));
+            last = fail(error_kind::connect_failed,
+                        *refused ? host + ":" + service + " refused the connection"
+                                 : "connecting to " + host + ":" + service + ": " + strerror(errno));
             close(fd);
             continue;
         }

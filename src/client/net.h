@@ -11,8 +11,12 @@
 
 namespace kelp {
 
-// Resolves host (name or address) and connects, giving up after timeout_ms.
-status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_out);
+// CLOCK_MONOTONIC in milliseconds: every deadline of the client is on it.
+long long monotonic_ms();
+
+// Resolves host (name or address) and connects once, giving up after
+// timeout_ms. A refusal is kind connect_failed with *refused set.
+status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_out, bool* refused = nullptr);
 // Writes all n bytes; a single send() when the socket buffer allows.
 status send_all(int fd, const uint8_t* p, size_t n, int timeout_ms);
 // Reads 1..cap bytes; a closed connection is error_kind::closed.

@@ -11,8 +11,8 @@ namespace kelp {
 
 status plain_transport::send(const uint8_t* p, size_t n) { return send_all(fd_, p, n, timeout_ms_); }
 
-status plain_transport::recv_some(uint8_t* p, size_t cap, size_t* got) {
-    return kelp::recv_some(fd_, p, cap, got, timeout_ms_);
+status plain_transport::recv_some(uint8_t* p, size_t cap, size_t* got, int wait_ms) {
+    return kelp::recv_some(fd_, p, cap, got, wait_ms);
 }
 
 status parse_greeting(const uint8_t g[greeting_len], uint8_t challenge[challenge_len]) {
@@ -70,16 +70,29 @@ void session::adopt(int fd, int timeout_ms) {
 }
 
 void session::close() {
+    if (fd_ >= 0 && trail_)
+        trail_("closed; " + std::to_string(sent_) + " bytes sent and " + std::to_string(received_) +
+               " received after the request");
+    sent_ = received_ = 0;
     front_.reset();  // before the socket: a TLS front may still refer to it
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
 }
 
-status session::front_recv_exact(uint8_t* p, size_t n) {
+int session::wait_ms() const {
+    if (deadline_ms_ == 0) return timeout_ms_;
+    long long left = deadline_ms_ - monotonic_ms();
+    if (left <= 0) return 0;
+    return left < timeout_ms_ ? (int)left : timeout_ms_;
+}
+
+static status out_of_time() { return fail(error_kind::timed_out, "the time allowed for this device ran out"); }
+
+status session::front_recv_exact(uint8_t* p, size_t n, int wait) {
     if (!front_) return fail(error_kind::local, "not connected");
     while (n > 0) {
         size_t got = 0;
-        status s = front_->recv_some(p, n, &got);
+        status s = front_->recv_some(p, n, &got, wait);
         if (!s) return s;
         p += got;
         n -= got;
@@ -87,22 +100,28 @@ status session::front_recv_exact(uint8_t* p, size_t n) {
     return ok();
 }
 
-status session::login(const std::string& password) {
+status session::read_greeting(uint8_t challenge[challenge_len], int max_wait_ms) {
+    int wait = wait_ms();
+    if (max_wait_ms > 0 && max_wait_ms < wait) wait = max_wait_ms;
+    if (wait <= 0) return out_of_time();
     uint8_t g[greeting_len];
-    status s = front_recv_exact(g, sizeof g);
+    status s = front_recv_exact(g, sizeof g, wait);
     if (!s) {
         if (s.kind == error_kind::closed) s.message = "the device closed the connection before its greeting";
         return s;
     }
-    uint8_t challenge[challenge_len];
-    if (!(s = parse_greeting(g, challenge))) return s;
+    return parse_greeting(g, challenge);
+}
 
+status session::authenticate(const uint8_t challenge[challenge_len], const std::string& password) {
     uint8_t auth[auth_reply_len];
     encode_auth_reply(challenge, password, auth);
-    if (!(s = front_->send(auth, sizeof auth))) return s;
-
+    status s = front_->send(auth, sizeof auth);
+    if (!s) return s;
     uint8_t answer[auth_answer_len];
-    s = front_recv_exact(answer, sizeof answer);
+    int wait = wait_ms();
+    if (wait <= 0) return out_of_time();
+    s = front_recv_exact(answer, sizeof answer, wait);
     if (s.kind == error_kind::closed)
         return fail(error_kind::protocol, "the device closed the connection without answering the login");
     if (!s) return s;
@@ -112,6 +131,12 @@ status session::login(const std::string& password) {
     return ok();
 }
 
+status session::login(const std::string& password) {
+    uint8_t challenge[challenge_len];
+    status s = read_greeting(challenge);
+    return s ? authenticate(challenge, password) : s;
+}
+
 status session::send_request(const request& r) {
     if (!front_) return fail(error_kind::local, "not connected");
     uint8_t pkt[act_pkt_len];
@@ -119,10 +144,23 @@ status session::send_request(const request& r) {
     return front_->send(pkt, sizeof pkt);
 }
 
-status session::send_raw(const uint8_t* p, size_t n) { return send_all(fd_, p, n, timeout_ms_); }
-status session::recv_raw(uint8_t* p, size_t n) { return recv_exact(fd_, p, n, timeout_ms_); }
+status session::send_raw(const uint8_t* p, size_t n) {
+    int wait = wait_ms();
+    status s = wait > 0 ? send_all(fd_, p, n, wait) : out_of_time();
+    if (s) sent_ += n;
+    return s;
+}
+status session::recv_raw(uint8_t* p, size_t n) {
+    int wait = wait_ms();
+    status s = wait > 0 ? recv_exact(fd_, p, n, wait) : out_of_time();
+    if (s) received_ += n;
+    return s;
+}
 status session::recv_some_raw(uint8_t* p, size_t cap, size_t* got) {
-    return kelp::recv_some(fd_, p, cap, got, timeout_ms_);
+    int wait = wait_ms();
+    status s = wait > 0 ? kelp::recv_some(fd_, p, cap, got, wait) : out_of_time();
+    if (s) received_ += *got;
+    return s;
 }
 void session::shutdown_send() {
     if (fd_ >= 0) shutdown(fd_, SHUT_WR);

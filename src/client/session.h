@@ -14,6 +14,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -27,15 +28,15 @@ public:
     virtual ~transport() = default;
     // Sends the whole buffer as one write (one record under TLS).
     virtual status send(const uint8_t* p, size_t n) = 0;
-    // Receives 1..cap bytes, or fails (closed, timed out, ...).
-    virtual status recv_some(uint8_t* p, size_t cap, size_t* got) = 0;
+    // Receives 1..cap bytes within wait_ms, or fails (closed, timed out, ...).
+    virtual status recv_some(uint8_t* p, size_t cap, size_t* got, int wait_ms) = 0;
 };
 
 class plain_transport : public transport {
 public:
     plain_transport(int fd, int timeout_ms) : fd_(fd), timeout_ms_(timeout_ms) {}
     status send(const uint8_t* p, size_t n) override;
-    status recv_some(uint8_t* p, size_t cap, size_t* got) override;
+    status recv_some(uint8_t* p, size_t cap, size_t* got, int wait_ms) override;
 
 private:
     int fd_;
@@ -79,10 +80,21 @@ public:
 
     int fd() const { return fd_; }
     int timeout_ms() const { return timeout_ms_; }
+    // An absolute limit (CLOCK_MONOTONIC, ms) on every wait; 0 for none.
+    void set_deadline(long long monotonic_ms) { deadline_ms_ = monotonic_ms; }
+    // What the next wait may take: the time-out, cut at the deadline; 0 when
+    // the deadline has passed.
+    int wait_ms() const;
+    // Hears, on close, how many bytes moved after the request (--verbose).
+    void set_trail(std::function<void(const std::string&)> trail) { trail_ = std::move(trail); }
     // The TLS seam: replaces the plain front transport.
     void set_front(std::unique_ptr<transport> t) { front_ = std::move(t); }
 
-    // Greeting, auth reply and auth answer through the front transport.
+    // The greeting, within max_wait_ms (or the usual wait when 0).
+    status read_greeting(uint8_t challenge[challenge_len], int max_wait_ms = 0);
+    // Auth reply and auth answer.
+    status authenticate(const uint8_t challenge[challenge_len], const std::string& password);
+    // Both, through the front transport.
     status login(const std::string& password);
     // The act_pkt through the front transport, as one write.
     status send_request(const request& r);
@@ -102,10 +114,13 @@ public:
     status expect_size(uint32_t* size);
 
 private:
-    status front_recv_exact(uint8_t* p, size_t n);
+    status front_recv_exact(uint8_t* p, size_t n, int wait_ms);
 
     int fd_ = -1;
     int timeout_ms_ = 15000;
+    long long deadline_ms_ = 0;
+    uint64_t sent_ = 0, received_ = 0;
+    std::function<void(const std::string&)> trail_;
     std::unique_ptr<transport> front_;
 };
 

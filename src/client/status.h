@@ -21,6 +21,7 @@ enum class error_kind {
     timed_out,         // nothing arrived (or could be sent) within the limit
     closed,            // the device closed the connection early
     protocol,          // the device sent something we cannot make sense of
+    wrong_protocol,    // plain on the TLS port, or TLS on the plain port
     certificate,       // TLS set-up or certificate check failed
     device,            // the device answered a result code other than 1 (see code)
 };

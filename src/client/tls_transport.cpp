@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/socket.h>
 
 #include <mbedtls/ctr_drbg.h>
@@ -18,6 +19,10 @@ namespace kelp {
 struct tls_state {
     int fd = -1;
     int timeout_ms = 15000;
+    // The first bytes the device sent, to tell the plain protocol's greeting
+    // from a broken handshake.
+    uint8_t first[8] = {};
+    size_t first_len = 0;
     mbedtls_entropy_context entropy;
     mbedtls_ctr_drbg_context drbg;
     mbedtls_ssl_config config;
@@ -51,15 +56,20 @@ static int send_on(void* context, const unsigned char* data, size_t n) {
     return MBEDTLS_ERR_NET_SEND_FAILED;
 }
 
-// mbedTLS passes the read time-out set with mbedtls_ssl_conf_read_timeout.
-static int receive_on(void* context, unsigned char* data, size_t n, uint32_t timeout_ms) {
-    int fd = ((const tls_state*)context)->fd;
+// The wait is the state's, set per call: the configured read time-out
+// cannot follow a deadline.
+static int receive_on(void* context, unsigned char* data, size_t n, uint32_t) {
+    tls_state* s = (tls_state*)context;
+    int fd = s->fd;
     struct pollfd p = {fd, POLLIN, 0};
-    int r = poll(&p, 1, timeout_ms ? (int)timeout_ms : -1);
+    int r = poll(&p, 1, s->timeout_ms > 0 ? s->timeout_ms : 1);
     if (r == 0) return MBEDTLS_ERR_SSL_TIMEOUT;
     if (r < 0) return errno == EINTR ? MBEDTLS_ERR_SSL_WANT_READ : MBEDTLS_ERR_NET_RECV_FAILED;
     ssize_t got = recv(fd, data, n, 0);
-    if (got > 0) return (int)got;
+    if (got > 0) {
+        for (ssize_t i = 0; i < got && s->first_len < sizeof s->first; i++) s->first[s->first_len++] = data[i];
+        return (int)got;
+    }
     if (got == 0) return MBEDTLS_ERR_NET_CONN_RESET;  // never a zero read: that is an empty record
     if (errno == EINTR || errno == EAGAIN) return MBEDTLS_ERR_SSL_WANT_READ;
     if (errno == ECONNRESET) return MBEDTLS_ERR_NET_CONN_RESET;
@@ -123,10 +133,15 @@ status tls_transport::open(int fd, const std::string& pin_sha256, int timeout_ms
 
     while ((r = mbedtls_ssl_handshake(&s.ssl)) != 0) {
         if (r == MBEDTLS_ERR_SSL_WANT_READ || r == MBEDTLS_ERR_SSL_WANT_WRITE) continue;
-        if (r == MBEDTLS_ERR_SSL_TIMEOUT) return fail(error_kind::timed_out, "the device stopped answering during the TLS handshake");
-        if (peer_closed(r)) return fail(error_kind::certificate, "the device closed the connection during the TLS handshake");
+        if (s.first_len >= 4 && memcmp(s.first, greeting_text, 4) == 0)
+            return fail(error_kind::wrong_protocol, "the device speaks the plain protocol on this port, not TLS");
+        if (r == MBEDTLS_ERR_SSL_TIMEOUT)
+            return fail(error_kind::timed_out, "no answer to the TLS handshake within " + std::to_string(timeout_ms) + " ms");
+        if (peer_closed(r)) return fail(error_kind::closed, "the device closed the connection during the TLS handshake");
         return fail(error_kind::certificate, "TLS handshake failed: " + tls_error(r));
     }
+    t->version_ = mbedtls_ssl_get_version(&s.ssl);
+    t->cipher_ = mbedtls_ssl_get_ciphersuite(&s.ssl);
     const mbedtls_x509_crt* peer = mbedtls_ssl_get_peer_cert(&s.ssl);
     if (!peer) return fail(error_kind::certificate, "the device presented no certificate");
     uint8_t digest[32];
@@ -134,8 +149,8 @@ status tls_transport::open(int fd, const std::string& pin_sha256, int timeout_ms
     t->peer_sha256_ = to_hex(digest, sizeof digest);
     // Checked before anything secret travels: on a mismatch nothing is sent.
     if (!pin.empty() && pin != t->peer_sha256_)
-        return fail(error_kind::certificate, "certificate mismatch: the device presented SHA-256 " + t->peer_sha256_ +
-                                                 ", expected " + pin);
+        return fail(error_kind::certificate, "the certificate does not match the pin: it has SHA-256 " +
+                                                 t->peer_sha256_ + ", the pin is " + pin);
     *out = std::move(t);
     return {};
 }
@@ -153,7 +168,8 @@ status tls_transport::send(const uint8_t* data, size_t n) {
     return {};
 }
 
-status tls_transport::recv_some(uint8_t* p, size_t cap, size_t* got) {
+status tls_transport::recv_some(uint8_t* p, size_t cap, size_t* got, int wait_ms) {
+    state_->timeout_ms = wait_ms;
     for (;;) {
         int r = mbedtls_ssl_read(&state_->ssl, p, cap);
         if (r > 0) {
@@ -168,11 +184,13 @@ status tls_transport::recv_some(uint8_t* p, size_t cap, size_t* got) {
     }
 }
 
-status start_tls(session& s, const std::string& pin_sha256, std::string* peer_sha256) {
+status start_tls(session& s, const std::string& pin_sha256, tls_facts* facts) {
+    int wait = s.wait_ms();
+    if (wait <= 0) return fail(error_kind::timed_out, "the time allowed for this device ran out");
     std::unique_ptr<tls_transport> t;
-    status st = tls_transport::open(s.fd(), pin_sha256, s.timeout_ms(), &t);
+    status st = tls_transport::open(s.fd(), pin_sha256, wait, &t);
     if (!st) return st;
-    if (peer_sha256) *peer_sha256 = t->peer_sha256();
+    if (facts) *facts = {t->version(), t->cipher(), t->peer_sha256()};
     s.set_front(std::move(t));
     return {};
 }

@@ -24,19 +24,26 @@ public:
     static status open(int fd, const std::string& pin_sha256, int timeout_ms, std::unique_ptr<tls_transport>* out);
 
     status send(const uint8_t* p, size_t n) override;
-    status recv_some(uint8_t* p, size_t cap, size_t* got) override;
+    status recv_some(uint8_t* p, size_t cap, size_t* got, int wait_ms) override;
     // Lowercase hex SHA-256 of the device certificate (DER).
     const std::string& peer_sha256() const { return peer_sha256_; }
+    const std::string& version() const { return version_; }
+    const std::string& cipher() const { return cipher_; }
 
 private:
     tls_transport();
     std::unique_ptr<tls_state> state_;
-    std::string peer_sha256_;
+    std::string peer_sha256_, version_, cipher_;
 };
 
-// Runs the handshake on the connected session and routes its front through
-// TLS. peer_sha256, when given, receives the device certificate's fingerprint.
-status start_tls(session& s, const std::string& pin_sha256, std::string* peer_sha256 = nullptr);
+// What the handshake agreed, for the operator's eyes.
+struct tls_facts {
+    std::string version, cipher, peer_sha256;
+};
+
+// Runs the handshake on the connected session, within its wait, and routes
+// its front through TLS.
+status start_tls(session& s, const std::string& pin_sha256, tls_facts* facts = nullptr);
 
 // "AB:cd:..." -> "abcd..."; empty when text is not 32 bytes of hex.
 std::string normalize_sha256(const std::string& text);

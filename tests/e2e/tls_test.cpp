@@ -59,7 +59,7 @@ protected:
     bytes tls_receive(size_t n) {
         bytes out(n);
         size_t done = 0, got = 0;
-        while (done < n && tls->recv_some(out.data() + done, n - done, &got)) done += got;
+        while (done < n && tls->recv_some(out.data() + done, n - done, &got, 5000)) done += got;
         out.resize(done);
         return out;
     }
@@ -100,7 +100,7 @@ TEST_F(Tls, ClientLibraryTriggersOverTls) {
     t.port = 857;
     t.tls = true;
     t.pin_sha256 = expected_sha256(KELP_DEFAULT_CERT_SHA256);
-    t.password = password;
+    t.password = kelp::fixed_password(password);
     t.timeout_ms = 5000;
     start_tls();
     kelp::status st = kelp::trigger(t, 0x01);

@@ -87,7 +87,8 @@ public:
     kelp::target target() const {
         kelp::target t;
         t.port = port_;
-        t.password = "pw";
+        t.password = kelp::fixed_password("pw");
+        t.tls = false;
         t.timeout_ms = 1000;
         return t;
     }

@@ -1,0 +1,101 @@
+#include "known_hosts.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kelp {
+
+namespace {
+
+status file_error(const std::string& what, const std::string& file) {
+    return fail(error_kind::local, "cannot " + what + " " + file + ": " + strerror(errno));
+}
+
+// Creates the missing folders of file, private as ssh's are.
+status make_parents(const std::string& file) {
+    for (size_t slash = file.find('/', 1); slash != std::string::npos; slash = file.find('/', slash + 1)) {
+        std::string dir = file.substr(0, slash);
+        if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return file_error("create", dir);
+    }
+    return ok();
+}
+
+std::string read_all(int fd) {
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    off_t at = 0;
+    while ((n = pread(fd, buf, sizeof buf, at)) > 0) {
+        text.append(buf, (size_t)n);
+        at += n;
+    }
+    return text;
+}
+
+struct entry {
+    std::string sha256;
+    int line = 0;
+};
+
+entry find(const std::string& text, const std::string& where) {
+    int number = 0;
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        std::string line = text.substr(start, end - start);
+        start = end + 1;
+        number++;
+        size_t space = line.find(' ');
+        if (line.empty() || line[0] == '#' || space == std::string::npos) continue;
+        if (line.compare(0, space, where) == 0) return {line.substr(space + 1), number};
+    }
+    return {};
+}
+
+}  // namespace
+
+std::string default_known_hosts_file() {
+    const char* config = getenv("XDG_CONFIG_HOME");
+    if (config && *config) return std::string(config) + "/kelputil/known_hosts";
+    const char* home = getenv("HOME");
+    if (home && *home) return std::string(home) + "/.config/kelputil/known_hosts";
+    return "";
+}
+
+status check_known_host(const std::string& file, const std::string& where, const std::string& sha256,
+                        bool* first_contact) {
+    *first_contact = false;
+    status st = make_parents(file);
+    if (!st) return st;
+    int fd = open(file.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd < 0) return file_error("open", file);
+    if (flock(fd, LOCK_EX) != 0) {
+        st = file_error("lock", file);
+        close(fd);
+        return st;
+    }
+    std::string text = read_all(fd);
+    entry known = find(text, where);
+    if (known.line == 0) {
+        // A line cut short by a crash must not swallow this one.
+        std::string line = (text.empty() || text.back() == '\n' ? "" : "\n") + where + " " + sha256 + "\n";
+        if (write(fd, line.data(), line.size()) != (ssize_t)line.size()) st = file_error("write", file);
+        else *first_contact = true;
+    } else if (known.sha256 != sha256) {
+        std::string at = file + ":" + std::to_string(known.line);
+        st = fail(error_kind::certificate,
+                  "the certificate of " + where + " has changed: it now has SHA-256 " + sha256 + ", and " + at +
+                      " holds " + known.sha256 + ". Someone may be intercepting the connection, or the router has "
+                      "a new certificate. If the change is expected, delete line " + std::to_string(known.line) +
+                      " of " + file + ", or pass --pin " + sha256);
+    }
+    close(fd);  // also releases the lock
+    return st;
+}
+
+}  // namespace kelp
