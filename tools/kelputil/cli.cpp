@@ -1,0 +1,348 @@
+#include "cli.h"
+
+#include <math.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <map>
+
+#include "outcome.h"
+
+#ifndef KELP_VERSION
+#define KELP_VERSION "1.0.0"
+#endif
+
+namespace {
+
+long long parse_number_with_suffix(const std::string& text, const std::map<std::string, double>& units) {
+    if (text.empty() || !(isdigit((unsigned char)text[0]) || text[0] == '.')) return -1;
+    char* end = nullptr;
+    double value = strtod(text.c_str(), &end);
+    auto unit = units.find(end);
+    if (unit == units.end() || !isfinite(value)) return -1;
+    double scaled = value * unit->second;
+    if (scaled > 9e15) return -1;
+    return (long long)llround(scaled);
+}
+
+std::string seconds_text(long long ms) {
+    char text[32];
+    snprintf(text, sizeof text, ms % 1000 ? "%.3g s" : "%.0f s", ms / 1000.0);
+    return text;
+}
+
+CLI::Validator duration(long long min_ms, long long max_ms) {
+    return CLI::Validator(
+        [=](std::string& text) -> std::string {
+            long long ms = parse_duration_ms(text);
+            if (ms < 0) return "'" + text + "' is not a duration (e.g. 15, 2.5, 500ms, 2m)";
+            if (ms < min_ms || ms > max_ms)
+                return "'" + text + "' is out of range: " + seconds_text(min_ms) + " to " + seconds_text(max_ms);
+            return "";
+        },
+        "");
+}
+
+CLI::Validator whole_number(long long min, long long max, const char* what) {
+    return CLI::Validator(
+        [=](std::string& text) -> std::string {
+            char* end = nullptr;
+            errno = 0;
+            long long n = text.empty() || !isdigit((unsigned char)text[0]) ? -1 : strtoll(text.c_str(), &end, 10);
+            if (n < 0 || errno || *end)
+                return "'" + text + "' is not a " + what + " (a whole number " + std::to_string(min) + " to " +
+                       std::to_string(max) + ")";
+            if (n < min || n > max)
+                return "'" + text + "' is out of range: " + std::to_string(min) + " to " + std::to_string(max);
+            return "";
+        },
+        "");
+}
+
+CLI::Validator window_size() {
+    return CLI::Validator(
+        [](std::string& text) -> std::string {
+            long long n = parse_size(text);
+            if (n < 0) return "'" + text + "' is not a size (e.g. 65536, 64K, 1M)";
+            if (n < 4096 || n > (64 << 20)) return "'" + text + "' is out of range: 4K to 64M";
+            return "";
+        },
+        "");
+}
+
+struct command_line {
+    CLI::App app{"kelputil: manage kelputild routers, one or a fleet", "kelputil"};
+    invocation& inv;
+    // Values kept as text until the validators have passed.
+    std::string port, timeout = "15", seconds = "10", window, jobs = "16", settle = "120";
+    bool tls = false, apply = false, reboot = false;
+
+    explicit command_line(invocation& i) : inv(i) {}
+};
+
+const char* const footer =
+    "The password comes from KELPUTIL_PASSWORD, --password-file (mode 600), or a prompt on the\n"
+    "terminal, never from the command line. TLS is the default; the device's certificate is\n"
+    "remembered on first contact (like ssh's known hosts) and a changed one is refused.\n"
+    "Exit status: 0 success; 1 usage or local error; 2 wrong password; 3 could not connect,\n"
+    "connection lost or timed out; 4 protocol error; 5 certificate or TLS failure; 10 + the\n"
+    "device's result code (10 failed, 12 too large, 13 too small, 14 not supported or busy,\n"
+    "16 no such user); 20 a fleet run where some hosts failed.";
+
+CLI::App* add_command(CLI::App& parent, const char* name, const char* summary) {
+    CLI::App* sub = parent.add_subcommand(name, summary);
+    sub->fallthrough();
+    sub->group("Commands");
+    return sub;
+}
+
+void add_device_commands(command_line& c, CLI::App& parent, bool fleet) {
+    invocation& inv = c.inv;
+    add_command(parent, "check", "log in and do nothing (with --apply or --reboot: that alone)");
+    add_command(parent, "apply", "ask the device to apply its settings");
+    add_command(parent, "reboot", "ask the device to reboot");
+    if (!fleet)
+        add_command(parent, "backup", "save the configuration bundle to FILE")
+            ->add_option("FILE", inv.file, "where to save it (created mode 600; - for stdout)")
+            ->required();
+    CLI::App* restore = add_command(parent, "restore", "upload a configuration bundle and install it");
+    restore->add_option("FILE", inv.file, "the bundle (checked here before it is sent)")->required();
+    CLI::App* get = add_command(parent, "get-script", "fetch a script (to stdout without FILE)");
+    get->add_option("NAME", inv.name, "cbq, fw, nat or dhcp")->required()->check(CLI::IsMember({"cbq", "fw", "nat", "dhcp"}));
+    get->add_option("FILE", inv.file, fleet ? "where to save it; must contain {host}" : "where to save it");
+    CLI::App* put = add_command(parent, "put-script", "replace a script on the device");
+    put->add_option("NAME", inv.name, "cbq, fw, nat or dhcp")->required()->check(CLI::IsMember({"cbq", "fw", "nat", "dhcp"}));
+    put->add_option("FILE", inv.file, "the new script")->required();
+    add_command(parent, "report", "fetch a report")
+        ->add_option("KIND", inv.kind, "full (system), core (core system) or kernel (kernel log)")
+        ->required()
+        ->check(CLI::IsMember({"full", "core", "kernel"}));
+    add_command(parent, "ppp", "list the PPP sessions");
+    add_command(parent, "hotspot", "list the hotspot sessions");
+    add_command(parent, "kick-ppp", "disconnect a PPP user")->add_option("USER", inv.user, "user name")->required();
+    add_command(parent, "kick-hotspot", "disconnect a hotspot user")->add_option("USER", inv.user, "user name")->required();
+    add_command(parent, "kick-ip", "disconnect a hotspot client by address")
+        ->add_option("ADDRESS", inv.address, "IPv4 address")
+        ->required()
+        ->check(CLI::ValidIPV4);
+    CLI::App* fw = add_command(parent, "firmware", fleet ? "upload firmware to every host; with --upgrade, a staged roll-out"
+                                                          : "upload firmware; --upgrade flashes it and shows progress");
+    fw->add_option("IMAGE", inv.file, "the firmware image")->required();
+    fw->add_flag("--upgrade", inv.upgrade, "start the flash upgrade and follow it");
+    if (fleet) {
+        fw->add_option("--canary", inv.canary, "hosts upgraded first, one after another")->check(CLI::Range(0, 1000));
+        fw->add_option("--batch", inv.batch, "hosts upgraded at once after the canaries")->check(CLI::Range(1, 256));
+        fw->add_option("--settle", c.settle, "how long a host may take to answer again after its upgrade")
+            ->check(duration(1000, 3600 * 1000));
+        fw->add_flag("--dry-run", inv.dry_run, "show the plan and touch nothing");
+    }
+    CLI::App* tp = add_command(parent, "throughput", "measure the link (rx: the device sends; tx: it receives)");
+    tp->add_option("DIRECTION", inv.direction, "rx or tx")->required()->check(CLI::IsMember({"rx", "tx"}));
+    tp->add_option("SECONDS", c.seconds, "how long (default 10 s; at most 1 h)")->check(duration(100, 3600 * 1000));
+    tp->add_option("--window", c.window, "fix our socket buffers at SIZE once logged in (e.g. 64K)")
+        ->check(window_size())
+        ->type_name("SIZE");
+}
+
+void add_offline_commands(command_line& c) {
+    invocation& inv = c.inv;
+    CLI::App* pack = add_command(c.app, "bundle-pack", "pack a plain configuration into a bundle (offline)");
+    pack->add_option("PLAIN", inv.file, "the plain configuration")->required();
+    pack->add_option("OUT", inv.out, "the bundle to write (mode 600)")->required();
+    add_command(c.app, "bundle-verify", "check a bundle as the device would (offline)")
+        ->add_option("FILE", inv.file, "the bundle")
+        ->required();
+    CLI::App* unpack = add_command(c.app, "bundle-unpack", "verify and unpack a bundle (offline)");
+    unpack->add_option("FILE", inv.file, "the bundle")->required();
+    unpack->add_option("OUT", inv.out, "the plain configuration to write (mode 600; - for stdout)")->required();
+}
+
+void add_fleet(command_line& c) {
+    invocation& inv = c.inv;
+    CLI::App* fleet = add_command(c.app, "fleet", "run a command on every host of an inventory");
+    fleet->add_option("-i,--inventory", inv.inventory, "INI inventory of hosts and groups")
+        ->envname("KELP_INVENTORY")
+        ->type_name("FILE");
+    fleet->add_option("--limit", inv.limit, "hosts and groups to run on: names, globs, a:b, !excluded, &both")
+        ->type_name("PATTERN");
+    fleet->add_option("-j,--jobs", c.jobs, "hosts at a time (default 16, at most 256)")
+        ->check(whole_number(1, 256, "job count"))
+        ->type_name("N");
+    fleet->require_subcommand(1);
+    add_device_commands(c, *fleet, true);
+    CLI::App* backup = add_command(*fleet, "backup", "back up every host into a git repository");
+    backup->add_option("--into", inv.into, "the repository folder (created if new)")->required();
+    backup->add_flag("--scripts", inv.scripts, "fetch the four scripts too");
+    CLI::App* history = add_command(*fleet, "history", "one host's backups");
+    history->add_option("HOST", inv.name, "a host of the inventory")->required();
+    history->add_option("--into", inv.into, "the repository folder (default: the current one)");
+    CLI::App* diff = add_command(*fleet, "diff", "what changed in one host's backup");
+    diff->add_option("HOST", inv.name, "a host of the inventory")->required();
+    diff->add_option("REV", inv.rev_from, "from this revision (default: before the host's last change)");
+    diff->add_option("REV2", inv.rev_to, "to this revision (default: the latest)");
+    diff->add_option("--into", inv.into, "the repository folder (default: the current one)");
+}
+
+void add_global_options(command_line& c) {
+    CLI::App& app = c.app;
+    invocation& inv = c.inv;
+    app.add_option("-H,--host", inv.host, "device address (default 127.0.0.1)")->type_name("HOST");
+    app.add_option("-p,--port", c.port, "port (default 857, or 856 with --plain)")
+        ->check(whole_number(1, 65535, "port"))
+        ->type_name("PORT");
+    app.add_flag("--plain", inv.plain, "the plain protocol on port 856: a captured login reveals the password");
+    app.add_flag("--tls", c.tls, "TLS on port 857 (the default)");
+    app.add_option("--pin", inv.pin, "accept only the certificate with this SHA-256 fingerprint")->type_name("SHA256");
+    app.add_option("--known-hosts", inv.known_hosts,
+                   "remembered certificates (default $XDG_CONFIG_HOME/kelputil/known_hosts)")
+        ->type_name("FILE");
+    app.add_option("--password-file", inv.password_file, "read the admin password from FILE (first line)")
+        ->type_name("FILE");
+    app.add_option("--timeout", c.timeout, "give up on a silent device after this long (default 15 s)")
+        ->check(duration(100, 3600 * 1000))
+        ->type_name("DURATION");
+    app.add_flag("--apply", c.apply, "after success, have the device apply its settings");
+    app.add_flag("--reboot", c.reboot, "after success, have the device reboot");
+    app.add_flag("--json", inv.json, "one JSON object per result (JSON lines while running)");
+    app.add_flag("-q,--quiet", inv.quiet, "no progress, no message on success");
+    app.add_flag("-v,--verbose", inv.verbose, "show the connection's steps");
+    app.set_version_flag("--version", "kelputil " KELP_VERSION);
+    app.fallthrough();
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.get_formatter()->label("TEXT", "VALUE");
+    app.get_formatter()->column_width(32);
+}
+
+// The deepest command the parser entered, and its name as typed.
+CLI::App* deepest(CLI::App& app, std::string* path) {
+    CLI::App* at = &app;
+    path->clear();
+    while (!at->get_subcommands().empty()) {
+        at = at->get_subcommands().back();
+        *path += (path->empty() ? "" : " ") + at->get_name();
+    }
+    return at;
+}
+
+size_t distance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); j++) row[j] = j;
+    for (size_t i = 1; i <= a.size(); i++) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); j++) {
+            size_t up = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
+            diagonal = up;
+        }
+    }
+    return row[b.size()];
+}
+
+// The first word that is not an option or an option's value: the command.
+std::string typed_command(int argc, char** argv) {
+    static const char* const with_value[] = {"-H", "--host", "-p", "--port", "--pin", "--known-hosts",
+                                             "--password-file", "--timeout"};
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (a.empty() || a[0] != '-') return a;
+        if (std::find(std::begin(with_value), std::end(with_value), a) != std::end(with_value)) i++;
+    }
+    return "";
+}
+
+std::string unknown_command(CLI::App& app, const std::string& typed) {
+    std::string best;
+    size_t best_distance = 3;
+    for (const CLI::App* sub : app.get_subcommands({})) {
+        size_t d = distance(typed, sub->get_name());
+        if (d < best_distance) best = sub->get_name(), best_distance = d;
+    }
+    return "'" + typed + "' is not a kelputil command." + (best.empty() ? "" : " Did you mean '" + best + "'?") +
+           " (kelputil --help lists them)";
+}
+
+int usage_error(const invocation& inv, const std::string& message, const std::string& usage) {
+    print_usage_error(inv.json, message, usage);
+    return 1;
+}
+
+// Text options become numbers once checked.
+void settle_values(command_line& c) {
+    invocation& inv = c.inv;
+    if (!c.port.empty()) inv.port = atoi(c.port.c_str());
+    inv.timeout_ms = (int)parse_duration_ms(c.timeout);
+    inv.seconds_ms = (int)parse_duration_ms(c.seconds);
+    inv.settle_ms = (int)parse_duration_ms(c.settle);
+    inv.window = c.window.empty() ? 0 : (int)parse_size(c.window);
+    inv.jobs = atoi(c.jobs.c_str());
+    inv.flags = (uint8_t)((c.apply ? 0x01 : 0) | (c.reboot ? 0x02 : 0));
+}
+
+std::string check_combinations(const command_line& c) {
+    const invocation& inv = c.inv;
+    if (inv.plain && c.tls) return "--plain and --tls exclude each other";
+    if (inv.plain && !inv.pin.empty()) return "--pin checks a TLS certificate: it cannot go with --plain";
+    std::string device = inv.device_command();
+    if (inv.is_fleet() && device != "history" && device != "diff" && inv.inventory.empty())
+        return "a fleet run needs an inventory: -i FILE (or KELP_INVENTORY)";
+    if (inv.is_fleet() && device == "get-script" && !inv.file.empty() && inv.file.find("{host}") == std::string::npos)
+        return "in a fleet run, get-script's FILE must contain {host}, one file per host";
+    if (inv.command == "fleet firmware" && !inv.upgrade && (inv.dry_run || inv.canary != 1))
+        return "--canary and --dry-run belong to a staged roll-out: add --upgrade";
+    return "";
+}
+
+}  // namespace
+
+long long parse_duration_ms(const std::string& text) {
+    return parse_number_with_suffix(text, {{"", 1000}, {"s", 1000}, {"ms", 1}, {"m", 60000}, {"h", 3600000}});
+}
+
+long long parse_size(const std::string& text) {
+    long long n = parse_number_with_suffix(text, {{"", 1}, {"K", 1024}, {"k", 1024}, {"M", 1 << 20}, {"m", 1 << 20}});
+    return n;
+}
+
+int parse_command_line(int argc, char** argv, invocation* out) {
+    for (int i = 1; i < argc; i++)
+        if (strcmp(argv[i], "--json") == 0) out->json = true;  // so that even a usage error speaks JSON
+    command_line c(*out);
+    add_global_options(c);
+    add_device_commands(c, c.app, false);
+    add_offline_commands(c);
+    add_fleet(c);
+    c.app.footer(std::string("\n") + footer + "\n");  // the main help only: subcommands exist already
+    std::string typed = typed_command(argc, argv);
+    if (!typed.empty()) {
+        bool known = false;
+        for (const CLI::App* sub : c.app.get_subcommands({})) known = known || sub->get_name() == typed;
+        if (!known) return usage_error(*out, unknown_command(c.app, typed), "kelputil [OPTIONS] COMMAND [ARGS]");
+    }
+    try {
+        c.app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return c.app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return c.app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::string path;
+        CLI::App* at = deepest(c.app, &path);
+        CLI::Formatter f;
+        std::string usage = f.make_usage(at, "kelputil" + (path.empty() ? "" : " " + path));
+        usage = usage.substr(usage.find(':') + 2);
+        while (!usage.empty() && usage.back() == '\n') usage.pop_back();
+        return usage_error(*out, (path.empty() ? "" : path + ": ") + e.what(), usage);
+    }
+    std::string path;
+    deepest(c.app, &path);
+    if (path.empty()) return usage_error(*out, "no command given", "kelputil [OPTIONS] COMMAND [ARGS]");
+    out->command = path;
+    settle_values(c);
+    std::string wrong = check_combinations(c);
+    if (!wrong.empty()) return usage_error(*out, wrong, "kelputil " + path + " ...");
+    return -1;
+}

@@ -1,0 +1,14 @@
+// The command line: every command and option, checked before anything runs.
+#pragma once
+
+#include "invocation.h"
+
+// Fills *out from argv. Returns -1 to go on, or the exit status to end with
+// (after --help or --version, or a usage error, already printed: as JSON
+// under --json).
+int parse_command_line(int argc, char** argv, invocation* out);
+
+// "15", "2.5", "500ms", "2m", "1h" -> milliseconds; -1 when not a duration.
+long long parse_duration_ms(const std::string& text);
+// "65536", "64K", "1M" (binary units) -> bytes; -1 when not a size.
+long long parse_size(const std::string& text);

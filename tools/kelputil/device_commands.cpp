@@ -1,0 +1,299 @@
+#include "device_commands.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "bundle.h"
+#include "files.h"
+
+using kelp::bytes;
+using kelp::status;
+
+namespace {
+
+mode_t plain_mode = 0644;
+constexpr size_t bundle_read_max = 16u << 20;  // far above the device's limit, for a clear message
+constexpr size_t image_max = 0x7FFFFFFF;
+
+std::string for_host(std::string pattern, const std::string& host) {
+    for (size_t at; (at = pattern.find("{host}")) != std::string::npos;) pattern.replace(at, 6, host);
+    return pattern;
+}
+
+std::string text_of(const bytes& b) { return std::string(b.begin(), b.end()); }
+
+std::string after_success(uint8_t flags) {
+    if (flags & flag_reboot) return "; the device reboots now";
+    if (flags & flag_apply) return "; the device applies its settings";
+    return "";
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+// Columns as wide as their widest cell, two blanks apart.
+std::string table(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
+    std::vector<size_t> width(header.size());
+    for (size_t c = 0; c < header.size(); c++) {
+        width[c] = header[c].size();
+        for (const auto& row : rows) width[c] = std::max(width[c], row[c].size());
+    }
+    std::string out;
+    auto add = [&](const std::vector<std::string>& cells) {
+        std::string line;
+        for (size_t c = 0; c < cells.size(); c++) {
+            line += terminal_text(cells[c]);
+            if (c + 1 < cells.size()) line += std::string(width[c] - cells[c].size() + 2, ' ');
+        }
+        out += line + "\n";
+    };
+    add(header);
+    for (const auto& row : rows) add(row);
+    return out;
+}
+
+std::string plural(size_t n, const char* word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
+
+outcome saved(const std::string& file, const bytes& b, mode_t mode, const std::string& what) {
+    status w = write_output(file, b, mode);
+    if (!w) return failure(w);
+    outcome o = success("saved " + std::to_string(b.size()) + " bytes of " + what + " to " + file,
+                        {{"file", json_text(file)}, {"bytes", b.size()}});
+    o.content = file == "-";  // the bytes themselves went to stdout
+    return o;
+}
+
+outcome backup(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    bytes bundle;
+    status st = kelp::backup_config(t, inv.flags, &bundle, [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
+    if (!st) return failure(st);
+    bytes plain;
+    if (!(st = kelp::unpack_bundle(bundle, &plain)))
+        return failure(kelp::fail(kelp::error_kind::protocol, "the device sent a bundle that does not verify (" +
+                                                                  st.message + "); nothing was written"));
+    return saved(for_host(inv.file, host), bundle, 0600, "configuration");
+}
+
+outcome restore(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    std::string file = for_host(inv.file, host);
+    bytes bundle;
+    status st = read_input(file, &bundle, bundle_read_max);
+    if (st && !(st = kelp::check_bundle_for_device(bundle))) st.message = file + ": " + st.message + "; nothing was sent";
+    if (!st) return failure(st);
+    st = kelp::restore_config(t, inv.flags, bundle, [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
+    if (!st) return failure(st);
+    return success("configuration installed" + after_success(inv.flags), {{"file", json_text(file)}, {"bytes", bundle.size()}});
+}
+
+outcome get_script(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    bytes body;
+    status st = kelp::get_script(t, kelp::script_by_name(inv.name), inv.flags, &body,
+                                 [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
+    if (!st) return failure(st);
+    if (!inv.file.empty()) return saved(for_host(inv.file, host), body, plain_mode, "the " + inv.name + " script");
+    outcome o = success("script " + inv.name + ": " + std::to_string(body.size()) + " bytes" + after_success(inv.flags),
+                        {{"script", inv.name}, {"bytes", body.size()}, {"text", json_text(text_of(body))}});
+    o.text = text_of(body);
+    o.content = true;
+    return o;
+}
+
+outcome put_script(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    std::string file = for_host(inv.file, host);
+    bytes body;
+    status st = read_input(file, &body, upload_max);
+    if (st && body.empty()) return local_failure(file + " is empty: the device takes scripts of 1 to 524288 bytes");
+    if (!st) return failure(st);
+    st = kelp::put_script(t, kelp::script_by_name(inv.name), inv.flags, body,
+                          [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
+    if (!st) return failure(st);
+    return success("script " + inv.name + " installed" + after_success(inv.flags),
+                   {{"script", inv.name}, {"file", json_text(file)}, {"bytes", body.size()}});
+}
+
+outcome report(const invocation& inv, const kelp::target& t) {
+    uint8_t action = inv.kind == "full" ? action_sysinfo : inv.kind == "core" ? action_core_sysinfo : action_kernlog;
+    bytes text;
+    status st = kelp::fetch_report(t, action, inv.flags, &text);
+    if (!st) return failure(st);
+    json lines = json::array();
+    for (const std::string& line : lines_of(text_of(text))) lines.push_back(json_text(line));
+    outcome o = success("report " + inv.kind + ": " + std::to_string(text.size()) + " bytes" + after_success(inv.flags),
+                        {{"report", inv.kind}, {"lines", lines}});
+    o.text = text_of(text);
+    o.content = true;
+    return o;
+}
+
+outcome ppp(const invocation& inv, const kelp::target& t) {
+    std::vector<kelp::ppp_session> list;
+    status st = kelp::list_ppp(t, inv.flags, &list);
+    if (!st) return failure(st);
+    json data = json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (const kelp::ppp_session& p : list) {
+        // -1 is the router's "no shaping rule".
+        json rule = p.cbq_rule == -1 ? json(nullptr) : json(p.cbq_rule);
+        data.push_back({{"name", json_text(p.name)}, {"type", json_text(p.type)}, {"interface", json_text(p.ppp)},
+                        {"remote", json_text(p.remote)}, {"cbq_rule", rule}});
+        rows.push_back({p.name, p.type, p.ppp, p.remote, p.cbq_rule == -1 ? "none" : std::to_string(p.cbq_rule)});
+    }
+    outcome o = success(plural(list.size(), "PPP session") + after_success(inv.flags), data);
+    o.text = table({"NAME", "TYPE", "INTERFACE", "REMOTE", "CBQ_RULE"}, rows);
+    return o;
+}
+
+outcome hotspot(const invocation& inv, const kelp::target& t) {
+    std::vector<kelp::hotspot_session> list;
+    status st = kelp::list_hotspot(t, inv.flags, &list);
+    if (!st) return failure(st);
+    json data = json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (const kelp::hotspot_session& h : list) {
+        // The router's hotspot reports bytes from and to the user, the
+        // session's age and its idle time, in seconds.
+        data.push_back({{"user", json_text(h.user)}, {"ip", json_text(h.ip)}, {"mac", json_text(h.mac)},
+                        {"bytes_in", h.counter1}, {"bytes_out", h.counter2}, {"session_s", h.value1},
+                        {"idle_s", h.value2}});
+        rows.push_back({h.user, h.ip, h.mac, std::to_string(h.counter1), std::to_string(h.counter2),
+                        std::to_string(h.value1), std::to_string(h.value2)});
+    }
+    outcome o = success(plural(list.size(), "hotspot session") + after_success(inv.flags), data);
+    o.text = table({"USER", "IP", "MAC", "BYTES_IN", "BYTES_OUT", "SESSION_S", "IDLE_S"}, rows);
+    return o;
+}
+
+outcome kick(const invocation& inv, const kelp::target& t) {
+    std::string cmd = inv.device_command();
+    status st = cmd == "kick-ppp"       ? kelp::kick_ppp_user(t, inv.flags, inv.user)
+                : cmd == "kick-hotspot" ? kelp::kick_hotspot_user(t, inv.flags, inv.user)
+                                        : kelp::kick_hotspot_ip(t, inv.flags, inv.address);
+    std::string who = cmd == "kick-ip" ? inv.address : inv.user;
+    json data = cmd == "kick-ip" ? json{{"address", who}} : json{{"user", json_text(who)}};
+    if (!st) return failure(st, data);
+    return success("disconnected " + who + after_success(inv.flags), data);
+}
+
+bool reports_failure(const std::string& line) {
+    std::string head = line.substr(0, 6);
+    std::transform(head.begin(), head.end(), head.begin(), ::tolower);
+    return head.rfind("error", 0) == 0 || head.rfind("failed", 0) == 0;
+}
+
+outcome firmware(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    std::string file = for_host(inv.file, host);
+    bytes image;
+    status st = read_input(file, &image, image_max);
+    if (!st) return failure(st);
+    json lines = json::array();
+    std::string failed_line;
+    auto on_line = [&](const std::string& line) {
+        if (line == "done") return;  // the end marker, not news
+        if (failed_line.empty() && reports_failure(line)) failed_line = line;
+        lines.push_back(json_text(line));
+        r.upgrade_line(line);
+    };
+    st = kelp::upload_firmware(t, image, inv.upgrade, [&r](uint64_t d, uint64_t n) { r.progress(d, n); }, on_line,
+                               [&r](const std::string& p) { r.phase(p); });
+    json data = {{"file", json_text(file)}, {"bytes", image.size()}, {"upgraded", st && inv.upgrade && failed_line.empty()}};
+    if (inv.upgrade) data["lines"] = lines;
+    if (!st) return failure(st, data);
+    if (!failed_line.empty()) {
+        outcome o = success("", data);
+        o.exit = 10;
+        o.message = "the upgrade failed on the device: " + failed_line;
+        return o;
+    }
+    return success(inv.upgrade ? "upgrade done: " + std::to_string(image.size()) + " bytes flashed"
+                               : "firmware stored on the device (" + std::to_string(image.size()) + " bytes)",
+                   data);
+}
+
+outcome throughput(const invocation& inv, const kelp::target& t, reporter& r) {
+    bool rx = inv.direction == "rx";
+    kelp::throughput_result result;
+    json intervals = json::array();
+    double last_t = 0;
+    uint64_t last_bytes = 0;
+    auto tick = [&](double now, uint64_t moved) {
+        if (now - last_t < 0.05 && !intervals.empty()) return;  // a sliver at the end adds nothing
+        r.interval(last_t, now, moved - last_bytes);
+        double mbit = now > last_t ? (moved - last_bytes) * 8 / (now - last_t) / 1e6 : 0;
+        intervals.push_back({{"start", last_t}, {"end", now}, {"bytes", moved - last_bytes}, {"mbit_per_s", mbit}});
+        last_t = now;
+        last_bytes = moved;
+    };
+    status st = kelp::throughput(t, rx, inv.seconds_ms / 1000.0, inv.flags, &result, tick, inv.window);
+    if (!st) return failure(st);
+    json summary = {{"bytes", result.bytes}, {"seconds", result.seconds}, {"mbit_per_s", result.mbit_per_s()}};
+    char text[160];
+    snprintf(text, sizeof text, "%s: %llu bytes in %.2f s = %.1f Mbit/s", rx ? "device to us" : "us to device",
+             (unsigned long long)result.bytes, result.seconds, result.mbit_per_s());
+    return success(text + after_success(inv.flags),
+                   {{"direction", inv.direction}, {"intervals", intervals}, {"summary", summary}});
+}
+
+}  // namespace
+
+void remember_umask() {
+    mode_t mask = umask(0);
+    umask(mask);
+    plain_mode = 0666 & ~mask;
+}
+
+outcome run_device_command(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    std::string cmd = inv.device_command();
+    if (cmd == "check") return [&] {
+        status st = kelp::trigger(t, inv.flags);
+        return st ? success("login ok" + after_success(inv.flags)) : failure(st);
+    }();
+    if (cmd == "apply" || cmd == "reboot") {
+        uint8_t flags = inv.flags | (cmd == "apply" ? flag_apply : flag_reboot);
+        status st = kelp::trigger(t, flags);
+        return st ? success("logged in" + after_success(flags)) : failure(st);
+    }
+    if (cmd == "backup") return backup(inv, t, host, r);
+    if (cmd == "restore") return restore(inv, t, host, r);
+    if (cmd == "get-script") return get_script(inv, t, host, r);
+    if (cmd == "put-script") return put_script(inv, t, host, r);
+    if (cmd == "report") return report(inv, t);
+    if (cmd == "ppp") return ppp(inv, t);
+    if (cmd == "hotspot") return hotspot(inv, t);
+    if (cmd.rfind("kick-", 0) == 0) return kick(inv, t);
+    if (cmd == "firmware") return firmware(inv, t, host, r);
+    if (cmd == "throughput") return throughput(inv, t, r);
+    return local_failure("not a device command: " + cmd);
+}
+
+outcome run_offline_command(const invocation& inv) {
+    bytes in, out;
+    status st = read_input(inv.file, &in, bundle_read_max);
+    if (!st) return failure(st);
+    if (inv.command == "bundle-pack") {
+        out = kelp::pack_bundle(in);
+        if (out.size() < bundle_min_upload || out.size() > upload_max)
+            return local_failure(inv.file + " is " + std::to_string(in.size()) + " bytes: its bundle would be " +
+                                 std::to_string(out.size()) +
+                                 " bytes, and the device takes bundles of 1024 to 524288 bytes (976 to 524240 bytes "
+                                 "of configuration)");
+        return saved(inv.out, out, 0600, "bundle");
+    }
+    if (inv.command == "bundle-verify") {
+        if (!(st = kelp::check_bundle_for_device(in))) return failure(kelp::fail(st.kind, inv.file + ": " + st.message));
+        kelp::unpack_bundle(in, &out);
+        return success(inv.file + ": bundle ok, " + std::to_string(out.size()) + " bytes of configuration",
+                       {{"file", json_text(inv.file)}, {"bytes", in.size()}, {"plain_bytes", out.size()}});
+    }
+    if (!(st = kelp::unpack_bundle(in, &out))) return failure(kelp::fail(st.kind, inv.file + ": " + st.message));
+    return saved(inv.out, out, 0600, "configuration");
+}

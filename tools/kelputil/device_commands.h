@@ -1,0 +1,18 @@
+// Every command that talks to one device, and the offline bundle commands.
+// They print nothing themselves: what they found comes back as an outcome,
+// what happens meanwhile goes to the reporter.
+#pragma once
+
+#include <string>
+
+#include "actions.h"
+#include "invocation.h"
+#include "outcome.h"
+#include "reporter.h"
+
+// host names the device in file names ("{host}" in a fleet run's FILE).
+outcome run_device_command(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_offline_command(const invocation& inv);
+
+// The mode for files that are not secrets: as the umask allows.
+void remember_umask();

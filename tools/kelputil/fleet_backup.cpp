@@ -1,0 +1,173 @@
+#include "fleet_backup.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "archive_members.h"
+#include "bundle.h"
+#include "files.h"
+#include "git_store.h"
+
+using kelp::bytes;
+using kelp::error_kind;
+using kelp::status;
+
+namespace {
+
+const char staging_name[] = ".kelputil-staging";
+const char* const script_names[] = {"cbq", "fw", "nat", "dhcp"};
+const char* const script_files[] = {"cbq.scr", "fw.scr", "nat.scr", "dhcpd.conf"};
+
+status system_error(const std::string& what, const std::string& path) {
+    return kelp::fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(errno));
+}
+
+// The host's files, fetched and written into a fresh folder of the staging
+// area; nothing of the host's current folder is touched here.
+status snapshot(const invocation& inv, const kelp::target& t, const std::string& folder, size_t* config_bytes) {
+    bytes bundle, plain;
+    status st = kelp::backup_config(t, 0, &bundle);
+    if (!st) return st;
+    if (!(st = kelp::unpack_bundle(bundle, &plain)))
+        return kelp::fail(error_kind::protocol, "the device sent a bundle that does not verify: " + st.message);
+    *config_bytes = plain.size();
+    if (!(st = write_new_file(folder + "/config.dat", bundle, 0600))) return st;
+    if (!(st = write_new_file(folder + "/config.plain", plain, 0600))) return st;
+    bundle = bytes();  // a host's data is written out, not kept
+    bool is_archive = false;
+    if (!(st = extract_members(plain, folder + "/config", &is_archive))) return st;
+    if (!inv.scripts) return st;
+    if (mkdir((folder + "/scripts").c_str(), 0700) != 0) return system_error("create", folder + "/scripts");
+    for (size_t i = 0; i < 4; i++) {
+        bytes body;
+        st = kelp::get_script(t, kelp::script_by_name(script_names[i]), 0, &body);
+        if (kelp::is_missing_script(st)) continue;
+        if (!st) return kelp::fail(st.kind, std::string("script ") + script_names[i] + ": " + st.message);
+        if (!(st = write_new_file(folder + "/scripts/" + script_files[i], body, 0600))) return st;
+    }
+    return st;
+}
+
+// Replaces dir/host with the staged folder in two renames.
+status swap_in(const std::string& dir, const std::string& host, const std::string& staged) {
+    std::string target = dir + "/" + host, old = staged + ".old";
+    bool had = access(target.c_str(), F_OK) == 0;
+    if (had && rename(target.c_str(), old.c_str()) != 0) return system_error("move aside", target);
+    if (rename(staged.c_str(), target.c_str()) != 0) {
+        status st = system_error("move into place", target);
+        if (had) rename(old.c_str(), target.c_str());
+        return st;
+    }
+    if (had) remove_tree(old);
+    return kelp::ok();
+}
+
+outcome back_up_host(const invocation& inv, const std::string& dir, const inventory_host& h, const kelp::target& t) {
+    std::string staged = dir + "/" + staging_name + "/" + h.name + ".XXXXXX";
+    if (!mkdtemp(staged.data())) return failure(system_error("create a staging folder in", dir + "/" + staging_name));
+    size_t config_bytes = 0;
+    status st = snapshot(inv, t, staged, &config_bytes);
+    if (st) st = swap_in(dir, h.name, staged);
+    if (!st) {
+        remove_tree(staged);
+        return failure(st);
+    }
+    return success("backed up: " + std::to_string(config_bytes) + " bytes of configuration",
+                   {{"folder", json_text(h.name)}, {"config_bytes", config_bytes}});
+}
+
+std::string commit_message(const std::vector<host_result>& results, const std::vector<std::string>& changed) {
+    std::vector<std::string> failed, unreachable;
+    for (const host_result& r : results) {
+        if (r.result.ok()) continue;
+        std::string line = "  " + r.host + ": " + r.result.message;
+        (r.result.exit == 3 ? unreachable : failed).push_back(line);
+    }
+    std::string text = "fleet backup: " + std::to_string(changed.size()) + " changed, " + std::to_string(failed.size()) +
+                       " failed, " + std::to_string(unreachable.size()) + " unreachable\n";
+    if (!changed.empty()) {
+        text += "\nchanged:\n";
+        for (const std::string& h : changed) text += "  " + h + "\n";
+    }
+    if (!failed.empty()) text += "\nfailed:\n";
+    for (const std::string& l : failed) text += l + "\n";
+    if (!unreachable.empty()) text += "\nunreachable:\n";
+    for (const std::string& l : unreachable) text += l + "\n";
+    return text;
+}
+
+int local_error(const invocation& inv, const status& st) {
+    print_outcome(failure(st), inv.json, inv.quiet);
+    return exit_status(st);
+}
+
+std::string store_dir(const invocation& inv) { return inv.into.empty() ? "." : inv.into; }
+
+}  // namespace
+
+int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+    std::unique_ptr<git_store> store;
+    status st = git_store::open(inv.into, true, &store);
+    std::string staging = inv.into + "/" + staging_name;
+    if (st && mkdir(staging.c_str(), 0700) != 0 && errno != EEXIST) st = system_error("create", staging);
+    if (!st) return local_error(inv, st);
+    // The staging area stays out of the history.
+    std::string ignore = inv.into + "/.gitignore";
+    std::string rule = std::string(staging_name) + "/\n";
+    if (access(ignore.c_str(), F_OK) != 0 && !(st = write_output(ignore, bytes(rule.begin(), rule.end()), 0644)))
+        return local_error(inv, st);
+
+    std::string dir = inv.into;
+    std::vector<host_result> results =
+        runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter&) { return back_up_host(inv, dir, h, t); });
+    rmdir(staging.c_str());
+
+    std::vector<std::string> succeeded, changed;
+    for (const host_result& r : results)
+        if (r.result.ok()) succeeded.push_back(r.host);
+    std::string commit;
+    if (!(st = store->changed_folders(succeeded, &changed))) return local_error(inv, st);
+    if (!changed.empty() && !(st = store->commit(succeeded, commit_message(results, changed), &changed, &commit)))
+        return local_error(inv, st);
+    std::vector<host_result> marked = results;
+    for (host_result& r : marked)
+        if (r.result.ok())
+            r.result.message = std::find(changed.begin(), changed.end(), r.host) != changed.end() ? "changed" : "unchanged";
+    return runner.finish(marked, "fleet backup" + (commit.empty() ? std::string(", nothing to commit") : ", commit " + commit),
+                         {{"commit", commit.empty() ? json(nullptr) : json(commit)}, {"changed", changed}});
+}
+
+int run_fleet_history(const invocation& inv) {
+    std::unique_ptr<git_store> store;
+    json entries;
+    status st = git_store::open(store_dir(inv), false, &store);
+    if (st) st = store->history(inv.name, &entries);
+    if (!st) return local_error(inv, st);
+    outcome o = success(inv.name + ": " + std::to_string(entries.size()) + " backups with changes", entries);
+    for (const json& e : entries)
+        o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
+                  std::to_string(e["files"].size()) + " files  " + terminal_text(e["subject"].get<std::string>()) + "\n";
+    print_outcome(o, inv.json, inv.quiet);
+    return 0;
+}
+
+int run_fleet_diff(const invocation& inv) {
+    std::unique_ptr<git_store> store;
+    std::string patch;
+    json files;
+    status st = git_store::open(store_dir(inv), false, &store);
+    if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
+    if (!st) return local_error(inv, st);
+    outcome o = success(inv.name + ": " + std::to_string(files.size()) + " files changed",
+                        {{"files", files}, {"patch", json_text(patch)}});
+    o.text = patch;
+    o.content = true;
+    print_outcome(o, inv.json, inv.quiet);
+    return 0;
+}

@@ -1,0 +1,16 @@
+// Fleet backups in a git repository, one folder per host:
+//   HOST/config.dat      the bundle as the device sent it
+//   HOST/config.plain    the configuration inside it
+//   HOST/config/...      its members, when it is an archive
+//   HOST/scripts/...     the four scripts (--scripts)
+// A host that fails keeps its last good folder untouched.
+#pragma once
+
+#include <vector>
+
+#include "fleet_runner.h"
+#include "invocation.h"
+
+int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts);
+int run_fleet_history(const invocation& inv);
+int run_fleet_diff(const invocation& inv);

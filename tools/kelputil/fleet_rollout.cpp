@@ -1,0 +1,151 @@
+#include "fleet_rollout.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "device_commands.h"
+#include "files.h"
+#include "net.h"
+
+using kelp::bytes;
+using kelp::status;
+
+namespace {
+
+constexpr size_t image_max = 0x7FFFFFFF;
+constexpr int settle_pause_ms = 500;
+
+using stage = std::vector<const inventory_host*>;
+
+// Canaries one at a time, then batches.
+std::vector<stage> plan(const invocation& inv, const std::vector<const inventory_host*>& hosts) {
+    std::vector<stage> stages;
+    size_t i = 0;
+    for (; i < hosts.size() && i < (size_t)inv.canary; i++) stages.push_back({hosts[i]});
+    while (i < hosts.size()) {
+        stage s;
+        for (; i < hosts.size() && s.size() < (size_t)inv.batch; i++) s.push_back(hosts[i]);
+        stages.push_back(s);
+    }
+    return stages;
+}
+
+json names(const stage& s) {
+    json out = json::array();
+    for (const inventory_host* h : s) out.push_back(h->name);
+    return out;
+}
+
+int show_plan(const invocation& inv, const std::vector<stage>& stages) {
+    json canary = json::array(), batches = json::array();
+    std::string text;
+    int batch = 0;
+    for (size_t i = 0; i < stages.size(); i++) {
+        bool is_canary = i < (size_t)inv.canary;
+        if (is_canary) canary.push_back(stages[i][0]->name);
+        else batches.push_back(names(stages[i]));
+        text += is_canary ? "canary " + std::to_string(i + 1) + ":" : "batch " + std::to_string(++batch) + ":";
+        for (const inventory_host* h : stages[i]) text += " " + h->name;
+        text += "\n";
+    }
+    outcome o = success("plan only (--dry-run): nothing was touched", {{"canary", canary}, {"batches", batches}});
+    o.text = text;
+    print_outcome(o, inv.json, inv.quiet);
+    return 0;
+}
+
+// After its upgrade a device reboots: it is back once it takes a login again.
+status wait_until_back(const kelp::target& t, int settle_ms, double* seconds) {
+    long long start = kelp::monotonic_ms(), deadline = start + settle_ms;
+    status last;
+    for (;;) {
+        kelp::target probe = t;
+        probe.deadline_ms = deadline;
+        probe.log = nullptr;
+        last = kelp::trigger(probe, 0);
+        if (last) {
+            *seconds = (kelp::monotonic_ms() - start) / 1000.0;
+            return last;
+        }
+        // Answered, but not as before: that is no reboot to wait out.
+        if (last.kind == kelp::error_kind::refused_password || last.kind == kelp::error_kind::certificate) return last;
+        if (kelp::monotonic_ms() + settle_pause_ms >= deadline) break;
+        usleep(settle_pause_ms * 1000);
+    }
+    char text[64];
+    snprintf(text, sizeof text, "%.0f s", settle_ms / 1000.0);
+    return kelp::fail(kelp::error_kind::timed_out,
+                      std::string("did not take a login again within ") + text + " of its upgrade (last: " + last.message + ")");
+}
+
+outcome upgrade_host(const invocation& inv, const bytes& image, const kelp::target& t) {
+    invocation one = inv;
+    one.upgrade = true;
+    json lines = json::array();
+    std::string failed_line;
+    auto on_line = [&](const std::string& line) {
+        if (line == "done") return;
+        std::string head = line.substr(0, 6);
+        for (char& c : head) c = (char)tolower((unsigned char)c);
+        if (failed_line.empty() && (head.rfind("error", 0) == 0 || head.rfind("failed", 0) == 0)) failed_line = line;
+        lines.push_back(json_text(line));
+    };
+    status st = kelp::upload_firmware(t, image, true, nullptr, on_line);
+    json data = {{"bytes", image.size()}, {"lines", lines}};
+    if (!st) return failure(kelp::fail(st.kind, "upgrade: " + st.message), data);
+    if (!failed_line.empty()) {
+        outcome o = success("", data);
+        o.exit = 10;
+        o.message = "the upgrade failed on the device: " + failed_line;
+        return o;
+    }
+    double back_after = 0;
+    if (!(st = wait_until_back(t, inv.settle_ms, &back_after))) return failure(st, data);
+    bytes report;
+    if (!(st = kelp::fetch_report(t, action_core_sysinfo, 0, &report))) return failure(kelp::fail(st.kind, "after the upgrade: " + st.message), data);
+    json report_lines = json::array();
+    std::string text(report.begin(), report.end()), first;
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        report_lines.push_back(json_text(text.substr(start, end - start)));
+        if (first.empty()) first = text.substr(start, end - start);
+        start = end + 1;
+    }
+    data["back_after_s"] = back_after;
+    data["report"] = report_lines;
+    char message[64];
+    snprintf(message, sizeof message, "upgraded, back after %.1f s", back_after);
+    return success(std::string(message) + (first.empty() ? "" : ": " + first), data);
+}
+
+}  // namespace
+
+int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+    std::vector<stage> stages = plan(inv, hosts);
+    if (inv.dry_run) return show_plan(inv, stages);
+    bytes image;
+    status st = read_input(inv.file, &image, image_max);
+    if (!st) {
+        print_outcome(failure(st), inv.json, inv.quiet);
+        return exit_status(st);
+    }
+    std::vector<host_result> results;
+    bool halted = false;
+    for (const stage& s : stages) {
+        if (halted) {
+            for (const inventory_host* h : s) {
+                host_result r{h->name, local_failure("not touched: the roll-out halted"), 0, false};
+                results.push_back(r);
+            }
+            continue;
+        }
+        std::vector<host_result> done = runner.run(
+            s, [&](const inventory_host&, const kelp::target& t, reporter&) { return upgrade_host(inv, image, t); },
+            std::min((int)s.size(), inv.jobs));
+        for (const host_result& r : done) halted = halted || !r.result.ok();
+        results.insert(results.end(), done.begin(), done.end());
+    }
+    return runner.finish(results, halted ? "firmware roll-out halted" : "firmware roll-out", {{"halted", halted}});
+}

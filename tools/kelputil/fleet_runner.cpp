@@ -1,0 +1,218 @@
+#include "fleet_runner.h"
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "cli.h"
+#include "net.h"
+#include "reporter.h"
+
+namespace {
+
+bool truthy(const std::string& v) { return v == "true" || v == "yes" || v == "on" || v == "1" || v == "True" || v == "Yes"; }
+
+std::string source_key(const password_source& src) { return src.file.empty() ? "env:" + src.env : "file:" + src.file; }
+
+// Notes from many hosts: first contacts are counted, not listed one by one,
+// unless --verbose asks for every line.
+class fleet_notes : public reporter {
+public:
+    explicit fleet_notes(bool verbose) : verbose_(verbose) {}
+    void note(const std::string& text) override {
+        if (text.rfind("first contact", 0) == 0) {
+            first_contacts++;
+            if (!verbose_) return;
+        }
+        std::lock_guard<std::mutex> hold(lock_);
+        reporter::note(text);
+    }
+    std::atomic<int> first_contacts{0};
+
+private:
+    bool verbose_;
+    std::mutex lock_;
+};
+
+std::string seconds_text(double s) {
+    char text[32];
+    snprintf(text, sizeof text, "%.1fs", s);
+    return text;
+}
+
+}  // namespace
+
+host_settings settings_of(const inventory_host& host) {
+    host_settings h;
+    h.name = host.name;
+    auto get = [&](const char* key) {
+        auto it = host.vars.find(key);
+        return it == host.vars.end() ? std::string() : it->second;
+    };
+    h.address = get("ansible_host");
+    std::string port = get("port").empty() ? get("ansible_port") : get("port");
+    if (!port.empty()) h.port = atoi(port.c_str());
+    if (!get("tls").empty()) h.tls = truthy(get("tls")) ? 1 : 0;
+    if (!get("plain").empty()) h.tls = truthy(get("plain")) ? 0 : 1;
+    h.pin = get("pin");
+    h.password_file = get("password_file");
+    h.password_env = get("password_env");
+    if (!get("timeout").empty()) h.timeout_ms = (int)parse_duration_ms(get("timeout"));
+    return h;
+}
+
+struct fleet_runner::state {
+    const invocation& inv;
+    fleet_notes notes;
+    std::mutex lock;  // results, the display and stdout
+    std::map<std::string, kelp::password_fn> providers;
+    bool live = false;  // the status line on stderr
+    size_t total = 0, done = 0, failed = 0, running = 0;
+    double started = 0;
+
+    explicit state(const invocation& i) : inv(i), notes(i.verbose > 0) {}
+
+    void draw() {
+        if (!live) return;
+        char line[160];
+        snprintf(line, sizeof line, "fleet: %zu done, %zu failed, %zu running, %zu left", done, failed, running,
+                 total - done - running);
+        std::string text = line;
+        int width = terminal_width(2) - 1;
+        if ((int)text.size() > width) text.resize(width);
+        text.append(width - text.size(), ' ');
+        fprintf(stderr, "\r%s", text.c_str());
+        fflush(stderr);
+    }
+};
+
+fleet_runner::fleet_runner(const invocation& inv) : s_(std::make_unique<state>(inv)) {
+    s_->live = !inv.json && !inv.quiet && isatty(2);
+}
+
+fleet_runner::~fleet_runner() = default;
+
+reporter& fleet_runner::notes() { return s_->notes; }
+
+kelp::status fleet_runner::check_passwords(const std::vector<const inventory_host*>& hosts) {
+    bool plain = false;
+    for (const inventory_host* h : hosts) {
+        host_settings hs = settings_of(*h);
+        password_source src = password_source_for(s_->inv, hs);
+        plain = plain || hs.tls == 0 || (hs.tls < 0 && s_->inv.plain);
+        std::string key = source_key(src);
+        if (s_->providers.count(key)) continue;
+        kelp::status st = check_password_source(src);
+        if (!st) return kelp::fail(st.kind, h->name + ": " + st.message);
+        s_->providers[key] = password_provider(src);  // one prompt per source, shared by its hosts
+    }
+    if (plain) s_->notes.note("some hosts use the plain protocol: their password can be read by anyone who captures it");
+    return kelp::ok();
+}
+
+kelp::target fleet_runner::target_for(const inventory_host& host, reporter& notes) {
+    host_settings hs = settings_of(host);
+    password_source src = password_source_for(s_->inv, hs);
+    kelp::password_fn provider;
+    {
+        std::lock_guard<std::mutex> hold(s_->lock);
+        kelp::password_fn& p = s_->providers[source_key(src)];
+        if (!p) p = password_provider(src);
+        provider = p;
+    }
+    return make_target(s_->inv, hs, provider, notes);
+}
+
+std::vector<host_result> fleet_runner::run(const std::vector<const inventory_host*>& hosts, const host_job& job,
+                                           int parallel) {
+    std::vector<host_result> results(hosts.size());
+    std::atomic<size_t> next{0};
+    {
+        std::lock_guard<std::mutex> hold(s_->lock);
+        s_->total += hosts.size();
+        if (s_->started == 0) s_->started = kelp::monotonic_ms() / 1000.0;
+    }
+    auto worker = [&] {
+        for (size_t i; (i = next++) < hosts.size();) {
+            const inventory_host& h = *hosts[i];
+            {
+                std::lock_guard<std::mutex> hold(s_->lock);
+                s_->running++;
+                s_->draw();
+            }
+            long long start = kelp::monotonic_ms();
+            outcome o;
+            try {
+                o = job(h, target_for(h, s_->notes), s_->notes);
+            } catch (const std::exception& e) {
+                o = local_failure(std::string("internal error: ") + e.what());
+            }
+            host_result r{h.name, std::move(o), (kelp::monotonic_ms() - start) / 1000.0};
+            std::lock_guard<std::mutex> hold(s_->lock);
+            s_->running--;
+            s_->done++;
+            s_->failed += !r.result.ok();
+            if (s_->inv.json) {
+                json line = outcome_json(r.result);
+                line["host"] = r.host;
+                line["seconds"] = r.seconds;
+                printf("%s\n", json_line(line).c_str());
+                fflush(stdout);
+            }
+            s_->draw();
+            results[i] = std::move(r);
+        }
+    };
+    int n = parallel > 0 ? parallel : s_->inv.jobs;
+    if ((size_t)n > hosts.size()) n = (int)hosts.size();
+    std::vector<std::thread> threads;
+    for (int i = 1; i < n; i++) threads.emplace_back(worker);
+    worker();
+    for (std::thread& t : threads) t.join();
+    return results;
+}
+
+int fleet_runner::finish(const std::vector<host_result>& results, const std::string& what, json extra) {
+    if (s_->live) fprintf(stderr, "\r%s\r", std::string(terminal_width(2) - 1, ' ').c_str());
+    json ok_hosts = json::array(), failed_hosts = json::array(), untouched = json::array();
+    for (const host_result& r : results) (!r.touched ? untouched : r.result.ok() ? ok_hosts : failed_hosts).push_back(r.host);
+    double elapsed = kelp::monotonic_ms() / 1000.0 - s_->started;
+    outcome summary;
+    summary.exit = failed_hosts.empty() && untouched.empty() ? 0 : exit_some_hosts_failed;
+    summary.message = what + ": " + std::to_string(results.size()) + " hosts, " + std::to_string(ok_hosts.size()) +
+                      " ok, " + std::to_string(failed_hosts.size()) + " failed" +
+                      (untouched.empty() ? "" : ", " + std::to_string(untouched.size()) + " not touched") + ", in " +
+                      seconds_text(elapsed);
+    summary.data = {{"hosts", results.size()}, {"succeeded", ok_hosts}, {"failed", failed_hosts}, {"seconds", elapsed}};
+    if (!untouched.empty()) summary.data["not_touched"] = untouched;
+    if (!extra.is_null()) summary.data.update(extra);
+    if (s_->notes.first_contacts > 0 && !s_->inv.verbose)
+        s_->notes.reporter::note("first contact with " + std::to_string(s_->notes.first_contacts) +
+                                 (s_->notes.first_contacts == 1 ? " host" : " hosts") +
+                                 ": the certificates are now remembered");
+    if (s_->inv.json) {
+        printf("%s\n", json_line(outcome_json(summary)).c_str());
+        fflush(stdout);
+        return summary.exit;
+    }
+    if (!s_->inv.quiet || !failed_hosts.empty()) {
+        size_t width = 4;
+        for (const host_result& r : results) width = std::max(width, r.host.size());
+        printf("%-*s  %-6s  %7s  %s\n", (int)width, "HOST", "RESULT", "TIME", "MESSAGE");
+        for (const host_result& r : results) {
+            if (s_->inv.quiet && r.result.ok()) continue;
+            const char* verdict = !r.touched ? "-" : r.result.ok() ? "ok" : "FAILED";
+            printf("%-*s  %-6s  %7s  %s\n", (int)width, r.host.c_str(), verdict,
+                   r.touched ? seconds_text(r.seconds).c_str() : "", terminal_text(r.result.message).c_str());
+        }
+    }
+    fflush(stdout);
+    if (!summary.ok()) fprintf(stderr, "kelputil: %s\n", summary.message.c_str());
+    else if (!s_->inv.quiet) printf("%s\n", summary.message.c_str());
+    fflush(stdout);
+    return summary.exit;
+}

@@ -1,0 +1,51 @@
+// Running one job on many hosts: at most -j at a time, each host with its
+// own settings, password source and time-outs, so that a host that is down,
+// silent or refusing never holds up the others. While it runs, one status
+// line on a terminal or one JSON line per finished host; at the end a table
+// or a summary object.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "actions.h"
+#include "connection.h"
+#include "inventory.h"
+#include "invocation.h"
+#include "outcome.h"
+
+struct host_result {
+    std::string host;
+    outcome result;
+    double seconds = 0;
+    bool touched = true;  // false: a halted roll-out never reached it
+};
+
+using host_job = std::function<outcome(const inventory_host& host, const kelp::target& t, reporter& r)>;
+
+class fleet_runner {
+public:
+    explicit fleet_runner(const invocation& inv);
+    ~fleet_runner();
+
+    // Every password source the hosts use must be there before anything
+    // connects.
+    kelp::status check_passwords(const std::vector<const inventory_host*>& hosts);
+    // Runs job on each host, at most `parallel` at a time (0: -j).
+    std::vector<host_result> run(const std::vector<const inventory_host*>& hosts, const host_job& job, int parallel = 0);
+    // The table (people) or the summary object (JSON); returns the exit status.
+    int finish(const std::vector<host_result>& results, const std::string& what, json extra = nullptr);
+
+    // A target for one host, for jobs that connect more than once.
+    kelp::target target_for(const inventory_host& host, reporter& notes);
+    reporter& notes();
+
+private:
+    struct state;
+    std::unique_ptr<state> s_;
+};
+
+// What an inventory host's variables mean for kelputil.
+host_settings settings_of(const inventory_host& host);

@@ -1,0 +1,43 @@
+// A folder of backups kept as a git repository (through libgit2: no git
+// program needed): one commit per run that changed something, and each
+// host's history and changes readable without knowing git.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "outcome.h"
+#include "status.h"
+
+struct git_repository;
+
+class git_store {
+public:
+    ~git_store();
+    git_store(const git_store&) = delete;
+    git_store& operator=(const git_store&) = delete;
+
+    // Opens the repository at dir; creates dir and the repository when new
+    // (with create), else fails naming the folder.
+    static kelp::status open(const std::string& dir, bool create, std::unique_ptr<git_store>* out);
+
+    // Stages the named top-level folders as they are now on disk (added,
+    // changed and removed files) and commits them with message when the
+    // tree differs from the last commit. *changed: those whose folder
+    // differs; *commit: the new commit's id, empty when nothing changed.
+    kelp::status commit(const std::vector<std::string>& folders, const std::string& message,
+                        std::vector<std::string>* changed, std::string* commit);
+    // Which of folders differ from the last commit, without committing.
+    kelp::status changed_folders(const std::vector<std::string>& folders, std::vector<std::string>* changed);
+
+    // The commits that changed folder, newest first: id, date, subject, files.
+    kelp::status history(const std::string& folder, json* out);
+    // The patch of folder between two revisions. Empty from: the folder's
+    // last change; empty to: the latest commit.
+    kelp::status diff(const std::string& folder, const std::string& from, const std::string& to, std::string* patch,
+                      json* files);
+
+private:
+    explicit git_store(git_repository* repo) : repo_(repo) {}
+    git_repository* repo_;
+};

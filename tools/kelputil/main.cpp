@@ -1,0 +1,63 @@
+// kelputil: the operator's tool for kelputild routers, one or a fleet.
+#include <stdio.h>
+
+#include <exception>
+#include <memory>
+
+#include "cli.h"
+#include "connection.h"
+#include "device_commands.h"
+#include "files.h"
+#include "fleet.h"
+#include "outcome.h"
+
+namespace {
+
+int finish(const invocation& inv, const outcome& o) {
+    print_outcome(o, inv.json, inv.quiet);
+    return o.exit;
+}
+
+int run_single(const invocation& inv) {
+    host_settings host = command_line_host(inv);
+    password_source source = password_source_for(inv, host);
+    // Before any connection: a run without a password would only log an
+    // authentication failure on the device.
+    kelp::status st = check_password_source(source);
+    if (!st) return finish(inv, failure(st));
+    std::unique_ptr<reporter> r;
+    if (inv.json) r = std::make_unique<json_reporter>();
+    else r = std::make_unique<terminal_reporter>(inv.quiet);
+    if (inv.plain)
+        r->note("--plain: the password travels in a form anyone who captures this connection can read; "
+                "TLS (the default) protects it");
+    if (inv.device_command() == "firmware" && inv.flags)
+        r->note("--apply and --reboot do nothing after a firmware upload: the upgrade decides");
+    kelp::target t = make_target(inv, host, password_provider(source), *r);
+    return finish(inv, run_device_command(inv, t, host.name, *r));
+}
+
+int run(int argc, char** argv) {
+    invocation inv;
+    int end = parse_command_line(argc, argv, &inv);
+    if (end >= 0) return end;
+    remember_umask();
+    remove_temporaries_on_signals();
+    if (inv.command.rfind("bundle-", 0) == 0) return finish(inv, run_offline_command(inv));
+    if (inv.is_fleet()) return run_fleet(inv);
+    return run_single(inv);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Nothing may end the tool by an exception: every failure is an answer.
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        fprintf(stderr, "kelputil: internal error: %s\n", e.what());
+    } catch (...) {
+        fprintf(stderr, "kelputil: internal error\n");
+    }
+    return 1;
+}

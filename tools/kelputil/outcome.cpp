@@ -1,0 +1,117 @@
+#include "outcome.h"
+
+#include <stdio.h>
+
+int exit_status(const kelp::status& s) {
+    using kelp::error_kind;
+    switch (s.kind) {
+    case error_kind::none: return 0;
+    case error_kind::local: return 1;
+    case error_kind::refused_password: return 2;
+    case error_kind::connect_failed:
+    case error_kind::timed_out:
+    case error_kind::closed: return 3;
+    case error_kind::protocol:
+    case error_kind::wrong_protocol: return 4;
+    case error_kind::certificate: return 5;
+    case error_kind::device: return 10 + s.code;
+    }
+    return 1;
+}
+
+static std::string with_advice(const kelp::status& s) {
+    if (s.kind == kelp::error_kind::refused_password)
+        return s.message + " (check KELPUTIL_PASSWORD, --password-file, or what was typed)";
+    if (s.kind == kelp::error_kind::device && s.code == 4)
+        return s.message + ": the device may be busy with another job (an upgrade); try again later";
+    return s.message;
+}
+
+outcome success(const std::string& message, json data) {
+    outcome o;
+    o.message = message;
+    o.data = std::move(data);
+    return o;
+}
+
+outcome failure(const kelp::status& s, json data) {
+    outcome o;
+    o.exit = exit_status(s);
+    o.code = s.kind == kelp::error_kind::device ? s.code : -1;
+    o.message = with_advice(s);
+    o.data = std::move(data);
+    return o;
+}
+
+outcome local_failure(const std::string& message) {
+    outcome o;
+    o.exit = exit_usage;
+    o.message = message;
+    return o;
+}
+
+json outcome_json(const outcome& o) {
+    return {{"ok", o.ok()},
+            {"exit", o.exit},
+            {"code", o.code < 0 ? json(nullptr) : json(o.code)},
+            {"message", json_text(o.message)},
+            {"data", o.data}};
+}
+
+std::string json_line(const json& j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
+
+static bool valid_utf8(const std::string& s) {
+    size_t i = 0;
+    while (i < s.size()) {
+        unsigned char c = (unsigned char)s[i];
+        size_t n = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 9;
+        if (n == 9 || (n && c < 0xC2) || i + n >= s.size() + (n ? 0 : 1)) return false;
+        for (size_t k = 1; k <= n; k++)
+            if (((unsigned char)s[i + k] >> 6) != 2) return false;
+        i += n + 1;
+    }
+    return true;
+}
+
+std::string json_text(const std::string& bytes) {
+    if (valid_utf8(bytes)) return bytes;
+    std::string out;
+    for (unsigned char c : bytes) {
+        if (c < 0x80) {
+            out += (char)c;
+        } else {
+            out += (char)(0xC0 | (c >> 6));
+            out += (char)(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+std::string terminal_text(const std::string& bytes) {
+    std::string out = bytes;
+    for (char& c : out)
+        if ((unsigned char)c < 0x20 || c == 0x7F) c = '?';
+    return out;
+}
+
+void print_outcome(const outcome& o, bool as_json, bool quiet) {
+    if (as_json) {
+        printf("%s\n", json_line(outcome_json(o)).c_str());
+    } else if (!o.ok()) {
+        fprintf(stderr, "kelputil: %s\n", terminal_text(o.message).c_str());
+    } else {
+        fwrite(o.text.data(), 1, o.text.size(), stdout);
+        if (!o.content && !quiet && !o.message.empty()) printf("%s\n", terminal_text(o.message).c_str());
+    }
+    fflush(stdout);
+}
+
+void print_usage_error(bool as_json, const std::string& message, const std::string& usage) {
+    if (as_json) {
+        outcome o = local_failure(message);
+        o.data = {{"usage", usage}};
+        printf("%s\n", json_line(outcome_json(o)).c_str());
+        return;
+    }
+    fprintf(stderr, "kelputil: %s\nusage: %s\n", message.c_str(), usage.c_str());
+}

@@ -1,0 +1,50 @@
+// The result of one command on one device, and its one JSON schema:
+//   {"ok": bool, "exit": int, "code": int|null, "message": str, "data": ...}
+// A fleet run adds "host" and "seconds" to each host's object.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "status.h"
+
+using json = nlohmann::json;
+
+struct outcome {
+    int exit = 0;
+    int code = -1;  // the device's result code, -1 when it gave none
+    std::string message;
+    json data;  // null when the command has nothing more to say
+    // For people, what goes to stdout before the message: a table; or, when
+    // content is set, a report or script that stands alone, without it.
+    std::string text;
+    bool content = false;
+
+    bool ok() const { return exit == 0; }
+};
+
+// Exit statuses, as documented in --help.
+constexpr int exit_usage = 1;
+constexpr int exit_some_hosts_failed = 20;
+int exit_status(const kelp::status& s);
+
+outcome success(const std::string& message, json data = nullptr);
+outcome failure(const kelp::status& s, json data = nullptr);
+outcome local_failure(const std::string& message);
+
+json outcome_json(const outcome& o);
+// One line of JSON. Text that is not UTF-8 was made into JSON strings by
+// json_text before it got here.
+std::string json_line(const json& j);
+// Bytes from a device or a file as a JSON string: UTF-8 as it is, anything
+// else read as Latin-1 (the routers' own character set), so that no byte is
+// dropped and the JSON stays valid.
+std::string json_text(const std::string& bytes);
+// The same text for a terminal: control characters shown as '?', so that a
+// device cannot drive the operator's terminal.
+std::string terminal_text(const std::string& bytes);
+
+// Prints a finished command: the JSON object; or for people, the text and
+// the message (stderr for a failure, stdout for a success unless quiet).
+void print_outcome(const outcome& o, bool as_json, bool quiet);
+void print_usage_error(bool as_json, const std::string& message, const std::string& usage);
