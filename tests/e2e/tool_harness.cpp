@@ -1,0 +1,147 @@
+#include "tool_harness.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "router.h"
+
+using nlohmann::json;
+
+void tool_test::SetUp() {
+    if (std::string(KELP_EMULATOR) != "") GTEST_SKIP() << "the tool and the router run natively only";
+}
+
+run_result in_router(const std::string& script, const std::vector<std::string>& router_args,
+                     const std::string& password, const std::function<void()>& meanwhile, int limit_ms) {
+    char path[] = "/tmp/kelputil-test-XXXXXX";
+    int fd = mkstemp(path);
+    std::string tool_dir = KELPUTIL;
+    tool_dir.erase(tool_dir.rfind('/'));
+    std::string env_path = tool_dir + ":" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin");
+    std::vector<std::string> args = {"kelp-router", "--password", password};
+    args.insert(args.end(), router_args.begin(), router_args.end());
+    // The trust file stays in the sandbox, whatever the router exports.
+    args.insert(args.end(), {"--", "/bin/sh", "-c", "export XDG_CONFIG_HOME=/run/sim/config\n" + script});
+    pid_t pid = fork();
+    if (pid == 0) {
+        setsid();  // no terminal to prompt on, and one group to kill
+        int null = open("/dev/null", O_RDONLY);
+        dup2(null, 0);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        setenv("PATH", env_path.c_str(), 1);
+        setenv("KELPUTIL_PASSWORD", password.c_str(), 1);
+        std::vector<char*> argv;
+        for (std::string& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        execv(KELP_ROUTER, argv.data());
+        _exit(127);
+    }
+    close(fd);
+    run_result r;
+    int status = 0;
+    for (int waited = 0; waitpid(pid, &status, WNOHANG) == 0; waited += 20) {
+        if (waited >= limit_ms) {
+            kill(-pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            ADD_FAILURE() << "the router ran too long: " << script;
+            break;
+        }
+        if (meanwhile) meanwhile();
+        usleep(20000);
+    }
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.out = router::read_file(path);
+    unlink(path);
+    return r;
+}
+
+namespace {
+
+// Every line that is a JSON object: events, then one result.
+void check_schema(const std::string& out, json* last) {
+    static const std::set<std::string> result_keys = {"ok", "exit", "code", "message", "data"};
+    static const std::set<std::string> fleet_keys = {"ok", "exit", "code", "message", "data", "host", "seconds"};
+    size_t start = 0;
+    while (start < out.size()) {
+        size_t end = out.find('\n', start);
+        if (end == std::string::npos) end = out.size();
+        std::string line = out.substr(start, end - start);
+        start = end + 1;
+        if (line.empty() || line[0] != '{') continue;
+        json j = json::parse(line, nullptr, false);
+        ASSERT_FALSE(j.is_discarded()) << "not JSON: " << line;
+        if (j.contains("event")) continue;
+        std::set<std::string> keys;
+        for (auto it = j.begin(); it != j.end(); ++it) keys.insert(it.key());
+        EXPECT_TRUE(keys == result_keys || keys == fleet_keys) << "not the result schema: " << line;
+        EXPECT_EQ(j["ok"], j["exit"] == 0) << line;
+        *last = j;
+    }
+}
+
+void check_output(const step& s, const std::string& out) {
+    json last;
+    check_schema(out, &last);
+    for (const std::string& w : s.want) {
+        if (w[0] == '!') {
+            EXPECT_EQ(out.find(w.substr(1)), std::string::npos) << "unwanted " << w.substr(1);
+        } else if (w[0] == '/') {
+            size_t op = w.find_first_of("=>:");
+            json::json_pointer at(w.substr(0, op));
+            ASSERT_TRUE(last.is_object() && last.contains(at)) << "no " << w.substr(0, op) << " in " << last.dump();
+            const json& v = last[at];
+            std::string want = w.substr(op + 1);
+            if (w[op] == '>') {
+                EXPECT_GT(v.get<double>(), atof(want.c_str())) << w;
+            } else if (w[op] == ':') {
+                std::string keys;
+                for (auto it = v.begin(); it != v.end(); ++it) keys += (keys.empty() ? "" : ",") + it.key();
+                std::vector<std::string> wanted;
+                for (size_t a = 0; a <= want.size();) {
+                    size_t b = want.find(',', a);
+                    if (b == std::string::npos) b = want.size();
+                    wanted.push_back(want.substr(a, b - a));
+                    a = b + 1;
+                }
+                std::sort(wanted.begin(), wanted.end());
+                std::string sorted;
+                for (const std::string& k : wanted) sorted += (sorted.empty() ? "" : ",") + k;
+                EXPECT_EQ(keys, sorted) << w;
+            } else {
+                EXPECT_EQ(v, json::parse(want)) << w;
+            }
+        } else {
+            EXPECT_NE(out.find(w), std::string::npos) << "missing " << w;
+        }
+    }
+}
+
+}  // namespace
+
+void run_steps(const std::vector<step>& steps, const std::vector<std::string>& router_args, int limit_ms) {
+    std::string script =
+        "cd \"$(mktemp -d /run/steps.XXXXXX)\"\n"
+        "until_in() { n=0; until grep -q \"$1\" \"$2\"; do n=$((n+1)); [ $n -lt 100 ] || return 1; sleep 0.1; done; }\n";
+    for (size_t i = 0; i < steps.size(); i++)
+        script += "echo '@@" + std::to_string(i) + "'; (" + steps[i].command + ") 2>&1; printf '\\n@@ %d\\n' $?\n";
+    run_result r = in_router(script, router_args, "pw", {}, limit_ms);
+    ASSERT_EQ(r.status, 0) << r.out;
+    size_t at = 0;
+    for (size_t i = 0; i < steps.size(); i++) {
+        SCOPED_TRACE(steps[i].command);
+        std::string begin = "@@" + std::to_string(i) + "\n";
+        size_t b = r.out.find(begin, at), e = r.out.find("\n@@ ", b);
+        ASSERT_TRUE(b != std::string::npos && e != std::string::npos) << r.out;
+        at = e + 4;
+        std::string out = r.out.substr(b + begin.size(), e - b - begin.size());
+        EXPECT_EQ(atoi(r.out.c_str() + at), steps[i].exit) << out;
+        check_output(steps[i], out);
+    }
+}
