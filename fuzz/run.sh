@@ -19,14 +19,14 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${KELP_FUZZ_BUILD:-$root/build-fuzz}
 
 # Input size caps: a few frames at most, and below a pipe's 64 KiB for fifo.
-targets="auth:64 request:8192 frames:8192 bundle:4096 ppp_info:4096 hotspot:4096 kick:2048 fifo:8192 tokens:2048 basename:512"
+targets="auth:64 request:8192 frames:8192 bundle:4096 ppp_info:4096 hotspot:4096 kick:2048 fifo:8192 tokens:2048 basename:512 client:8192"
 
 if [ "$(id -u)" != 0 ]; then
     echo "fuzz/run.sh: needs root (private mounts over /tmp, /run, /etc/passwd)" >&2
     exit 2
 fi
 
-CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DKELP_FUZZ=ON -DKELP_TESTS=OFF -DKELP_CLIENT=OFF \
+CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DKELP_FUZZ=ON -DKELP_TESTS=OFF -DKELP_CLIENT=ON -DKELP_TOOL=OFF \
     -DKELP_SANITIZE=address,undefined >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
 
