@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Checks of what gets installed on the router. Exit 77 means "skipped".
 #   check.sh needed READELF DAEMON
-#   check.sh install CMAKE BUILD_DIR WORK_DIR PREFIX SBIN UNIT_DIR INITD_DIR DATA_DIR SUPERVISORS
+#   check.sh install CMAKE BUILD_DIR WORK_DIR PREFIX SBIN UNIT_DIR INITD_DIR DATA_DIR SUPERVISORS TO_LOG
 #   check.sh units CMAKE BUILD_DIR WORK_DIR UNIT_DIR
+#   check.sh switch CMAKE SOURCE_DIR WORK_DIR SBIN SUPERVISORS TO_LOG [CMAKE_ARGS...]
 set -euo pipefail
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
@@ -17,6 +18,89 @@ check_program() {  # root, path, expected name
   local file=$1$2
   [[ $(basename "$2") == "$3" ]] || fail "$2 is not named $3"
   [[ -x $file && -f $file ]] || fail "$2 is not an installed executable"
+}
+
+# The daemon prints every password it receives on standard output: each
+# supervisor must discard it, or log it when TO_LOG is ON. The daemons are
+# replaced by a stub that prints a password and an error and records its path.
+make_stubs() {  # dir
+  rm -rf "$1"
+  mkdir -p "$1"
+  printf '%s\n' '#!/bin/sh' 'echo "$0" >>"$STUB_LOG/started"' 'echo "Password received: secret"' \
+    'echo "bind: Address already in use" >&2' >"$1/kelputild"
+  cp "$1/kelputild" "$1/kelputild-tls"
+  printf '%s\n' '#!/bin/sh' '{ echo "logger $*"; cat; } >>"$STUB_LOG/logged"' >"$1/logger"
+  chmod +x "$1"/*
+}
+
+# Busybox init runs an entry through "sh -c 'exec ENTRY'" when it holds one of
+# these, otherwise it splits the entry into words.
+shell_chars='~`!$^&*()=|\{}[];"'\''<>?'
+busybox_argv() {  # entry: sets argv
+  local i
+  for ((i = 0; i < ${#shell_chars}; i++)); do
+    if [[ $1 == *"${shell_chars:i:1}"* ]]; then
+      argv=(sh -c "exec $1")
+      return
+    fi
+  done
+  read -ra argv <<<"$1"
+}
+
+check_stdout_rules() {  # work, to_log, sbin, inittab or "", init script or "", units dir or ""
+  local work=$1 to_log=$2 sbin=$3 tab=$4 init=$5 units=$6 stubs=$1/stubs
+  if [[ -n $tab ]]; then
+    local started=() entry
+    mapfile -t entries < <(grep -v '^#' "$tab" | grep -v '^$' | sed 's/^::respawn://')
+    for entry in "${entries[@]}"; do
+      make_stubs "$stubs"
+      busybox_argv "${entry//"$sbin/"/"$stubs/"}"
+      STUB_LOG=$stubs PATH=$stubs:$PATH timeout 10 "${argv[@]}" >"$work/out" 2>"$work/err" </dev/null ||
+        fail "inittab entry failed: $entry"
+      [[ -f $stubs/started ]] || fail "$entry starts no program of $sbin"
+      local name
+      name=$(sed "s|^$stubs/||" "$stubs/started")
+      started+=("$name")
+      [[ ! -s $work/out ]] || fail "$entry leaves standard output on the console: $(cat "$work/out")"
+      grep -q 'Address already in use' "$work/err" || fail "$entry loses standard error"
+      if [[ $to_log == ON ]]; then
+        grep -qx "logger -t $name" "$stubs/logged" && grep -q 'Password received' "$stubs/logged" ||
+          fail "$entry does not log standard output"
+      else
+        [[ ! -e $stubs/logged ]] || fail "$entry logs standard output"
+      fi
+    done
+    # By these names: the name selects the mode.
+    [[ ${started[*]} == "kelputild kelputild-tls" ]] || fail "inittab entries start ${started[*]}"
+  fi
+  if [[ -n $init ]]; then
+    local want=0 seen
+    [[ $to_log == ON ]] && want=1
+    seen=$(sh -euc '
+      procd_set_param() { case $1 in stdout|stderr) echo "$@" ;; esac; }
+      procd_open_instance() { :; }
+      procd_close_instance() { :; }
+      . "$1"
+      start_service' sh "$init") || fail "start_service failed"
+    [[ $(echo "$seen" | grep -c "^stdout $want\$") == 2 && $(echo "$seen" | grep -c '^stdout') == 2 ]] ||
+      fail "each procd instance must set stdout $want: $seen"
+  fi
+  if [[ -n $units ]]; then
+    local want=null unit
+    [[ $to_log == ON ]] && want=journal
+    for unit in kelputild kelputild-tls; do
+      [[ $(grep '^StandardOutput=' "$units/$unit.service") == "StandardOutput=$want" ]] ||
+        fail "$unit.service needs StandardOutput=$want"
+      # Otherwise standard error follows standard output.
+      grep -qx 'StandardError=journal' "$units/$unit.service" ||
+        fail "$unit.service does not send standard error to the journal"
+    done
+  fi
+  echo "standard output rules hold with KELP_DAEMON_STDOUT_TO_LOG=$to_log"
+}
+
+has() {  # supervisor, path: the path when the supervisor's files are wanted
+  if [[ ";$supervisors;" == *";$1;"* ]]; then echo "$2"; fi
 }
 
 case $1 in
@@ -34,7 +118,7 @@ needed)
   ;;
 
 install)
-  cmake=$2 build=$3 work=$4 prefix=$5 sbin=$6 units=$7 initd=$8 data=$9 supervisors=${10}
+  cmake=$2 build=$3 work=$4 prefix=$5 sbin=$6 units=$7 initd=$8 data=$9 supervisors=${10} to_log=${11}
   destdir_install "$cmake" "$build" "$work"
   root=$work/root
   [[ -f $root$sbin/kelputild && -x $root$sbin/kelputild ]] || fail "no $sbin/kelputild"
@@ -49,8 +133,8 @@ install)
     mapfile -t lines < <(grep -v '^#' "$tab" | grep -v '^$')
     ((${#lines[@]} == 2)) || fail "inittab fragment has ${#lines[@]} entries, not 2"
     [[ ${lines[0]} == ::respawn:* && ${lines[1]} == ::respawn:* ]] || fail "inittab entries must respawn"
-    check_program "$root" "${lines[0]#::respawn:}" kelputild
-    check_program "$root" "${lines[1]#::respawn:}" kelputild-tls
+    check_program "$root" "$sbin/kelputild" kelputild
+    check_program "$root" "$sbin/kelputild-tls" kelputild-tls
   fi
 
   if [[ ";$supervisors;" == *";procd;"* ]]; then
@@ -83,6 +167,8 @@ install)
       check_program "$root" "$(sed -n 's/^ExecStart=//p' "$file")" "$unit"
     done
   fi
+  check_stdout_rules "$work" "$to_log" "$sbin" "$(has busybox "$root$data/inittab")" \
+    "$(has procd "$root$initd/kelputild")" "$(has systemd "$root$units")"
   find "$root" ! -type d | sed "s|^$root||" | sort
   ;;
 
@@ -108,6 +194,20 @@ units)
     fail "systemd-analyze verify: $out"
   [[ -z $out ]] || fail "systemd-analyze verify: $out"
   echo "systemd-analyze verify: both units accepted"
+  ;;
+
+switch)
+  # A scratch configure with the switch the other way: its supervisor files.
+  cmake=$2 source=$3 work=$4 sbin=$5 supervisors=$6 to_log=$7
+  shift 7
+  rm -rf "$work"
+  mkdir -p "$work"
+  "$cmake" -S "$source" -B "$work/build" -DKELP_TESTS=OFF -DKELP_CLIENT=OFF "-DKELP_SUPERVISORS=$supervisors" \
+    "-DKELP_DAEMON_STDOUT_TO_LOG=$to_log" "$@" >"$work/configure.log" 2>&1 ||
+    { cat "$work/configure.log"; fail "configure failed"; }
+  out=$work/build/packaging
+  check_stdout_rules "$work" "$to_log" "$sbin" "$(has busybox "$out/inittab")" \
+    "$(has procd "$out/kelputild.init")" "$(has systemd "$out")"
   ;;
 
 *) fail "unknown check $1" ;;
