@@ -25,12 +25,12 @@ for arch in s390x i386; do
   # The multiarch -dev packages must carry the host's version: Multi-Arch: same.
   packages+=(cmake ninja-build pkg-config binutils "g++-$triplet" "libmbedtls-dev:$arch"
     "libcrypt-dev:$arch" "libstdc++6:$arch" "libgtest-dev:$arch" libmbedtls-dev libcrypt-dev
-    libgtest-dev)
+    libgtest-dev openssl)
   [[ $arch == s390x ]] && packages+=(qemu-user-static)
 done
 if [[ $want == *" mips "* ]]; then
   packages+=(cmake ninja-build pkg-config binutils g++-mips-linux-gnu qemu-user-static
-    dpkg-dev autoconf automake libtool make python3 libmbedtls-dev libcrypt-dev googletest)
+    dpkg-dev autoconf automake libtool make python3 libmbedtls-dev libcrypt-dev googletest openssl)
 fi
 
 need_update=0

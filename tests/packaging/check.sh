@@ -4,6 +4,7 @@
 #   check.sh install CMAKE BUILD_DIR WORK_DIR PREFIX SBIN UNIT_DIR INITD_DIR DATA_DIR SUPERVISORS TO_LOG
 #   check.sh units CMAKE BUILD_DIR WORK_DIR UNIT_DIR
 #   check.sh switch CMAKE SOURCE_DIR WORK_DIR SBIN SUPERVISORS TO_LOG [CMAKE_ARGS...]
+#   check.sh tls_pair CMAKE SOURCE_DIR WORK_DIR OPENSSL [CMAKE_ARGS...]
 set -euo pipefail
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
@@ -208,6 +209,61 @@ switch)
   out=$work/build/packaging
   check_stdout_rules "$work" "$to_log" "$sbin" "$(has busybox "$out/inittab")" \
     "$(has procd "$out/kelputild.init")" "$(has systemd "$out")"
+  ;;
+
+tls_pair)
+  # Replaced pairs in a scratch build of the pair alone: only a pair the daemon
+  # can load builds.
+  cmake=$2 source=$3 work=$4 openssl=$5
+  shift 5
+  rm -rf "$work"
+  mkdir -p "$work"
+  def=$source/src/core/default_cert
+  s=$work/pairs
+  mkdir -p "$s"
+  quiet() { "$@" >"$s/openssl.log" 2>&1 || { cat "$s/openssl.log"; fail "openssl $*"; }; }
+  quiet "$openssl" req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=router -days 2 \
+    -keyout "$s/own-key.pem" -out "$s/own-cert.pem"
+  quiet "$openssl" genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$s/other-key.pem"
+  quiet "$openssl" x509 -in "$def/cert.pem" -outform DER -out "$s/cert.der"
+  quiet "$openssl" pkey -in "$def/key.pem" -outform DER -out "$s/key.der"
+  quiet "$openssl" pkey -in "$def/key.pem" -aes256 -passout pass:secret -out "$s/encrypted-key.pem"
+  echo "not a certificate" >"$s/text.pem"
+  "$cmake" -S "$source" -B "$work/build" -DKELP_TESTS=OFF -DKELP_CLIENT=OFF "$@" >"$work/configure.log" 2>&1 ||
+    { cat "$work/configure.log"; fail "configure failed"; }
+  # certificate | key | what the build says ("" for success)
+  rows=(
+    "$def/cert.pem|$def/key.pem|"
+    "$s/own-cert.pem|$s/own-key.pem|"
+    "$def/cert.pem|$s/other-key.pem|$s/other-key.pem is not the private key of the certificate $def/cert.pem"
+    "$s/own-cert.pem|$def/key.pem|$def/key.pem is not the private key of the certificate $s/own-cert.pem"
+    "$s/cert.der|$def/key.pem|$s/cert.der is not a PEM certificate"
+    "$s/text.pem|$def/key.pem|$s/text.pem is not a PEM certificate"
+    "$def/cert.pem|$def/cert.pem|$def/cert.pem is not an unencrypted PEM private key"
+    "$def/cert.pem|$s/key.der|$s/key.der is not an unencrypted PEM private key"
+    "$def/cert.pem|$s/encrypted-key.pem|$s/encrypted-key.pem is not an unencrypted PEM private key"
+    "$def/cert.pem|$s/missing.pem|$s/missing.pem"
+    "$def/cert.pem|$def/key.pem|"
+  )
+  generated=$work/build/src/tls_pair.cpp
+  for row in "${rows[@]}"; do
+    IFS='|' read -r cert key says <<<"$row"
+    "$cmake" -S "$source" -B "$work/build" "-DKELP_TLS_CERT=$cert" "-DKELP_TLS_KEY=$key" >"$work/configure.log" 2>&1 ||
+      { cat "$work/configure.log"; fail "configure failed for $cert and $key"; }
+    rm -f "$generated"
+    if out=$("$cmake" --build "$work/build" --target kelp_tls_pair 2>&1); then
+      [[ -z $says ]] || fail "$cert with $key builds; expected: $says"
+      grep -q tls_key_pem "$generated" || fail "$cert with $key builds no pair"
+      echo "builds: $cert with $key"
+    else
+      [[ -n $says ]] || fail "$cert with $key does not build: $out"
+      # CMake wraps its messages.
+      [[ $(tr -s '[:space:]' ' ' <<<"$out") == *"$says"* ]] ||
+        fail "$cert with $key: the build does not say '$says': $out"
+      [[ ! -e $generated ]] || fail "$cert with $key leaves a pair behind"
+      echo "refused: $says"
+    fi
+  done
   ;;
 
 *) fail "unknown check $1" ;;
