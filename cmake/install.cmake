@@ -1,5 +1,7 @@
 # Installation beyond the daemon itself (src/CMakeLists.txt installs it to
 # sbin): the TLS-mode name and the supervisor files that keep both running.
+# All of it is the router's: install component "router" (the workstation's
+# client is component "client", see package.cmake).
 include(GNUInstallDirs)
 
 set(KELP_SUPERVISORS "busybox;procd;systemd" CACHE STRING
@@ -30,7 +32,7 @@ install(CODE "
   get_filename_component(dir \"\${link}\" DIRECTORY)
   file(MAKE_DIRECTORY \"\${dir}\")
   file(CREATE_LINK kelputild \"\${link}\" SYMBOLIC)
-")
+" COMPONENT router)
 
 set(kelp_packaging_out "${PROJECT_BINARY_DIR}/packaging")
 if(KELP_DAEMON_STDOUT_TO_LOG)
@@ -48,16 +50,16 @@ else()
 endif()
 if("busybox" IN_LIST KELP_SUPERVISORS)
   configure_file(${PROJECT_SOURCE_DIR}/packaging/inittab.in "${kelp_packaging_out}/inittab" @ONLY)
-  install(FILES "${kelp_packaging_out}/inittab" DESTINATION "${KELP_DATA_DIR}")
+  install(FILES "${kelp_packaging_out}/inittab" DESTINATION "${KELP_DATA_DIR}" COMPONENT router)
 endif()
 if("procd" IN_LIST KELP_SUPERVISORS)
   configure_file(${PROJECT_SOURCE_DIR}/packaging/kelputild.init.in "${kelp_packaging_out}/kelputild.init" @ONLY)
   install(PROGRAMS "${kelp_packaging_out}/kelputild.init" DESTINATION "${KELP_INITD_DIR}"
-    RENAME kelputild)
+    RENAME kelputild COMPONENT router)
 endif()
 if("systemd" IN_LIST KELP_SUPERVISORS)
   foreach(unit kelputild.service kelputild-tls.service)
     configure_file(${PROJECT_SOURCE_DIR}/packaging/${unit}.in "${kelp_packaging_out}/${unit}" @ONLY)
-    install(FILES "${kelp_packaging_out}/${unit}" DESTINATION "${KELP_SYSTEMD_UNIT_DIR}")
+    install(FILES "${kelp_packaging_out}/${unit}" DESTINATION "${KELP_SYSTEMD_UNIT_DIR}" COMPONENT router)
   endforeach()
 endif()

@@ -8,10 +8,11 @@
 set -euo pipefail
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
+# The router's install component alone, as a firmware build takes it.
 destdir_install() {  # cmake, build dir, work dir: installs into WORK_DIR/root
   rm -rf "$3"
   mkdir -p "$3"
-  DESTDIR=$3/root "$1" --install "$2" >"$3/install.log" || { cat "$3/install.log"; fail "install failed"; }
+  DESTDIR=$3/root "$1" --install "$2" --component router >"$3/install.log" || { cat "$3/install.log"; fail "install failed"; }
 }
 
 # A program path of a supervisor file must exist in the installed tree.
@@ -170,7 +171,13 @@ install)
   fi
   check_stdout_rules "$work" "$to_log" "$sbin" "$(has busybox "$root$data/inittab")" \
     "$(has procd "$root$initd/kelputild")" "$(has systemd "$root$units")"
-  find "$root" ! -type d | sed "s|^$root||" | sort
+  # Nothing else: the client is the workstation package's.
+  expected=("$sbin/kelputild" "$sbin/kelputild-tls" "$(has busybox "$data/inittab")" "$(has procd "$initd/kelputild")"
+    "$(has systemd "$units/kelputild.service")" "$(has systemd "$units/kelputild-tls.service")")
+  installed=$(find "$root" ! -type d | sed "s|^$root||" | sort)
+  echo "$installed"
+  [[ $installed == "$(printf '%s\n' "${expected[@]}" | grep . | sort)" ]] ||
+    fail "the router's component is not exactly: ${expected[*]}"
   ;;
 
 units)
