@@ -14,7 +14,8 @@ want=" ${*:-native} "
 packages=()
 foreign=()
 [[ $want == *" native "* ]] && packages+=(g++ cmake ninja-build pkg-config libmbedtls-dev
-  libcrypt-dev libgtest-dev iproute2 util-linux openssl binutils procps tar systemd)
+  libcrypt-dev libgtest-dev iproute2 util-linux openssl binutils procps tar systemd help2man
+  dpkg-dev)
 [[ $want == *" fuzz "* ]] && packages+=(clang libclang-rt-dev)
 [[ $want == *" bench "* ]] && packages+=(libbenchmark-dev iperf3 socat strace)
 for arch in s390x i386; do

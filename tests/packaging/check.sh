@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Checks of what gets installed on the router. Exit 77 means "skipped".
+# Checks of what gets installed on the router and of the workstation package.
+# Exit 77 means "skipped".
 #   check.sh needed READELF DAEMON
 #   check.sh install CMAKE BUILD_DIR WORK_DIR PREFIX SBIN UNIT_DIR INITD_DIR DATA_DIR SUPERVISORS TO_LOG
 #   check.sh units CMAKE BUILD_DIR WORK_DIR UNIT_DIR
 #   check.sh switch CMAKE SOURCE_DIR WORK_DIR SBIN SUPERVISORS TO_LOG [CMAKE_ARGS...]
 #   check.sh tls_pair CMAKE SOURCE_DIR WORK_DIR OPENSSL [CMAKE_ARGS...]
+#   check.sh deb CPACK BUILD_DIR WORK_DIR VERSION
 set -euo pipefail
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
@@ -271,6 +273,119 @@ tls_pair)
       echo "refused: $says"
     fi
   done
+  ;;
+
+deb)
+  # The workstation package, built from the build folder into a scratch one.
+  cpack=$2 build=$3 work=$4 version=$5
+  rm -rf "$work"
+  mkdir -p "$work"
+  "$cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$work/out" >"$work/cpack.log" 2>&1 ||
+    { cat "$work/cpack.log"; fail "cpack failed"; }
+  debs=("$work"/out/*.deb)
+  ((${#debs[@]} == 1)) && [[ -f ${debs[0]} ]] || fail "cpack made ${#debs[@]} packages: ${debs[*]}"
+  deb=${debs[0]}
+  for field in "Package=kelputil" "Version=$version"; do
+    [[ $(dpkg-deb -f "$deb" "${field%%=*}") == "${field#*=}" ]] || fail "the package's ${field%%=*} is not ${field#*=}"
+  done
+  depends=$(dpkg-deb -f "$deb" Depends)
+  [[ $depends == *libc6* ]] || fail "Depends does not name libc6: $depends"
+
+  # Exactly the client's files: nothing of the router's.
+  mapfile -t files < <(dpkg-deb --contents "$deb" | grep -v '^d' | awk '{print $6}' | sort)
+  expected=(./usr/bin/kelputil ./usr/share/bash-completion/completions/kelputil ./usr/share/man/man1/kelputil.1.gz)
+  [[ ${files[*]} == "${expected[*]}" ]] || fail "the package holds ${files[*]}, not ${expected[*]}"
+
+  root=$work/root
+  dpkg-deb -x "$deb" "$root"
+  tool=$root/usr/bin/kelputil
+  help=$(timeout 10 "$tool" --help) || fail "kelputil --help fails"
+  [[ ${help,,} == *usage* ]] || fail "kelputil --help shows no usage: $help"
+  # Required once the tool offers it.
+  if [[ $help == *--version* ]]; then
+    said=$(timeout 10 "$tool" --version) || fail "kelputil --version fails"
+    [[ $said == *"$version"* ]] || fail "kelputil --version says '$said', not $version"
+  fi
+  man=$(gzip -dc "$root/usr/share/man/man1/kelputil.1.gz") || fail "the man page is not gzip"
+  [[ $man == *'.TH KELPUTIL "1"'*"kelputil $version"* ]] || fail "the man page has no title line for kelputil $version"
+  [[ $man == *'.SH NAME'*'kelputil \-'* ]] || fail "the man page has no NAME section"
+  [[ $man == *put\\-script* ]] || fail "the man page does not show the tool's help"
+
+  # Completion as bash would ask for it, from a folder with known entries.
+  script=$root/usr/share/bash-completion/completions/kelputil
+  mkdir -p "$work/cwd/nightly.d"
+  touch "$work/cwd/nightly.dat" "$work/cwd/fw.scr"
+  function=$(bash -c 'source "$1" && complete -p kelputil' _ "$script" | sed -n 's/.* -F \([^ ]*\) kelputil$/\1/p') ||
+    true
+  [[ -n $function ]] || fail "the completion script does not register a function for kelputil"
+  complete_line() {  # line
+    (cd "$work/cwd" && COMP_LINE=$1 COMP_POINT=${#1} timeout 10 bash -c \
+      'source "$1" && COMP_WORDS=() COMP_CWORD=0 && "$2" kelputil && printf "%s\n" "${COMPREPLY[@]}"' \
+      _ "$script" "$function")
+  }
+  all_commands="check apply reboot backup restore get-script put-script report ppp hotspot kick-ppp \
+kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet"
+  # command line | offered (all of) | not offered (none of); "-" for none
+  rows=(
+    "kelputil |$all_commands|-H --help"
+    "kelputil ch|check|apply"
+    "kelputil --h|--host --help|-H check"
+    "kelputil --|--host --port --plain --tls --pin --known-hosts --password-file --timeout --apply --reboot --json --quiet --verbose --version --help|--inventory --upgrade --window"
+    "kelputil -H 192.0.2.1 |$all_commands|-"
+    "kelputil --host=192.0.2.1 -p 857 --tls |$all_commands|-"
+    "kelputil -H fe80::1 --timeout 5 re|restore report reboot|check"
+    "kelputil -H |-|check nightly.dat"
+    "kelputil --pin |-|check"
+    "kelputil --password-file |nightly.dat fw.scr nightly.d|check"
+    "kelputil --password-file=ni|nightly.dat nightly.d|fw.scr"
+    "kelputil --known-hosts n|nightly.dat|check"
+    "kelputil report |full core kernel|fw nightly.dat"
+    "kelputil --json report k|kernel|full core"
+    "kelputil report kernel |-|full"
+    "kelputil get-script |cbq fw nat dhcp|full nightly.dat"
+    "kelputil -H h put-script n|nat|cbq fw"
+    "kelputil get-script fw |nightly.dat fw.scr|cbq"
+    "kelputil throughput |rx tx|full"
+    "kelputil throughput --|--window|--upgrade --inventory"
+    "kelputil throughput rx --window 64K -|-q -v|-"
+    "kelputil firmware --|--upgrade|--window --dry-run"
+    "kelputil firmware |nightly.dat|check"
+    "kelputil backup n|nightly.dat nightly.d|fw.scr"
+    "kelputil restore |nightly.dat|check"
+    "kelputil bundle-unpack nightly.dat |nightly.dat fw.scr|check"
+    "kelputil kick-ppp |-|nightly.dat check"
+    "kelputil fleet |backup history diff firmware check report get-script kick-ppp throughput|fleet bundle-pack bundle-verify bundle-unpack"
+    "kelputil fleet --|--inventory --limit --jobs --into --scripts --canary --batch --settle --dry-run --host --help|--upgrade --window"
+    "kelputil fleet -|-i -j -H -q|-"
+    "kelputil fleet -i |nightly.dat|backup"
+    "kelputil fleet --inventory=f|fw.scr|nightly.dat"
+    "kelputil fleet -i hosts.ini --limit core -j 4 |backup history diff firmware|kernel"
+    "kelputil fleet -i hosts.ini backup --|--into --scripts|--upgrade"
+    "kelputil fleet backup --into |nightly.d|nightly.dat"
+    "kelputil fleet firmware --|--upgrade --canary --batch --settle --dry-run|--window"
+    "kelputil fleet report |full core kernel|backup"
+    "kelputil fleet get-script |cbq fw nat dhcp|backup"
+    "kelputil fleet throughput |rx tx|backup"
+    "kelputil fleet history |-|backup full"
+  )
+  for row in "${rows[@]}"; do
+    IFS='|' read -r line offered refused <<<"$row"
+    got=$(complete_line "$line") || fail "completing '$line' failed"
+    mapfile -t words <<<"$got"
+    got=" ${words[*]} "
+    if [[ $offered == - ]]; then
+      [[ $got == "  " ]] || fail "'$line' offers$got, expected nothing"
+    else
+      for word in $offered; do
+        [[ $got == *" $word "* ]] || fail "'$line' does not offer $word:$got"
+      done
+    fi
+    [[ $refused == - ]] && continue
+    for word in $refused; do
+      [[ $got != *" $word "* ]] || fail "'$line' offers $word:$got"
+    done
+  done
+  echo "${#rows[@]} completions as expected"
   ;;
 
 *) fail "unknown check $1" ;;
