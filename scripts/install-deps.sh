@@ -14,8 +14,8 @@ want=" ${*:-native} "
 packages=()
 foreign=()
 [[ $want == *" native "* ]] && packages+=(g++ cmake ninja-build pkg-config libmbedtls-dev
-  libcrypt-dev libgtest-dev iproute2 util-linux openssl binutils procps tar systemd
-  libcli11-dev nlohmann-json3-dev libgit2-dev libarchive-dev)
+  libcrypt-dev libgtest-dev iproute2 util-linux openssl binutils procps tar systemd help2man
+  dpkg-dev libcli11-dev nlohmann-json3-dev libgit2-dev libarchive-dev)
 [[ $want == *" fuzz "* ]] && packages+=(clang libclang-rt-dev)
 [[ $want == *" bench "* ]] && packages+=(libbenchmark-dev iperf3 socat strace)
 for arch in s390x i386; do
@@ -26,12 +26,12 @@ for arch in s390x i386; do
   # The multiarch -dev packages must carry the host's version: Multi-Arch: same.
   packages+=(cmake ninja-build pkg-config binutils "g++-$triplet" "libmbedtls-dev:$arch"
     "libcrypt-dev:$arch" "libstdc++6:$arch" "libgtest-dev:$arch" libmbedtls-dev libcrypt-dev
-    libgtest-dev)
+    libgtest-dev openssl)
   [[ $arch == s390x ]] && packages+=(qemu-user-static)
 done
 if [[ $want == *" mips "* ]]; then
   packages+=(cmake ninja-build pkg-config binutils g++-mips-linux-gnu qemu-user-static
-    dpkg-dev autoconf automake libtool make python3 libmbedtls-dev libcrypt-dev googletest)
+    dpkg-dev autoconf automake libtool make python3 libmbedtls-dev libcrypt-dev googletest openssl)
 fi
 
 need_update=0

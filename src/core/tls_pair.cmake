@@ -1,6 +1,24 @@
 # Writes OUT, a C++ source holding the PEM certificate CERT and private key
 # KEY as NUL-terminated arrays: mbedTLS counts the NUL in a PEM buffer's length.
-#   cmake -DCERT=cert.pem -DKEY=key.pem -DOUT=tls_pair.cpp -P tls_pair.cmake
+#   cmake -DCERT=cert.pem -DKEY=key.pem -DOUT=tls_pair.cpp -DOPENSSL=openssl -P tls_pair.cmake
+# A pair that does not parse or does not match fails here, not at the first
+# handshake on the router.
+
+if(NOT OPENSSL)
+  message(FATAL_ERROR "tls_pair.cmake needs -DOPENSSL=<the openssl program>")
+endif()
+
+# Runs OPENSSL with the arguments; stops with "PATH is not WHAT" and its
+# error when it fails. Sets OUT to its standard output.
+function(openssl_read out path what)
+  execute_process(COMMAND "${OPENSSL}" ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE text ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    string(STRIP "${err}" err)
+    message(FATAL_ERROR "${path} is not ${what}:\n${err}")
+  endif()
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
 function(pem_array name path out)
   file(READ "${path}" content HEX)
   if(content STREQUAL "")
@@ -10,6 +28,15 @@ function(pem_array name path out)
   string(REPLACE "0x0a," "0x0a,\n    " content "${content}")  # one PEM line per line
   set(${out} "const unsigned char ${name}[] = {\n    ${content}0x00};\nconst unsigned int ${name}_len = sizeof ${name};\n" PARENT_SCOPE)
 endfunction()
+
+# -inform PEM: openssl would take DER as well, which the daemon cannot load.
+# An empty passphrase: the daemon cannot decrypt a key either.
+openssl_read(cert_public "${CERT}" "a PEM certificate" x509 -inform PEM -in "${CERT}" -noout -pubkey)
+openssl_read(key_public "${KEY}" "an unencrypted PEM private key"
+  pkey -inform PEM -in "${KEY}" -passin pass: -pubout)
+if(NOT cert_public STREQUAL key_public)
+  message(FATAL_ERROR "${KEY} is not the private key of the certificate ${CERT}: their public keys differ")
+endif()
 
 pem_array(tls_cert_pem "${CERT}" cert)
 pem_array(tls_key_pem "${KEY}" key)

@@ -11,7 +11,7 @@ add_custom_command(OUTPUT ${kelp_pair}/cert.pem ${kelp_pair}/key.pem ${kelp_pair
   VERBATIM)
 add_custom_command(OUTPUT ${kelp_pair}/tls_pair.cpp
   COMMAND ${CMAKE_COMMAND} -DCERT=${kelp_pair}/cert.pem -DKEY=${kelp_pair}/key.pem -DOUT=${kelp_pair}/tls_pair.cpp
-          -P ${PROJECT_SOURCE_DIR}/src/core/tls_pair.cmake
+          -DOPENSSL=${KELP_OPENSSL} -P ${PROJECT_SOURCE_DIR}/src/core/tls_pair.cmake
   DEPENDS ${kelp_pair}/cert.pem ${kelp_pair}/key.pem ${PROJECT_SOURCE_DIR}/src/core/tls_pair.cmake
   VERBATIM)
 add_custom_command(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/default_cert.sha256

@@ -1,15 +1,20 @@
 #!/usr/bin/env bash
-# Checks of what gets installed on the router. Exit 77 means "skipped".
+# Checks of what gets installed on the router and of the workstation package.
+# Exit 77 means "skipped".
 #   check.sh needed READELF DAEMON
-#   check.sh install CMAKE BUILD_DIR WORK_DIR PREFIX SBIN UNIT_DIR INITD_DIR DATA_DIR SUPERVISORS
+#   check.sh install CMAKE BUILD_DIR WORK_DIR PREFIX SBIN UNIT_DIR INITD_DIR DATA_DIR SUPERVISORS TO_LOG
 #   check.sh units CMAKE BUILD_DIR WORK_DIR UNIT_DIR
+#   check.sh switch CMAKE SOURCE_DIR WORK_DIR SBIN SUPERVISORS TO_LOG [CMAKE_ARGS...]
+#   check.sh tls_pair CMAKE SOURCE_DIR WORK_DIR OPENSSL [CMAKE_ARGS...]
+#   check.sh deb CPACK BUILD_DIR WORK_DIR VERSION
 set -euo pipefail
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
+# The router's install component alone, as a firmware build takes it.
 destdir_install() {  # cmake, build dir, work dir: installs into WORK_DIR/root
   rm -rf "$3"
   mkdir -p "$3"
-  DESTDIR=$3/root "$1" --install "$2" >"$3/install.log" || { cat "$3/install.log"; fail "install failed"; }
+  DESTDIR=$3/root "$1" --install "$2" --component router >"$3/install.log" || { cat "$3/install.log"; fail "install failed"; }
 }
 
 # A program path of a supervisor file must exist in the installed tree.
@@ -17,6 +22,89 @@ check_program() {  # root, path, expected name
   local file=$1$2
   [[ $(basename "$2") == "$3" ]] || fail "$2 is not named $3"
   [[ -x $file && -f $file ]] || fail "$2 is not an installed executable"
+}
+
+# The daemon prints every password it receives on standard output: each
+# supervisor must discard it, or log it when TO_LOG is ON. The daemons are
+# replaced by a stub that prints a password and an error and records its path.
+make_stubs() {  # dir
+  rm -rf "$1"
+  mkdir -p "$1"
+  printf '%s\n' '#!/bin/sh' 'echo "$0" >>"$STUB_LOG/started"' 'echo "Password received: secret"' \
+    'echo "bind: Address already in use" >&2' >"$1/kelputild"
+  cp "$1/kelputild" "$1/kelputild-tls"
+  printf '%s\n' '#!/bin/sh' '{ echo "logger $*"; cat; } >>"$STUB_LOG/logged"' >"$1/logger"
+  chmod +x "$1"/*
+}
+
+# Busybox init runs an entry through "sh -c 'exec ENTRY'" when it holds one of
+# these, otherwise it splits the entry into words.
+shell_chars='~`!$^&*()=|\{}[];"'\''<>?'
+busybox_argv() {  # entry: sets argv
+  local i
+  for ((i = 0; i < ${#shell_chars}; i++)); do
+    if [[ $1 == *"${shell_chars:i:1}"* ]]; then
+      argv=(sh -c "exec $1")
+      return
+    fi
+  done
+  read -ra argv <<<"$1"
+}
+
+check_stdout_rules() {  # work, to_log, sbin, inittab or "", init script or "", units dir or ""
+  local work=$1 to_log=$2 sbin=$3 tab=$4 init=$5 units=$6 stubs=$1/stubs
+  if [[ -n $tab ]]; then
+    local started=() entry
+    mapfile -t entries < <(grep -v '^#' "$tab" | grep -v '^$' | sed 's/^::respawn://')
+    for entry in "${entries[@]}"; do
+      make_stubs "$stubs"
+      busybox_argv "${entry//"$sbin/"/"$stubs/"}"
+      STUB_LOG=$stubs PATH=$stubs:$PATH timeout 10 "${argv[@]}" >"$work/out" 2>"$work/err" </dev/null ||
+        fail "inittab entry failed: $entry"
+      [[ -f $stubs/started ]] || fail "$entry starts no program of $sbin"
+      local name
+      name=$(sed "s|^$stubs/||" "$stubs/started")
+      started+=("$name")
+      [[ ! -s $work/out ]] || fail "$entry leaves standard output on the console: $(cat "$work/out")"
+      grep -q 'Address already in use' "$work/err" || fail "$entry loses standard error"
+      if [[ $to_log == ON ]]; then
+        grep -qx "logger -t $name" "$stubs/logged" && grep -q 'Password received' "$stubs/logged" ||
+          fail "$entry does not log standard output"
+      else
+        [[ ! -e $stubs/logged ]] || fail "$entry logs standard output"
+      fi
+    done
+    # By these names: the name selects the mode.
+    [[ ${started[*]} == "kelputild kelputild-tls" ]] || fail "inittab entries start ${started[*]}"
+  fi
+  if [[ -n $init ]]; then
+    local want=0 seen
+    [[ $to_log == ON ]] && want=1
+    seen=$(sh -euc '
+      procd_set_param() { case $1 in stdout|stderr) echo "$@" ;; esac; }
+      procd_open_instance() { :; }
+      procd_close_instance() { :; }
+      . "$1"
+      start_service' sh "$init") || fail "start_service failed"
+    [[ $(echo "$seen" | grep -c "^stdout $want\$") == 2 && $(echo "$seen" | grep -c '^stdout') == 2 ]] ||
+      fail "each procd instance must set stdout $want: $seen"
+  fi
+  if [[ -n $units ]]; then
+    local want=null unit
+    [[ $to_log == ON ]] && want=journal
+    for unit in kelputild kelputild-tls; do
+      [[ $(grep '^StandardOutput=' "$units/$unit.service") == "StandardOutput=$want" ]] ||
+        fail "$unit.service needs StandardOutput=$want"
+      # Otherwise standard error follows standard output.
+      grep -qx 'StandardError=journal' "$units/$unit.service" ||
+        fail "$unit.service does not send standard error to the journal"
+    done
+  fi
+  echo "standard output rules hold with KELP_DAEMON_STDOUT_TO_LOG=$to_log"
+}
+
+has() {  # supervisor, path: the path when the supervisor's files are wanted
+  if [[ ";$supervisors;" == *";$1;"* ]]; then echo "$2"; fi
 }
 
 case $1 in
@@ -34,7 +122,7 @@ needed)
   ;;
 
 install)
-  cmake=$2 build=$3 work=$4 prefix=$5 sbin=$6 units=$7 initd=$8 data=$9 supervisors=${10}
+  cmake=$2 build=$3 work=$4 prefix=$5 sbin=$6 units=$7 initd=$8 data=$9 supervisors=${10} to_log=${11}
   destdir_install "$cmake" "$build" "$work"
   root=$work/root
   [[ -f $root$sbin/kelputild && -x $root$sbin/kelputild ]] || fail "no $sbin/kelputild"
@@ -49,8 +137,8 @@ install)
     mapfile -t lines < <(grep -v '^#' "$tab" | grep -v '^$')
     ((${#lines[@]} == 2)) || fail "inittab fragment has ${#lines[@]} entries, not 2"
     [[ ${lines[0]} == ::respawn:* && ${lines[1]} == ::respawn:* ]] || fail "inittab entries must respawn"
-    check_program "$root" "${lines[0]#::respawn:}" kelputild
-    check_program "$root" "${lines[1]#::respawn:}" kelputild-tls
+    check_program "$root" "$sbin/kelputild" kelputild
+    check_program "$root" "$sbin/kelputild-tls" kelputild-tls
   fi
 
   if [[ ";$supervisors;" == *";procd;"* ]]; then
@@ -83,7 +171,15 @@ install)
       check_program "$root" "$(sed -n 's/^ExecStart=//p' "$file")" "$unit"
     done
   fi
-  find "$root" ! -type d | sed "s|^$root||" | sort
+  check_stdout_rules "$work" "$to_log" "$sbin" "$(has busybox "$root$data/inittab")" \
+    "$(has procd "$root$initd/kelputild")" "$(has systemd "$root$units")"
+  # Nothing else: the client is the workstation package's.
+  expected=("$sbin/kelputild" "$sbin/kelputild-tls" "$(has busybox "$data/inittab")" "$(has procd "$initd/kelputild")"
+    "$(has systemd "$units/kelputild.service")" "$(has systemd "$units/kelputild-tls.service")")
+  installed=$(find "$root" ! -type d | sed "s|^$root||" | sort)
+  echo "$installed"
+  [[ $installed == "$(printf '%s\n' "${expected[@]}" | grep . | sort)" ]] ||
+    fail "the router's component is not exactly: ${expected[*]}"
   ;;
 
 units)
@@ -108,6 +204,188 @@ units)
     fail "systemd-analyze verify: $out"
   [[ -z $out ]] || fail "systemd-analyze verify: $out"
   echo "systemd-analyze verify: both units accepted"
+  ;;
+
+switch)
+  # A scratch configure with the switch the other way: its supervisor files.
+  cmake=$2 source=$3 work=$4 sbin=$5 supervisors=$6 to_log=$7
+  shift 7
+  rm -rf "$work"
+  mkdir -p "$work"
+  "$cmake" -S "$source" -B "$work/build" -DKELP_TESTS=OFF -DKELP_CLIENT=OFF "-DKELP_SUPERVISORS=$supervisors" \
+    "-DKELP_DAEMON_STDOUT_TO_LOG=$to_log" "$@" >"$work/configure.log" 2>&1 ||
+    { cat "$work/configure.log"; fail "configure failed"; }
+  out=$work/build/packaging
+  check_stdout_rules "$work" "$to_log" "$sbin" "$(has busybox "$out/inittab")" \
+    "$(has procd "$out/kelputild.init")" "$(has systemd "$out")"
+  ;;
+
+tls_pair)
+  # Replaced pairs in a scratch build of the pair alone: only a pair the daemon
+  # can load builds.
+  cmake=$2 source=$3 work=$4 openssl=$5
+  shift 5
+  rm -rf "$work"
+  mkdir -p "$work"
+  def=$source/src/core/default_cert
+  s=$work/pairs
+  mkdir -p "$s"
+  quiet() { "$@" >"$s/openssl.log" 2>&1 || { cat "$s/openssl.log"; fail "openssl $*"; }; }
+  quiet "$openssl" req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=router -days 2 \
+    -keyout "$s/own-key.pem" -out "$s/own-cert.pem"
+  quiet "$openssl" genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$s/other-key.pem"
+  quiet "$openssl" x509 -in "$def/cert.pem" -outform DER -out "$s/cert.der"
+  quiet "$openssl" pkey -in "$def/key.pem" -outform DER -out "$s/key.der"
+  quiet "$openssl" pkey -in "$def/key.pem" -aes256 -passout pass:secret -out "$s/encrypted-key.pem"
+  echo "not a certificate" >"$s/text.pem"
+  "$cmake" -S "$source" -B "$work/build" -DKELP_TESTS=OFF -DKELP_CLIENT=OFF "$@" >"$work/configure.log" 2>&1 ||
+    { cat "$work/configure.log"; fail "configure failed"; }
+  # certificate | key | what the build says ("" for success)
+  rows=(
+    "$def/cert.pem|$def/key.pem|"
+    "$s/own-cert.pem|$s/own-key.pem|"
+    "$def/cert.pem|$s/other-key.pem|$s/other-key.pem is not the private key of the certificate $def/cert.pem"
+    "$s/own-cert.pem|$def/key.pem|$def/key.pem is not the private key of the certificate $s/own-cert.pem"
+    "$s/cert.der|$def/key.pem|$s/cert.der is not a PEM certificate"
+    "$s/text.pem|$def/key.pem|$s/text.pem is not a PEM certificate"
+    "$def/cert.pem|$def/cert.pem|$def/cert.pem is not an unencrypted PEM private key"
+    "$def/cert.pem|$s/key.der|$s/key.der is not an unencrypted PEM private key"
+    "$def/cert.pem|$s/encrypted-key.pem|$s/encrypted-key.pem is not an unencrypted PEM private key"
+    "$def/cert.pem|$s/missing.pem|$s/missing.pem"
+    "$def/cert.pem|$def/key.pem|"
+  )
+  generated=$work/build/src/tls_pair.cpp
+  for row in "${rows[@]}"; do
+    IFS='|' read -r cert key says <<<"$row"
+    "$cmake" -S "$source" -B "$work/build" "-DKELP_TLS_CERT=$cert" "-DKELP_TLS_KEY=$key" >"$work/configure.log" 2>&1 ||
+      { cat "$work/configure.log"; fail "configure failed for $cert and $key"; }
+    rm -f "$generated"
+    if out=$("$cmake" --build "$work/build" --target kelp_tls_pair 2>&1); then
+      [[ -z $says ]] || fail "$cert with $key builds; expected: $says"
+      grep -q tls_key_pem "$generated" || fail "$cert with $key builds no pair"
+      echo "builds: $cert with $key"
+    else
+      [[ -n $says ]] || fail "$cert with $key does not build: $out"
+      # CMake wraps its messages.
+      [[ $(tr -s '[:space:]' ' ' <<<"$out") == *"$says"* ]] ||
+        fail "$cert with $key: the build does not say '$says': $out"
+      [[ ! -e $generated ]] || fail "$cert with $key leaves a pair behind"
+      echo "refused: $says"
+    fi
+  done
+  ;;
+
+deb)
+  # The workstation package, built from the build folder into a scratch one.
+  cpack=$2 build=$3 work=$4 version=$5
+  rm -rf "$work"
+  mkdir -p "$work"
+  "$cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$work/out" >"$work/cpack.log" 2>&1 ||
+    { cat "$work/cpack.log"; fail "cpack failed"; }
+  debs=("$work"/out/*.deb)
+  ((${#debs[@]} == 1)) && [[ -f ${debs[0]} ]] || fail "cpack made ${#debs[@]} packages: ${debs[*]}"
+  deb=${debs[0]}
+  for field in "Package=kelputil" "Version=$version"; do
+    [[ $(dpkg-deb -f "$deb" "${field%%=*}") == "${field#*=}" ]] || fail "the package's ${field%%=*} is not ${field#*=}"
+  done
+  depends=$(dpkg-deb -f "$deb" Depends)
+  [[ $depends == *libc6* ]] || fail "Depends does not name libc6: $depends"
+
+  # Exactly the client's files: nothing of the router's.
+  mapfile -t files < <(dpkg-deb --contents "$deb" | grep -v '^d' | awk '{print $6}' | sort)
+  expected=(./usr/bin/kelputil ./usr/share/bash-completion/completions/kelputil ./usr/share/man/man1/kelputil.1.gz)
+  [[ ${files[*]} == "${expected[*]}" ]] || fail "the package holds ${files[*]}, not ${expected[*]}"
+
+  root=$work/root
+  dpkg-deb -x "$deb" "$root"
+  tool=$root/usr/bin/kelputil
+  help=$(timeout 10 "$tool" --help) || fail "kelputil --help fails"
+  [[ ${help,,} == *usage* ]] || fail "kelputil --help shows no usage: $help"
+  # Required once the tool offers it.
+  if [[ $help == *--version* ]]; then
+    said=$(timeout 10 "$tool" --version) || fail "kelputil --version fails"
+    [[ $said == *"$version"* ]] || fail "kelputil --version says '$said', not $version"
+  fi
+  man=$(gzip -dc "$root/usr/share/man/man1/kelputil.1.gz") || fail "the man page is not gzip"
+  [[ $man == *'.TH KELPUTIL "1"'*"kelputil $version"* ]] || fail "the man page has no title line for kelputil $version"
+  [[ $man == *'.SH NAME'*'kelputil \-'* ]] || fail "the man page has no NAME section"
+  [[ $man == *put\\-script* ]] || fail "the man page does not show the tool's help"
+
+  # Completion as bash would ask for it, from a folder with known entries.
+  script=$root/usr/share/bash-completion/completions/kelputil
+  mkdir -p "$work/cwd/nightly.d"
+  touch "$work/cwd/nightly.dat" "$work/cwd/fw.scr"
+  function=$(bash -c 'source "$1" && complete -p kelputil' _ "$script" | sed -n 's/.* -F \([^ ]*\) kelputil$/\1/p') ||
+    true
+  [[ -n $function ]] || fail "the completion script does not register a function for kelputil"
+  complete_line() {  # line
+    (cd "$work/cwd" && COMP_LINE=$1 COMP_POINT=${#1} timeout 10 bash -c \
+      'source "$1" && COMP_WORDS=() COMP_CWORD=0 && "$2" kelputil && printf "%s\n" "${COMPREPLY[@]}"' \
+      _ "$script" "$function")
+  }
+  all_commands="check apply reboot backup restore get-script put-script report ppp hotspot kick-ppp \
+kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet"
+  # command line | offered (all of) | not offered (none of); "-" for none
+  rows=(
+    "kelputil |$all_commands|-H --help"
+    "kelputil ch|check|apply"
+    "kelputil --h|--host --help|-H check"
+    "kelputil --|--host --port --plain --tls --pin --known-hosts --password-file --timeout --apply --reboot --json --quiet --verbose --version --help|--inventory --upgrade --window"
+    "kelputil -H 192.0.2.1 |$all_commands|-"
+    "kelputil --host=192.0.2.1 -p 857 --tls |$all_commands|-"
+    "kelputil -H fe80::1 --timeout 5 re|restore report reboot|check"
+    "kelputil -H |-|check nightly.dat"
+    "kelputil --pin |-|check"
+    "kelputil --password-file |nightly.dat fw.scr nightly.d|check"
+    "kelputil --password-file=ni|nightly.dat nightly.d|fw.scr"
+    "kelputil --known-hosts n|nightly.dat|check"
+    "kelputil report |full core kernel|fw nightly.dat"
+    "kelputil --json report k|kernel|full core"
+    "kelputil report kernel |-|full"
+    "kelputil get-script |cbq fw nat dhcp|full nightly.dat"
+    "kelputil -H h put-script n|nat|cbq fw"
+    "kelputil get-script fw |nightly.dat fw.scr|cbq"
+    "kelputil throughput |rx tx|full"
+    "kelputil throughput --|--window|--upgrade --inventory"
+    "kelputil throughput rx --window 64K -|-q -v|-"
+    "kelputil firmware --|--upgrade|--window --dry-run"
+    "kelputil firmware |nightly.dat|check"
+    "kelputil backup n|nightly.dat nightly.d|fw.scr"
+    "kelputil restore |nightly.dat|check"
+    "kelputil bundle-unpack nightly.dat |nightly.dat fw.scr|check"
+    "kelputil kick-ppp |-|nightly.dat check"
+    "kelputil fleet |backup history diff firmware check report get-script kick-ppp throughput|fleet bundle-pack bundle-verify bundle-unpack"
+    "kelputil fleet --|--inventory --limit --jobs --into --scripts --canary --batch --settle --dry-run --host --help|--upgrade --window"
+    "kelputil fleet -|-i -j -H -q|-"
+    "kelputil fleet -i |nightly.dat|backup"
+    "kelputil fleet --inventory=f|fw.scr|nightly.dat"
+    "kelputil fleet -i hosts.ini --limit core -j 4 |backup history diff firmware|kernel"
+    "kelputil fleet -i hosts.ini backup --|--into --scripts|--upgrade"
+    "kelputil fleet backup --into |nightly.d|nightly.dat"
+    "kelputil fleet firmware --|--upgrade --canary --batch --settle --dry-run|--window"
+    "kelputil fleet report |full core kernel|backup"
+    "kelputil fleet get-script |cbq fw nat dhcp|backup"
+    "kelputil fleet throughput |rx tx|backup"
+    "kelputil fleet history |-|backup full"
+  )
+  for row in "${rows[@]}"; do
+    IFS='|' read -r line offered refused <<<"$row"
+    got=$(complete_line "$line") || fail "completing '$line' failed"
+    mapfile -t words <<<"$got"
+    got=" ${words[*]} "
+    if [[ $offered == - ]]; then
+      [[ $got == "  " ]] || fail "'$line' offers$got, expected nothing"
+    else
+      for word in $offered; do
+        [[ $got == *" $word "* ]] || fail "'$line' does not offer $word:$got"
+      done
+    fi
+    [[ $refused == - ]] && continue
+    for word in $refused; do
+      [[ $got != *" $word "* ]] || fail "'$line' offers $word:$got"
+    done
+  done
+  echo "${#rows[@]} completions as expected"
   ;;
 
 *) fail "unknown check $1" ;;

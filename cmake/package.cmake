@@ -1,0 +1,48 @@
+# The workstation package: `cpack -G DEB` in the build folder makes kelputil's
+# .deb from install component "client" (the tool, its man page and bash
+# completion). The router's files, component "router", are installed with
+# `cmake --install` into the firmware's tree instead.
+include(GNUInstallDirs)
+
+# Cross builds (whose tool runs only under an emulator) and router builds
+# (KELP_CLIENT=OFF) make no workstation package.
+if(TARGET kelputil AND NOT CMAKE_CROSSCOMPILING)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/kelputil.bash-completion
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kelputil COMPONENT client)
+
+  # The man page is the tool's own --help. The version is given, not asked:
+  # a tool without --version still gets its page.
+  find_program(KELP_HELP2MAN help2man)
+  find_program(KELP_GZIP gzip)
+  if(KELP_HELP2MAN AND KELP_GZIP)
+    set(man ${PROJECT_BINARY_DIR}/packaging/kelputil.1)
+    add_custom_command(OUTPUT ${man}.gz
+      COMMAND ${KELP_HELP2MAN} --no-info --version-string=${PROJECT_VERSION}
+              "--name=management client for kelputild routers" --output=${man} $<TARGET_FILE:kelputil>
+      COMMAND ${KELP_GZIP} -9nf ${man}
+      DEPENDS kelputil
+      VERBATIM)
+    add_custom_target(kelputil_man ALL DEPENDS ${man}.gz)
+    install(FILES ${man}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT client)
+  else()
+    message(WARNING "help2man or gzip not found: the kelputil package gets no man page")
+  endif()
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL client)
+set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME kelputil)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION net)
+set(CPACK_COMPONENT_CLIENT_DESCRIPTION "management client for kelputild routers
+kelputil backs up and restores a router's configuration, exchanges its
+scripts, reads its reports and session lists, kicks sessions, uploads
+firmware and measures throughput, on one router or a fleet of them.")
+set(KELP_PACKAGE_MAINTAINER "kelp developer <dev@kelp.example>" CACHE STRING
+  "Maintainer named by the kelputil package")
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${KELP_PACKAGE_MAINTAINER}")
+# Depends from the libraries the tool links (dpkg-shlibdeps).
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+include(CPack)
