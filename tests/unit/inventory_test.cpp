@@ -1,0 +1,148 @@
+// Inventories as configuration-management tools write them: every construct,
+// every kind of bad line (reported as FILE:LINE), and --limit patterns.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "inventory.h"
+#include "router.h"
+
+namespace {
+
+std::string file_with(const std::string& text) {
+    char path[] = "/tmp/inventory-test-XXXXXX";
+    int fd = mkstemp(path);
+    close(fd);
+    router::write_file(path, text);
+    return path;
+}
+
+kelp::status load(const std::string& text, inventory* out, std::string* path = nullptr) {
+    std::string p = file_with(text);
+    kelp::status st = load_inventory(p, out);
+    unlink(p.c_str());
+    if (path) *path = p;
+    return st;
+}
+
+std::string vars_of(const inventory& inv, const std::string& host) {
+    for (const inventory_host& h : inv.hosts)
+        if (h.name == host) {
+            std::string out;
+            for (const auto& [k, v] : h.vars) out += k + "=" + v + " ";
+            return out;
+        }
+    return "(no such host)";
+}
+
+const std::string pin(64, 'a');
+const std::string fleet = std::string() +
+    "# edge routers first\n"
+    "edge1 ansible_host=192.0.2.7 timeout=30\n"
+    "edge2:8857\n"
+    "[routers]\n"
+    "r[01:03] password_env=ROUTER_PW\n"
+    "r03 port=1857 pin=\"" + pin + "\"\n" +
+    "[lab]\n"
+    "lab-[a:b] plain=yes\n"
+    "r02\n"
+    "[routers:vars]\n"
+    "timeout = 20\n"
+    "tls=true\n"
+    "[emea:children]\n"
+    "routers\n"
+    "[emea:vars]\n"
+    "timeout=40\n"
+    "password_env=EMEA_PW\n"
+    "[all:vars]\n"
+    "password_file=/etc/kelp/pw\n";
+
+}  // namespace
+
+TEST(Inventory, ConstructsAndPrecedence) {
+    inventory inv;
+    kelp::status st = load(fleet, &inv);
+    ASSERT_TRUE(st) << st.message;
+    std::vector<std::string> names;
+    for (const inventory_host& h : inv.hosts) names.push_back(h.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"edge1", "edge2", "r01", "r02", "r03", "lab-a", "lab-b"}));
+    struct {
+        const char* host;
+        std::string vars;
+    } rows[] = {
+        {"edge1", "ansible_host=192.0.2.7 password_file=/etc/kelp/pw timeout=30 "},
+        {"edge2", "ansible_port=8857 password_file=/etc/kelp/pw "},
+        // routers (depth 2) over emea (depth 1) over all; the host's own last.
+        {"r01", "password_env=ROUTER_PW password_file=/etc/kelp/pw timeout=20 tls=true "},
+        {"r03", "password_env=ROUTER_PW password_file=/etc/kelp/pw pin=" + std::string(64, 'a') +
+                    " port=1857 timeout=20 tls=true "},
+        {"lab-b", "password_file=/etc/kelp/pw plain=yes "},
+    };
+    for (const auto& row : rows) EXPECT_EQ(vars_of(inv, row.host), row.vars) << row.host;
+    EXPECT_EQ(inv.groups["emea"], (std::vector<std::string>{"r01", "r02", "r03"}));
+    EXPECT_EQ(inv.groups["lab"], (std::vector<std::string>{"lab-a", "lab-b", "r02"}));
+    EXPECT_EQ(inv.groups["ungrouped"], (std::vector<std::string>{"edge1", "edge2"}));
+}
+
+TEST(Inventory, BadLinesNameFileAndLine) {
+    struct {
+        const char* text;
+        const char* says;  // after "FILE:"
+    } rows[] = {
+        {"[routers\nr1\n", "1: a section header ends with ']'"},
+        {"r1\n[routers:hosts2]\n", "2: unknown section kind ':hosts2'"},
+        {"r1 port=abc\n", "1: port=abc is not a port (1 to 65535)"},
+        {"r1 ansible_port=70000\n", "1: ansible_port=70000 is not a port"},
+        {"\n\nr1 tls=maybe\n", "3: tls=maybe is not true or false"},
+        {"r1 timeout=forever\n", "1: timeout=forever is not a duration"},
+        {"r1 pin=xyz\n", "1: pin=xyz is not a SHA-256 fingerprint"},
+        {"r1 junk\n", "1: 'junk' is not key=value"},
+        {"[g:vars]\nnovalue\n", "2: 'novalue' is not key=value"},
+        {"r[3:1]\n", "1: 'r[3:1]' has a range that is not [FROM:TO]"},
+        {"../evil\n", "1: '../evil' is not a usable host name"},
+        {"[a:children]\nb c\n", "2: 'b c' is not a group name"},
+        {"[a:children]\nb\n[b:children]\na\n", " group "},
+    };
+    for (const auto& row : rows) {
+        inventory inv;
+        std::string path;
+        kelp::status st = load(row.text, &inv, &path);
+        EXPECT_FALSE(st) << row.text;
+        EXPECT_EQ(st.message.rfind(path + ":", 0), 0u) << st.message;
+        EXPECT_NE(st.message.find(row.says), std::string::npos) << st.message;
+    }
+}
+
+TEST(Inventory, LimitPatterns) {
+    inventory inv;
+    ASSERT_TRUE(load(fleet, &inv));
+    struct {
+        const char* pattern;
+        const char* hosts;  // empty: an error naming the term
+    } rows[] = {
+        {"", "edge1 edge2 r01 r02 r03 lab-a lab-b"},
+        {"routers", "r01 r02 r03"},
+        {"emea", "r01 r02 r03"},
+        {"r0*", "r01 r02 r03"},
+        {"edge1:lab", "edge1 r02 lab-a lab-b"},
+        {"routers:!r02", "r01 r03"},
+        {"!r02:routers", "r01 r03"},
+        {"routers:&lab", "r02"},
+        {"!routers", "edge1 edge2 lab-a lab-b"},
+        {"edge1,r01", "edge1 r01"},
+        {"nosuch", ""},
+        {"routers:&edge*", ""},
+    };
+    for (const auto& row : rows) {
+        std::vector<const inventory_host*> chosen;
+        kelp::status st = select_hosts(inv, row.pattern, &chosen);
+        std::string names;
+        for (const inventory_host* h : chosen) names += (names.empty() ? "" : " ") + h->name;
+        if (*row.hosts) {
+            EXPECT_TRUE(st) << row.pattern << ": " << st.message;
+            EXPECT_EQ(names, row.hosts) << row.pattern;
+        } else {
+            EXPECT_FALSE(st) << row.pattern;
+        }
+    }
+}
