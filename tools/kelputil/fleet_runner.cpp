@@ -164,6 +164,10 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
                 fflush(stdout);
             }
             s_->draw();
+            // Only the table's columns stay: memory does not grow with a
+            // host's findings.
+            r.result.data = nullptr;
+            r.result.text.clear();
             results[i] = std::move(r);
         }
     };
