@@ -102,6 +102,10 @@ TEST_F(kelputil, careless_use) {
          1, {"bad.dat: bundle digest check failed", "nothing was sent"}},
         {"printf abcd > tiny && kelputil bundle-pack tiny t.dat; ls t.dat", 2,
          {"tiny is 4 bytes: its bundle would be 52 bytes", "No such file"}},
+        // A whole bundle of no configuration: intact, but too small for the device.
+        {"printf 'kelp-v3 configuration\\0\\0\\0\\324\\035\\214\\331\\217\\0\\262\\004\\351\\200\\011\\230"
+         "\\354\\370\\102\\176\\001\\0\\0\\040\\060\\0\\0\\0' > empty.dat && kelputil bundle-verify empty.dat",
+         1, {"empty.dat: the bundle is 48 bytes; the device takes 1024 to 524288"}},
         {"grep -c 'uploading new configuration' /run/sim/messages", 1, {"0\n"}},
     });
 }
