@@ -108,12 +108,14 @@ def wait_listener(port, pid, limit=10.0):
 
 
 def throughput(text):
+    # kelputil prints JSON lines (one per second) and its result last.
+    lines = [l for l in text.splitlines() if l.startswith("{")]
     try:
-        d = json.loads(text)
-    except ValueError:
+        d = json.loads(lines[-1] if lines and "iperf" not in text[:200] else text)
+    except (ValueError, IndexError):
         return None
-    if "mbit_per_s" in d:
-        return d["mbit_per_s"]
+    if isinstance(d.get("data"), dict) and "summary" in d["data"]:
+        return d["data"]["summary"]["mbit_per_s"]
     try:
         return d["end"]["sum_received"]["bits_per_second"] / 1e6
     except (KeyError, TypeError):

@@ -18,7 +18,8 @@ if [[ ${1:-} != --inside ]]; then
   [[ $(id -u) == 0 ]] || { echo "run as root (namespaces, mounts)" >&2; exit 1; }
   need=()
   for p in g++ cmake ninja-build pkg-config libmbedtls-dev libcrypt-dev libbenchmark-dev iperf3 socat \
-    strace openssl binutils iproute2 util-linux python3 time; do
+    strace openssl binutils iproute2 util-linux python3 time libcli11-dev nlohmann-json3-dev libgit2-dev \
+    libarchive-dev; do
     dpkg-query -W -f='${db:Status-Abbrev}\n' "$p" 2>/dev/null | grep -q '^ii' || need+=("$p")
   done
   if ((${#need[@]})); then
@@ -48,6 +49,7 @@ mount --bind "$W/passwd" /etc/passwd
 mount --bind /dev/null /proc/sys/vm/drop_caches
 ip link set lo up
 export KELPUTIL_PASSWORD=$password
+export XDG_CONFIG_HOME=$W/config  # the trust file stays in the sandbox
 
 head -c $((512 << 10)) /dev/urandom >"$W/config.bin"
 for _ in $(seq 64); do cat "$W/config.bin"; done >"$W/fw.bin"  # 32 MiB
@@ -78,8 +80,8 @@ for r in $(seq "$BENCH_REPEAT"); do
   for d in rx tx; do
     rev=""
     [[ $d == rx ]] && rev=-R  # rx: the server side (the device) sends
-    $M pair "$RAW" "thr_${d}_ours" --port 856 --server "$D" --client "$C --json --window 64K throughput $d $S"
-    $M pair "$RAW" "thr_${d}_ours_auto" --port 856 --server "$D" --client "$C --json throughput $d $S"
+    $M pair "$RAW" "thr_${d}_ours" --port 856 --server "$D" --client "$C --json --plain throughput --window 64K $d $S"
+    $M pair "$RAW" "thr_${d}_ours_auto" --port 856 --server "$D" --client "$C --json --plain throughput $d $S"
     $M pair "$RAW" "thr_${d}_iperf_w" --port 5201 --server "iperf3 -s -1 -p 5201" \
       --client "iperf3 -c 127.0.0.1 -p 5201 -t $S -w 64K -l 128K $rev -J"
     $M pair "$RAW" "thr_${d}_iperf" --port 5201 --server "iperf3 -s -1 -p 5201" \
@@ -95,7 +97,7 @@ for r in $(seq "$BENCH_REPEAT"); do
   rm -f /tmp/firmware.bin
   $M pair "$RAW" fw_socat --port 9000 --server "$(sock TCP-LISTEN:9000,reuseaddr OPEN:$W/recv.bin,creat,trunc)" \
     --client "$(sock OPEN:$W/fw.bin TCP:127.0.0.1:9000)"
-  $M pair "$RAW" backup_ours --port 856 --server "$D" --client "$C -q backup $W/backup.dat"
+  $M pair "$RAW" backup_ours --port 856 --server "$D" --client "$C -q --plain backup $W/backup.dat"
   $M pair "$RAW" backup_socat --port 9000 --server "$(sock OPEN:$W/config.bin TCP-LISTEN:9000,reuseaddr)" \
     --client "$(sock TCP:127.0.0.1:9000 OPEN:$W/recv.bin,creat,trunc)"
 done
@@ -111,7 +113,7 @@ $M pair "$RAW" strace_fw_socat --port 9000 \
   --client "$(st c) $(sock OPEN:$W/fw.bin TCP:127.0.0.1:9000)"
 $M strace "$RAW" st_fw_socat_receiver "$W/d.st" $((32 << 20))
 $M strace "$RAW" st_fw_socat_sender "$W/c.st" $((32 << 20))
-$M pair "$RAW" strace_backup --port 856 --server "$(st d) $D" --client "$(st c) $C -q backup $W/backup.dat"
+$M pair "$RAW" strace_backup --port 856 --server "$(st d) $D" --client "$(st c) $C -q --plain backup $W/backup.dat"
 $M strace "$RAW" st_backup_daemon "$W/d.st" $((512 << 10))
 $M strace "$RAW" st_backup_client "$W/c.st" $((512 << 10))
 $M pair "$RAW" strace_backup_socat --port 9000 \
@@ -122,8 +124,8 @@ $M strace "$RAW" st_backup_socat_receiver "$W/c.st" $((512 << 10))
 
 N=$BENCH_SESSIONS
 step "connection cost: $N sessions each (plain, TLS, /bin/true, openssl)"
-$M pair "$RAW" sess_plain --count "$N" --from-server --port 856 --server "$D" --client "$C -q check"
-$M pair "$RAW" sess_tls --count "$N" --from-server --port 857 --server "$W/kelputild-tls" --client "$C -q --tls check"
+$M pair "$RAW" sess_plain --count "$N" --from-server --port 856 --server "$D" --client "$C -q --plain check"
+$M pair "$RAW" sess_tls --count "$N" --from-server --port 857 --server "$W/kelputild-tls" --client "$C -q check"
 $M pair "$RAW" sess_true --count "$N" --client /bin/true
 # The daemon speaks TLS 1.2 (mbedTLS 2.28): the baseline does the same.
 $M pair "$RAW" sess_openssl --count "$N" --from-server --port 4433 \
@@ -135,8 +137,8 @@ for r in $(seq "$BENCH_REPEAT"); do
   $M pair "$RAW" mem_fw --rss --port 856 --server "$D" --client "$U $W/fw.bin"
   $M pair "$RAW" mem_fw1 --rss --port 856 --server "$D" --client "$U $W/fw1.bin"
   rm -f /tmp/firmware.bin
-  $M pair "$RAW" mem_tls --rss --port 857 --server "$W/kelputild-tls" --client "$C -q --tls check"
-  $M pair "$RAW" mem_plain --rss --port 856 --server "$D" --client "$C -q check"
+  $M pair "$RAW" mem_tls --rss --port 857 --server "$W/kelputild-tls" --client "$C -q check"
+  $M pair "$RAW" mem_plain --rss --port 856 --server "$D" --client "$C -q --plain check"
   $M pair "$RAW" mem_openssl --rss --port 4433 \
     --server "openssl s_server -accept 4433 -naccept 1 -cert $CERT -key $KEY" \
     --client "openssl s_client -connect 127.0.0.1:4433 -tls1_2 -brief"

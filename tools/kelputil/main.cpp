@@ -28,7 +28,7 @@ int run_single(const invocation& inv) {
     std::unique_ptr<reporter> r;
     if (inv.json) r = std::make_unique<json_reporter>();
     else r = std::make_unique<terminal_reporter>(inv.quiet);
-    if (inv.plain)
+    if (inv.plain && !inv.quiet)
         r->note("--plain: the password travels in a form anyone who captures this connection can read; "
                 "TLS (the default) protects it");
     if (inv.device_command() == "firmware" && inv.flags)
