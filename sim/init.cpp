@@ -6,11 +6,13 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -22,9 +24,10 @@
 namespace router {
 namespace {
 
-constexpr int restart_delay_ms = 10;  // the port is free again at once (SO_REUSEADDR)
+constexpr int restart_delay_ms = 10;   // the port is free again at once (SO_REUSEADDR)
 constexpr int listen_wait_ms = 30000;  // generous: hundreds of routers start at once
 constexpr int relay_grace_ms = 10000;  // for the daemon finishing an upgrade's conversation
+constexpr int monitor_look_ms = 200;
 
 long long now_ms() {
     struct timespec t;
@@ -78,13 +81,15 @@ bool relays_upgrade(pid_t pid) {
 
 class init {
 public:
-    explicit init(const init_options& o) : o_(o), ready_fd_(o.ready_fd) {}
+    explicit init(const init_options& o) : o_(o), ready_fd_(o.ready_fd), link_fd_(o.link_fd) {}
     [[noreturn]] void run();
 
 private:
     const init_options& o_;
-    daemon_slot slots_[2] = {{"kelputild", "/run/sim/kelputild.log", {}}, {"kelputild-tls", "/run/sim/kelputild-tls.log", {}}};
+    daemon_slot slots_[2] = {{"kelputild", "/run/sim/kelputild.log", {}},
+                             {"kelputild-tls", "/run/sim/kelputild-tls.log", {}}};
     int ready_fd_;
+    int link_fd_;
     long long listen_deadline_ = -1;  // waiting for both ports to listen
     int listen_poll_ms_ = 1;
     bool announce_reboot_ = false;
@@ -92,6 +97,7 @@ private:
     bool failed_ = false;
     long long reboot_over_ = 0;
     int reboot_requests_ = 0;
+    long long next_look_ = -1;  // without inotify
 
     bool supervises() const { return !o_.down && !o_.silent; }
     void start_daemons();
@@ -170,6 +176,11 @@ void init::take_monitor() {
 
 void init::tick() {
     long long now = now_ms();
+    struct stat st;
+    if (next_look_ >= 0 && now >= next_look_) {
+        if (stat("/tmp/monitor", &st) == 0 && st.st_size > 0) take_monitor();
+        next_look_ = now + monitor_look_ms;
+    }
     for (daemon_slot& s : slots_) {
         if (s.restart_at >= 0 && now >= s.restart_at) {
             s.p = start(o_.daemon, s.argv0, o_.emulator);
@@ -223,6 +234,7 @@ int init::next_timeout() const {
         if (s.p.pid > 0) consider(s.spare_until);
     }
     if (rebooting_ && !halted_) consider(reboot_over_);
+    consider(next_look_);
     // Listeners are looked up, not announced: soon at first, then less
     // often, for hundreds of routers starting at once share the processors.
     if (listen_deadline_ >= 0) consider(now + listen_poll_ms_);
@@ -237,18 +249,39 @@ void init::run() {
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     int signal_fd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    inotify_add_watch(watch, "/tmp", IN_CLOSE_WRITE | IN_MOVED_TO);
+    // Inotify instances are few per user (128 by default), and a fleet has
+    // more routers: the rest look at /tmp/monitor five times a second.
+    if (watch >= 0 && inotify_add_watch(watch, "/tmp", IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
+        close(watch);
+        watch = -1;
+    }
+    if (watch < 0) next_look_ = now_ms();
     int messages = open("/run/sim/messages", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     write_file(std::string(state_dir) + "/init.pid", std::to_string(getpid()) + "\n");
 
     if (o_.silent) failed_ = listen_only(856) < 0 || listen_only(857) < 0;
     if (supervises()) start_daemons();
-    listen_deadline_ = now_ms() + listen_wait_ms;
+    // In a fleet, the wait for listeners begins with the network: the
+    // workstation links every router first, which takes its time.
+    if (link_fd_ < 0) listen_deadline_ = now_ms() + listen_wait_ms;
 
     for (;;) {
         tick();
-        struct pollfd fds[3] = {{signal_fd, POLLIN, 0}, {watch, POLLIN, 0}, {syslog_socket(), POLLIN, 0}};
-        if (poll(fds, 3, next_timeout()) < 0 && errno != EINTR) _exit(1);
+        struct pollfd fds[4] = {
+            {signal_fd, POLLIN, 0}, {watch, POLLIN, 0}, {syslog_socket(), POLLIN, 0}, {link_fd_, POLLIN, 0}};
+        if (poll(fds, 4, next_timeout()) < 0 && errno != EINTR) _exit(1);
+        char byte;
+        if (fds[3].revents && read(link_fd_, &byte, 1) <= 0) {
+            close(link_fd_);
+            link_fd_ = -1;
+            std::string error = o_.network ? o_.network() : "";
+            listen_deadline_ = now_ms() + listen_wait_ms;
+            listen_poll_ms_ = 1;
+            if (!error.empty()) {
+                fprintf(stderr, "kelp-router: router%d: %s\n", o_.number, error.c_str());
+                failed_ = true;
+            }
+        }
         if (fds[2].revents & POLLIN) relay_syslog(messages);
         if (fds[1].revents & POLLIN) {
             alignas(inotify_event) char buf[4096];
@@ -280,8 +313,6 @@ void init::run() {
 
 }  // namespace
 
-void run_init(const init_options& opts) {
-    init(opts).run();
-}
+void run_init(const init_options& opts) { init(opts).run(); }
 
 }  // namespace router

@@ -10,6 +10,7 @@
 // ended. Then both start again and "rebooted" goes to /run/sim/events.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,9 +24,13 @@ struct init_options {
     bool no_return = false;  // the daemons stay down after a reboot
     int reboot_ms = 1000;
     // Gets the ready record once both ports listen (or at once for a down
-    // router), then is closed.
+    // router) and the network is set up, then is closed.
     int ready_fd = -1;
     int number = 1;  // the router's number in the ready record
+    // In a fleet: ends (EOF) once the router's link exists; then network()
+    // sets it up. The daemons start meanwhile: they listen on any address.
+    int link_fd = -1;
+    std::function<std::string()> network;
 };
 
 struct ready_record {

@@ -1,6 +1,7 @@
-// kelp-router: a simulated router on a laptop. Builds the router's file
-// system in fresh namespaces, starts its init (plain and TLS daemons,
-// syslogd, monitor), then runs a command (a shell by default) inside it.
+// kelp-router: a simulated router, or a fleet of them, on a laptop. Builds
+// each router's file system in fresh namespaces, starts its init (plain and
+// TLS daemons, syslogd, monitor), then runs a command (a shell by default):
+// inside the router, or for a fleet on the workstation side of their bridge.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -20,16 +21,19 @@
 #include <utility>
 #include <vector>
 
+#include "fleet.h"
 #include "init.h"
 #include "router.h"
 
 static const char usage[] =
-    "usage: kelp-router [--password PW] [--fault KIND:LIST]... [--reboot-seconds S]\n"
+    "usage: kelp-router [--fleet N] [--password PW] [--fault KIND:LIST]... [--reboot-seconds S]\n"
     "                   [--daemon PATH] [--helpers DIR] [-- COMMAND ARGS...]\n"
     "Runs COMMAND (default: an interactive shell) inside a simulated router whose\n"
-    "daemons listen on 127.0.0.1 ports 856 (plain) and 857 (TLS). The admin\n"
-    "password defaults to \"admin\" (the demo's; choose your own with --password).\n"
-    "Faults for the routers numbered in LIST (the single router is 1): down (no daemon),\n"
+    "daemons listen on 127.0.0.1 ports 856 (plain) and 857 (TLS); with --fleet, N\n"
+    "routers (at most 1023) at 198.18.0.2, 198.18.0.3, ... and COMMAND beside them\n"
+    "at 198.18.0.1, with their inventory in $KELP_INVENTORY and router K's /run/sim\n"
+    "at /run/fleet/routerK. The admin password defaults to \"admin\" (the demo's).\n"
+    "Faults for the routers numbered in LIST (e.g. down:3,7): down (no daemon),\n"
     "silent (connections hang before the greeting), password (another password),\n"
     "upgrade-fails (the flash upgrade reports an error and does not reboot),\n"
     "no-return (does not come back from a reboot). A reboot takes S seconds\n"
@@ -50,6 +54,7 @@ const std::pair<const char*, bool faults::*> fault_kinds[] = {
 };
 
 struct settings {
+    int fleet = 0;  // 0: one router, with the command inside it
     std::string password = "admin";
     std::string daemon = KELP_DAEMON;
     std::string helpers = KELP_HELPERS;
@@ -57,7 +62,7 @@ struct settings {
     int reboot_ms = 1000;
     std::vector<std::string> command;
 
-    int routers() const { return 1; }
+    int routers() const { return fleet ? fleet : 1; }
     faults of(int k) const {
         faults f;
         for (const auto& [kind, router] : fault_list)
@@ -79,12 +84,12 @@ std::string parse_fault(const std::string& arg, settings* s) {
     bool faults::*field = nullptr;
     for (const auto& [name, f] : fault_kinds)
         if (kind == name) field = f;
-    if (!field || colon == std::string::npos) return "--fault takes KIND:LIST, KIND one of down, silent, password, "
-                                                      "upgrade-fails, no-return";
+    if (!field || colon == std::string::npos)
+        return "--fault takes KIND:LIST, KIND one of down, silent, password, upgrade-fails, no-return";
     std::string list = arg.substr(colon + 1) + ",";
     for (size_t at = 0, comma; (comma = list.find(',', at)) != std::string::npos; at = comma + 1) {
         long k;
-        if (!whole_number(list.substr(at, comma - at), 999999, &k) || k < 1)
+        if (!whole_number(list.substr(at, comma - at), fleet::max_routers, &k) || k < 1)
             return "--fault " + arg + ": router numbers are 1, 2, ...";
         s->fault_list.push_back({field, (int)k});
     }
@@ -96,7 +101,8 @@ bool parse_seconds(const std::string& text, int* ms) {
     size_t dot = text.find('.');
     std::string whole = text.substr(0, dot), part = dot == std::string::npos ? "" : text.substr(dot + 1);
     long w, p = 0;
-    if (!whole_number(whole, 86400, &w) || part.size() > 3 || (!part.empty() && !whole_number(part, 999, &p))) return false;
+    if (!whole_number(whole, 86400, &w) || part.size() > 3 || (!part.empty() && !whole_number(part, 999, &p)))
+        return false;
     for (size_t i = part.size(); i < 3; i++) p *= 10;
     *ms = (int)(w * 1000 + p);
     return true;
@@ -117,6 +123,11 @@ std::string parse(int argc, char** argv, settings* s) {
             s->daemon = argv[++i];
         } else if (a == "--helpers" && has_value) {
             s->helpers = argv[++i];
+        } else if (a == "--fleet" && has_value) {
+            long n;
+            if (!whole_number(argv[++i], fleet::max_routers, &n) || n < 1)
+                return "--fleet takes a number of routers from 1 to " + std::to_string(fleet::max_routers);
+            s->fleet = (int)n;
         } else if (a == "--fault" && has_value) {
             std::string error = parse_fault(argv[++i], s);
             if (!error.empty()) return error;
@@ -127,7 +138,8 @@ std::string parse(int argc, char** argv, settings* s) {
         }
     }
     for (const auto& [kind, k] : s->fault_list)
-        if (k > s->routers()) return "--fault names router " + std::to_string(k) + " of " + std::to_string(s->routers());
+        if (k > s->routers())
+            return "--fault names router " + std::to_string(k) + " of " + std::to_string(s->routers());
     for (int k = 1; k <= s->routers(); k++)
         if (s->of(k).down && s->of(k).silent) return "router " + std::to_string(k) + " cannot be both down and silent";
     return "";
@@ -162,10 +174,14 @@ void furnish(int k, const settings& s, const std::vector<std::pair<std::string, 
         router::write_file(std::string(router::helper_dir) + "/" + name, body, 0755);
     mkdir("/run/sim", 0755);
     router::write_file("/etc/config/system.conf", "hostname router" + std::to_string(k) + "\n");
-    router::write_file("/etc/config/cbq.scr", "#!/bin/sh\n# traffic shaping\ntc qdisc add dev eth0 root handle 1: htb\n");
-    router::write_file("/etc/config/fw.scr", "#!/bin/sh\n# firewall\niptables -P INPUT DROP\niptables -A INPUT -i lo -j ACCEPT\n");
-    router::write_file("/etc/config/nat.scr", "#!/bin/sh\n# address translation\niptables -t nat -A POSTROUTING -o eth0 -j MASQUERADE\n");
-    router::write_file("/etc/config/dhcpd.conf", "subnet 10.0.0.0 netmask 255.255.255.0 {\n  range 10.0.0.100 10.0.0.200;\n}\n");
+    router::write_file("/etc/config/cbq.scr",
+                       "#!/bin/sh\n# traffic shaping\ntc qdisc add dev eth0 root handle 1: htb\n");
+    router::write_file("/etc/config/fw.scr",
+                       "#!/bin/sh\n# firewall\niptables -P INPUT DROP\niptables -A INPUT -i lo -j ACCEPT\n");
+    router::write_file("/etc/config/nat.scr",
+                       "#!/bin/sh\n# address translation\niptables -t nat -A POSTROUTING -o eth0 -j MASQUERADE\n");
+    router::write_file("/etc/config/dhcpd.conf",
+                       "subnet 10.0.0.0 netmask 255.255.255.0 {\n  range 10.0.0.100 10.0.0.200;\n}\n");
     router::write_file("/run/pppoe/info.ppp0", "PPP=ppp0\nTYPE=pppoe\nREMOTE=10.64.0.1\nCBQRULE=12\nNAME=alice\n");
     router::write_file("/run/pppoe/info.ppp1", "PPP=ppp1\nTYPE=pptp\nREMOTE=10.64.0.2\nCBQRULE=-1\nNAME=bob\n");
     router::write_file("/run/sim/hotspot",
@@ -264,6 +280,96 @@ int one_router(const settings& s) {
     return run_command(s.command, "[kelp-router] \\w# ");
 }
 
+// Router K of a fleet, in a fork of the workstation: its own namespaces
+// and files, then its init, which sets up its network once the workstation
+// has linked it.
+[[noreturn]] void fleet_router(int k, const settings& s,
+                               const std::vector<std::pair<std::string, std::string>>& helpers, int up_fd, int link_fd,
+                               int ready_fd) {
+    quiet_stdin();
+    std::string error = router::new_namespaces(false);
+    if (error.empty()) fleet::no_ipv6();
+    router::ready_record r{k, error.empty() ? 1 : 0};
+    if (write(up_fd, &r, sizeof r) != (ssize_t)sizeof r || !error.empty()) _exit(1);
+    close(up_fd);
+    // Held before the router's own /run hides it; opened in this mount
+    // namespace, since a mount can only be bound from the caller's.
+    std::string own = "/run/fleet/router" + std::to_string(k);
+    int run_sim = open(own.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    error = router::lay_out({});
+    // The workstation sees this router's /run/sim at /run/fleet/routerK.
+    mkdir("/run/sim", 0755);
+    if (error.empty() &&
+        mount(("/proc/self/fd/" + std::to_string(run_sim)).c_str(), "/run/sim", nullptr, MS_BIND, nullptr) != 0)
+        error = "bind " + own + ": " + strerror(errno);
+    close(run_sim);
+    if (!error.empty()) {
+        complain("router" + std::to_string(k) + ": " + error);
+        r.ok = 0;
+        if (write(ready_fd, &r, sizeof r) < 0) _exit(1);
+        _exit(1);
+    }
+    furnish(k, s, helpers);
+    router::init_options o = init_for(k, s, ready_fd);
+    o.link_fd = link_fd;
+    o.network = [k] { return fleet::configure_router(k); };
+    router::run_init(o);
+}
+
+int fleet_of_routers(const settings& s) {
+    long long began = now_ms();
+    int n = s.fleet;
+    std::string error = router::new_namespaces(true);
+    if (error.empty()) error = router::private_tmp_and_run();
+    if (error.empty() && !router::interface_up("lo")) error = "loopback up";
+    if (!error.empty()) return complain(error), 1;
+    fleet::no_ipv6();
+    mkdir("/run/sim", 0755);
+    mkdir("/run/sim/config", 0755);
+    mkdir("/run/fleet", 0755);
+    for (int k = 1; k <= n; k++) mkdir(("/run/fleet/router" + std::to_string(k)).c_str(), 0755);
+    auto helpers = read_helpers(s.helpers);
+    // start: the routers wait until all are forked, or they would take the
+    // processors from the forking. up: each has its namespaces. linked: the
+    // veth pairs exist. ready: each router's daemons listen.
+    int start[2], up[2], linked[2], ready[2];
+    for (int* p : {start, up, linked, ready})
+        if (pipe2(p, O_CLOEXEC) != 0) return complain("pipe"), 1;
+    std::vector<pid_t> pids;
+    for (int k = 1; k <= n; k++) {
+        pid_t pid = fork();
+        if (pid < 0) return complain(std::string("fork: ") + strerror(errno)), 1;
+        if (pid == 0) {
+            for (int fd : {start[1], up[0], linked[1], ready[0]}) close(fd);
+            char byte;
+            while (read(start[0], &byte, 1) < 0 && errno == EINTR) {
+            }
+            close(start[0]);
+            fleet_router(k, s, helpers, up[1], linked[0], ready[1]);
+        }
+        pids.push_back(pid);
+    }
+    for (int fd : {start[0], start[1], up[1], linked[0], ready[1]}) close(fd);
+    long long deadline = now_ms() + 60000 + 100LL * n;
+    error = collect(up[0], n, deadline, "no namespaces");
+    if (error.empty()) error = fleet::link_routers(pids);
+    if (!error.empty()) return complain(error), 1;
+    close(linked[1]);
+    error = collect(ready[0], n, deadline, "the daemons did not start");
+    if (!error.empty()) complain(error);
+    close(up[0]);
+    close(ready[0]);
+    if (!router::write_file(fleet::inventory_path, fleet::inventory(n)))
+        return complain("cannot write the inventory"), 1;
+    setenv("KELP_INVENTORY", fleet::inventory_path, 1);
+    setenv("XDG_CONFIG_HOME", "/run/sim/config", 1);
+    if (s.command.empty())
+        fprintf(stderr, "kelp-router: %d routers ready in %.1f s at %s to %s; inventory in $KELP_INVENTORY\n", n,
+                (now_ms() - began) / 1000.0, fleet::dotted(fleet::router_address(1)).c_str(),
+                fleet::dotted(fleet::router_address(n)).c_str());
+    return run_command(s.command, "[kelp-fleet] \\w# ");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -282,7 +388,7 @@ int main(int argc, char** argv) {
     if (first < 0) return complain(std::string("fork: ") + strerror(errno)), 1;
     if (first == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        _exit(one_router(s));
+        _exit(s.fleet ? fleet_of_routers(s) : one_router(s));
     }
     // As system() does: the terminal's ^C and ^\ are the command's to take.
     signal(SIGINT, SIG_IGN);
