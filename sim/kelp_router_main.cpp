@@ -134,7 +134,7 @@ std::string parse(int argc, char** argv, settings* s) {
         } else if (a == "--reboot-seconds" && has_value) {
             if (!parse_seconds(argv[++i], &s->reboot_ms)) return "--reboot-seconds takes seconds, e.g. 0, 1 or 2.5";
         } else {
-            return "usage";
+            return a == "-h" || a == "--help" ? "help" : "usage";
         }
     }
     for (const auto& [kind, k] : s->fault_list)
@@ -376,8 +376,8 @@ int main(int argc, char** argv) {
     settings s;
     std::string error = parse(argc, argv, &s);
     if (!error.empty()) {
-        bool help = argc == 2 && (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0);
-        if (error != "usage") complain(error);
+        bool help = error == "help";
+        if (!help && error != "usage") complain(error);
         fputs(usage, help ? stdout : stderr);
         return help ? 0 : 1;
     }
