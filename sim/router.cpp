@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -86,10 +87,10 @@ static std::string open_log_socket() {
     return "";
 }
 
-static bool loopback_up() {
+bool interface_up(const char* name) {
     int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     struct ifreq ifr = {};
-    strcpy(ifr.ifr_name, "lo");
+    snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "%s", name);
     bool ok = ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
     ifr.ifr_flags |= IFF_UP | IFF_RUNNING;
     ok = ok && ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
@@ -107,15 +108,35 @@ static void leave_previous() {
     for (const char* m : {drop_caches, "/etc", "/dev", "/run", "/tmp"}) umount2(m, MNT_DETACH);
 }
 
-std::string enter(const options& opts) {
-    static bool entered = false;
-    static std::string host_path = getenv("PATH") ? getenv("PATH") : "/usr/sbin:/usr/bin:/sbin:/bin";
+static std::string host_path() {
+    static std::string path = getenv("PATH") ? getenv("PATH") : "/usr/sbin:/usr/bin:/sbin:/bin";
+    return path;
+}
+
+static bool laid_out = false;
+
+std::string new_namespaces(bool own_proc) {
+    host_path();  // before the helpers join it
     if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return fail("unshare (needs root)");
-    if (entered) leave_previous();
-    entered = true;
+    if (laid_out) leave_previous();
+    laid_out = false;
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("private mounts");
+    // Pids in pid files and /proc must agree for the router's own scripts.
+    if (own_proc && mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0)
+        return fail("mount /proc");
+    return "";
+}
+
+std::string private_tmp_and_run() {
     if (!mount_tmpfs("/tmp", "mode=1777")) return fail("tmpfs /tmp");
     if (!mount_tmpfs("/run", "mode=0755")) return fail("tmpfs /run");
+    return "";
+}
+
+std::string lay_out(const options& opts) {
+    laid_out = true;
+    std::string dirs = private_tmp_and_run();
+    if (!dirs.empty()) return dirs;
     mkdir(state_dir, 0755);
     mkdir(helper_dir, 0755);
     std::string upper = std::string(state_dir) + "/etc-upper", work = std::string(state_dir) + "/etc-work";
@@ -130,11 +151,16 @@ std::string enter(const options& opts) {
     mount("/dev/null", drop_caches, nullptr, MS_BIND, nullptr);  // best effort
     std::string log = open_log_socket();
     if (!log.empty()) return log;
-    if (!loopback_up()) return fail("loopback up");
+    if (!interface_up("lo")) return fail("loopback up");
     write_file(calls_log, "");
-    std::string path = std::string(helper_dir) + ":" + host_path;
+    std::string path = std::string(helper_dir) + ":" + host_path();
     setenv("PATH", path.c_str(), 1);
     return "";
+}
+
+std::string enter(const options& opts) {
+    std::string error = new_namespaces(opts.own_proc);
+    return error.empty() ? lay_out(opts) : error;
 }
 
 bool write_file(const std::string& path, const std::string& content, mode_t mode) {
@@ -243,18 +269,30 @@ std::vector<log_line> syslog_lines(size_t want, int timeout_ms) {
     return received;
 }
 
+// One datagram from /dev/log as a line of the messages file.
+static std::string received_line(int flags) {
+    char buf[2048];
+    ssize_t n = recv(log_socket, buf, sizeof buf, flags);
+    if (n <= 0) return "";
+    log_line l = parse_log(std::string(buf, (size_t)n));
+    return "<" + std::to_string(l.priority) + "> " + l.ident + ": " + l.text + "\n";
+}
+
+int syslog_socket() { return log_socket; }
+
+void relay_syslog(int out) {
+    for (std::string line; !(line = received_line(MSG_DONTWAIT)).empty();)
+        if (write(out, line.data(), line.size()) < 0) return;  // the log is best effort
+}
+
 pid_t serve_syslog(const std::string& path) {
     pid_t pid = fork();
     if (pid != 0) return pid;
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     int out = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     for (;;) {
-        char buf[2048];
-        ssize_t n = recv(log_socket, buf, sizeof buf, 0);
-        if (n <= 0) continue;
-        log_line l = parse_log(std::string(buf, (size_t)n));
-        std::string line = "<" + std::to_string(l.priority) + "> " + l.ident + ": " + l.text + "\n";
-        if (write(out, line.data(), line.size()) < 0) _exit(1);
+        std::string line = received_line(0);
+        if (!line.empty() && write(out, line.data(), line.size()) < 0) _exit(1);
     }
 }
 
@@ -290,24 +328,30 @@ process start(const std::string& binary, const std::string& argv0, const std::ve
     p.err_path = std::string(state_dir) + "/stderr." + tag;
     std::vector<std::string> args = emulator;
     args.push_back(emulator.empty() ? argv0 : link);
-    p.pid = fork();
-    if (p.pid == 0) {
-        int out = open(p.out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = open(p.err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        dup2(err, 2);
-        int null = open("/dev/null", O_RDONLY);
-        dup2(null, 0);
-        // Nothing of the caller's (listening sockets, the log socket) leaks in.
-        close_range(3, ~0U, 0);
-        if (chdir("/") != 0) _exit(127);
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const char* program = emulator.empty() ? link.c_str() : emulator[0].c_str();
-        execv(program, argv.data());
-        _exit(127);
-    }
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    const char* program = emulator.empty() ? link.c_str() : emulator[0].c_str();
+    // posix_spawn: a fleet starts hundreds of daemons, and a fork would copy
+    // the caller's page tables only for exec to drop them.
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 1, p.out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&files, 2, p.err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+    // Nothing of the caller's (listening sockets, the log socket) leaks in.
+    posix_spawn_file_actions_addclosefrom_np(&files, 3);
+    posix_spawn_file_actions_addchdir_np(&files, "/");
+    // A caller that takes its signals through a signalfd blocks them.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    if (posix_spawn(&p.pid, program, &files, &attributes, argv.data(), environ) != 0) p.pid = -1;
+    posix_spawn_file_actions_destroy(&files);
+    posix_spawnattr_destroy(&attributes);
     return p;
 }
 
@@ -402,6 +446,11 @@ static bool listening(int port, bool* slow) {
     char needle[32];
     snprintf(needle, sizeof needle, ":%04X 00000000:0000 0A", port);
     return table.find(needle) != std::string::npos;
+}
+
+bool is_listening(int port) {
+    bool slow;
+    return listening(port, &slow);
 }
 
 bool wait_for_listener(int port, int timeout_ms) {

@@ -13,6 +13,7 @@ namespace router {
 
 struct options {
     bool with_urandom = true;  // leave /dev/urandom out to test the fallback
+    bool own_proc = false;     // a /proc of the caller's pid namespace
 };
 
 // Where the sandbox keeps its own state, outside the daemon's /tmp.
@@ -22,6 +23,14 @@ extern const char* const helper_dir;  // state_dir + "/bin"
 // Enters new namespaces and lays out the router. Must run single-threaded.
 // Returns an empty string on success, else what failed.
 std::string enter(const options& opts = options());
+// enter() in two steps, for a caller with work between them: the fresh
+// mount and network namespaces (with own_proc, a new /proc too), then the
+// router's file system, /dev/log and loopback.
+std::string new_namespaces(bool own_proc);
+std::string lay_out(const options& opts);
+// Empty tmpfs on /tmp and /run.
+std::string private_tmp_and_run();
+bool interface_up(const char* name);
 
 bool write_file(const std::string& path, const std::string& content, mode_t mode = 0644);
 std::string read_file(const std::string& path, bool* exists = nullptr);
@@ -51,6 +60,10 @@ std::vector<log_line> syslog_lines(size_t want = 0, int timeout_ms = 0);
 pid_t serve_syslog(const std::string& path);
 // Drops the lines received so far (the next daemon run starts afresh).
 void forget_syslog();
+// The /dev/log socket, and what a syslogd that serves it in its own loop
+// calls when it is readable: appends every waiting line to out.
+int syslog_socket();
+void relay_syslog(int out);
 
 // "a;b;c" (a CMake list, such as an emulator and its options) -> {a, b, c}.
 std::vector<std::string> split_list(const std::string& list);
@@ -72,5 +85,6 @@ std::string output(const process& p);
 // Waits until something listens on TCP port (read from the kernel's table:
 // a probing connect would be taken as the daemon's one client).
 bool wait_for_listener(int port, int timeout_ms);
+bool is_listening(int port);
 
 }  // namespace router

@@ -3,6 +3,8 @@
 set -euo pipefail
 work=$(mktemp -d /run/tour.XXXXXX)
 step() { printf '\n\033[1m== %s\033[0m\n$ %s\n' "$1" "${*:2}"; "${@:2}"; }
+# A reboot refuses logins until the router records that it is back.
+rebooted() { for _ in $(seq 50); do (($(grep -c '^rebooted$' /run/sim/events) >= $1)) && return; sleep 0.1; done; }
 step "Log in (action 0)" kelputil check
 step "Log in over TLS, port 857" kelputil --tls check || echo "(TLS is not available in this build)"
 step "PPP sessions (18)" kelputil ppp
@@ -23,10 +25,11 @@ step "Kick hotspot address 10.0.0.102 (54)" kelputil kick-ip 10.0.0.102
 step "A user that is not there gives its own exit status" bash -c 'kelputil kick-ppp nobody; echo "exit status $?"'
 head -c 300000 /dev/urandom > "$work/firmware.bin"
 step "Upload firmware and flash it, with progress (241)" kelputil firmware "$work/firmware.bin" --upgrade
+rebooted 1
 step "Throughput, device to us (32)" kelputil throughput rx 3
 step "Throughput, us to device (33)" kelputil throughput tx 3
 step "Ask the router to reboot" kelputil reboot
-sleep 0.5
+rebooted 2
 step "What the router did" cat /run/sim/events
 step "The router's syslog" tail -6 /run/sim/messages
 rm -rf "$work"
