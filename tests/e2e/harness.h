@@ -23,11 +23,6 @@ class raw_client {
 public:
     ~raw_client();
     bool connect_to(int port, int timeout_ms = 5000);
-    // Takes over a socket connected elsewhere.
-    void adopt(int fd) {
-        close_now();
-        fd_ = fd;
-    }
     bool send_bytes(const bytes& b);
     // Exactly n bytes, or fewer when the peer closed or the wait ran out.
     bytes receive(size_t n, int timeout_ms = 5000);

@@ -118,7 +118,7 @@ void check_output(const step& s, const std::string& out) {
                 EXPECT_EQ(v, json::parse(want)) << w;
             }
         } else {
-            EXPECT_NE(out.find(w), std::string::npos) << "missing " << w;
+            EXPECT_NE(out.find(w), std::string::npos) << "missing " << w << " in:\n" << out;
         }
     }
 }

@@ -206,11 +206,11 @@ int fleet_runner::finish(const std::vector<host_result>& results, const std::str
     if (!s_->inv.quiet || !failed_hosts.empty()) {
         size_t width = 4;
         for (const host_result& r : results) width = std::max(width, r.host.size());
-        printf("%-*s  %-6s  %7s  %s\n", (int)width, "HOST", "RESULT", "TIME", "MESSAGE");
+        printf("%-*s  %-6s  %6s  %s\n", (int)width, "HOST", "RESULT", "TIME", "MESSAGE");
         for (const host_result& r : results) {
             if (s_->inv.quiet && r.result.ok()) continue;
             const char* verdict = !r.touched ? "-" : r.result.ok() ? "ok" : "FAILED";
-            printf("%-*s  %-6s  %7s  %s\n", (int)width, r.host.c_str(), verdict,
+            printf("%-*s  %-6s  %6s  %s\n", (int)width, r.host.c_str(), verdict,
                    r.touched ? seconds_text(r.seconds).c_str() : "", terminal_text(r.result.message).c_str());
         }
     }
