@@ -2,7 +2,8 @@
 # Builds everything and runs every suite: native (Debug), with AddressSanitizer
 # and UndefinedBehaviorSanitizer (whose checks include alignment: an unaligned
 # load kills a MIPS process; the alignment stage runs it alone on request), for s390x and MIPS (big-endian, under qemu-user)
-# and i386 (32-bit, native), then the fuzzers for a bounded time.
+# and i386 (32-bit: natively where the kernel runs 32-bit programs, else under
+# qemu-user; KELP_I386_QEMU=1 forces qemu), then the fuzzers for a bounded time.
 # Stages: KELP_STAGES="native sanitize alignment s390x i386 mips fuzz" (default: all but alignment).
 # A failing stage ends the run with the timings so far and a last line naming
 # the stage and what failed in it.
@@ -59,6 +60,26 @@ run_suite() {  # name, cmake options...
   fi
 }
 
+# Some kernels of our kind have 32-bit emulation switched off at boot, and
+# every 32-bit program fails with "Exec format error": a tiny one tells.
+i386_qemu() {  # prints ON or OFF, says which on stderr
+  local probe=build-ci-i386/probe
+  if [[ ${KELP_I386_QEMU:-} == 1 ]]; then
+    echo "=== i386: under qemu-i386-static (KELP_I386_QEMU=1)" >&2
+    echo ON
+    return
+  fi
+  mkdir -p build-ci-i386
+  printf 'int main(void) { return 0; }\n' | i686-linux-gnu-gcc -x c -o "$probe" - || return 1
+  if "$probe" 2>/dev/null; then
+    echo "=== i386: natively" >&2
+    echo OFF
+  else
+    echo "=== i386: under qemu-i386-static (this kernel runs no 32-bit programs)" >&2
+    echo ON
+  fi
+}
+
 run_fuzz() {
   local summary=${KELP_FUZZ_BUILD:-build-fuzz}/fuzz-summary.tsv crashed
   rm -f "$summary"
@@ -80,7 +101,10 @@ for stage in $stages; do
     alignment) run_suite alignment -DCMAKE_BUILD_TYPE=Debug -DKELP_SANITIZE=alignment ;;
     # Cross builds are optimised as shipped: -O2 also finds more warnings.
     s390x) run_suite s390x "$(toolchain s390x-linux-gnu)" -DCMAKE_BUILD_TYPE=RelWithDebInfo ;;
-    i386) run_suite i386 "$(toolchain i686-linux-gnu)" -DCMAKE_BUILD_TYPE=RelWithDebInfo ;;
+    i386)
+      qemu=$(i386_qemu) || failed i386 "the 32-bit probe did not build"
+      run_suite i386 "$(toolchain i686-linux-gnu)" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DKELP_I386_QEMU="$qemu" ;;
     mips) run_suite mips "$(toolchain mips-linux-gnu)" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
       -DKELP_MIPS_PREFIX=build-deps/mips-linux-gnu ;;
     fuzz) if [ -f fuzz/run.sh ]; then run_fuzz; fi ;;
