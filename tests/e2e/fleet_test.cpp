@@ -18,7 +18,7 @@ TEST_F(fleet, one_command_on_every_host) {
         {
             {"echo $KELP_INVENTORY; head -2 $KELP_INVENTORY; tail -1 $KELP_INVENTORY", 0,
              {"sim/fleet.ini\n[routers]\nrouter1 ansible_host=198.18.0.2\nrouter50 ansible_host=198.18.0.51\n"}},
-            {"kelputil --json fleet --timeout 2 check > out; r=$?; grep -c '\"ok\":true' out; "
+            {"kelputil --json fleet --timeout 5 check > out; r=$?; grep -c '\"ok\":true' out; "
              "grep '\"host\":\"router3\"' out; grep '\"host\":\"router5\"' out; grep '\"host\":\"router7\"' out; "
              "tail -1 out; exit $r",
              20,
@@ -27,9 +27,9 @@ TEST_F(fleet, one_command_on_every_host) {
               "\"exit\":2,\"host\":\"router7\"", "/data/failed=[\"router3\",\"router5\",\"router7\"]", "/exit=20",
               "/data/hosts=50"}},
             // People get a table; the silent host costs its time-out, not everyone's.
-            {"kelputil fleet --timeout 2 --limit 'router[1-5]:!router2' -j 4 ppp", 20,
-             {"HOST     RESULT    TIME  MESSAGE\n", "router1  ok        0.0s  2 PPP sessions\n", "router3  FAILED  ",
-              "router5  FAILED    2.", "!router2 ", "fleet ppp: 4 hosts, 2 ok, 2 failed"}},
+            {"kelputil fleet --timeout 5 --limit 'router[1-5]:!router2' -j 4 ppp", 20,
+             {"HOST     RESULT    TIME  MESSAGE\n", "router1  ok  ", "  2 PPP sessions\n", "router3  FAILED  ",
+              "router5  FAILED    5.", "!router2 ", "fleet ppp: 4 hosts, 2 ok, 2 failed"}},
             {"kelputil --json fleet --limit 'router1:router2' report core", 0,
              {"\"lines\":[\"model: simulated kelp-v3 router\"", "/data/succeeded=[\"router1\",\"router2\"]"}},
             // Files per host, or none at all.
@@ -51,7 +51,7 @@ TEST_F(fleet, one_command_on_every_host) {
 TEST_F(fleet, backups_in_git) {
     run_steps(
         {
-            {"kelputil fleet --timeout 2 backup --into bk --scripts; r=$?; ls bk/router1 bk/router1/scripts; "
+            {"kelputil fleet --timeout 5 backup --into bk --scripts; r=$?; ls bk/router1 bk/router1/scripts; "
              "[ -e bk/router3 ] || echo 'no router3'; exit $r",
              20,
              {"fleet backup, commit ", "50 hosts, 47 ok, 3 failed",
@@ -59,7 +59,7 @@ TEST_F(fleet, backups_in_git) {
             // Each router has a configuration of its own.
             {"cat bk/router*/config/config/system.conf | sort -u | wc -l", 0, {"47\n"}},
             {"kelputil get-script -H 198.18.0.3 fw > fw.scr && echo '# one change' >> fw.scr && "
-             "kelputil -q -H 198.18.0.3 put-script fw fw.scr && kelputil fleet --timeout 2 backup --into bk --scripts",
+             "kelputil -q -H 198.18.0.3 put-script fw fw.scr && kelputil fleet --timeout 5 backup --into bk --scripts",
              20, {"router2   ok  ", "  changed\n", "fleet backup, commit "}},
             {"kelputil --json fleet history router2 --into bk", 0, {"/message=\"router2: 2 backups with changes\""}},
             {"kelputil --json fleet history router1 --into bk", 0, {"/message=\"router1: 1 backups with changes\""}},
@@ -72,7 +72,7 @@ TEST_F(fleet, backups_in_git) {
              "WRONG=nope kelputil fleet -i one.ini backup --into bk; r=$?; cd bk && md5sum -c --quiet ../before && "
              "echo same; exit $r",
              20, {"router1  FAILED", "nothing to commit", "same"}},
-            {"kelputil fleet --timeout 2 backup --into bk --scripts", 20, {"nothing to commit"}},
+            {"kelputil fleet --timeout 5 backup --into bk --scripts", 20, {"nothing to commit"}},
         },
         fleet_of_50, limit_ms);
 }
