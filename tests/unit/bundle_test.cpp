@@ -67,8 +67,8 @@ TEST_F(Bundle, OneKeystreamAcrossChunks) {
         ASSERT_EQ(b.size(), size + 48);
         EXPECT_EQ(get_le32(b.data() + 44), size + 48);
         EXPECT_EQ(bytes(b.begin() + 48, b.begin() + 52), hex("2CE8B0E9"));
-        size_t n = std::min<size_t>(size, 1025) - 1020;
-        EXPECT_EQ(bytes(b.begin() + 48 + 1020, b.begin() + 48 + 1020 + (long)n), bytes(at_1020.begin(), at_1020.begin() + (long)n));
+        bytes from_1020(b.begin() + 48 + 1020, b.begin() + 48 + (long)std::min<size_t>(size, 1025));
+        EXPECT_EQ(from_1020, bytes(at_1020.begin(), at_1020.begin() + (long)from_1020.size()));
         bool ok;
         EXPECT_EQ(verify(&ok), "");
         EXPECT_TRUE(ok);
