@@ -12,21 +12,20 @@
 // byte, an odd one as one value ("3D 00", "0a0b", "7").
 inline std::vector<uint8_t> hex(const std::string& text) {
     std::vector<uint8_t> out;
-    size_t i = 0;
-    while (i < text.size()) {
-        if (isspace((unsigned char)text[i])) {
-            i++;
-            continue;
-        }
-        size_t end = i;
-        while (end < text.size() && !isspace((unsigned char)text[end])) end++;
+    for (size_t i = 0, end; i < text.size(); i = end) {
+        while (i < text.size() && isspace((unsigned char)text[i])) i++;
+        for (end = i; end < text.size() && !isspace((unsigned char)text[end]);) end++;
         std::string word = text.substr(i, end - i);
         if (word.size() % 2)
             out.push_back((uint8_t)strtoul(word.c_str(), nullptr, 16));
         else
-            for (size_t k = 0; k < word.size(); k += 2)
-                out.push_back((uint8_t)strtoul(word.substr(k, 2).c_str(), nullptr, 16));
-        i = end;
+            for (size_t k = 0; k < word.size(); k += 2) out.push_back((uint8_t)strtoul(word.substr(k, 2).c_str(), nullptr, 16));
     }
     return out;
+}
+
+// One run of bytes after another: hex("03 01 01") + payload.
+inline std::vector<uint8_t> operator+(std::vector<uint8_t> a, const std::vector<uint8_t>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }

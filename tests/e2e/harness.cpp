@@ -1,7 +1,6 @@
 #include "harness.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -11,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "crypto/rc4.h"
@@ -25,13 +25,48 @@ std::string show(const bytes& b) {
     return s;
 }
 
+bytes text(const std::string& s) { return bytes(s.begin(), s.end()); }
+
+bytes frame(const bytes& payload) {
+    bytes f(1462, 0);
+    f[0] = (uint8_t)payload.size();
+    f[1] = (uint8_t)(payload.size() >> 8);
+    std::copy(payload.begin(), payload.end(), f.begin() + 2);
+    return f;
+}
+
+bytes frames(const bytes& body) {
+    bytes out;
+    for (size_t at = 0; at < body.size(); at += 1460)
+        out = out + frame(bytes(body.begin() + at, body.begin() + std::min(body.size(), at + 1460)));
+    return out;
+}
+
+bytes auth_reply(const bytes& greeting, const std::string& pw, uint16_t tag) {
+    bytes reply(34, 0);
+    reply[0] = (uint8_t)tag;
+    reply[1] = (uint8_t)(tag >> 8);
+    memcpy(reply.data() + 2, pw.data(), std::min<size_t>(pw.size(), 32));
+    if (greeting.size() == 35) do_rc4(reply.data() + 2, 32, greeting.data() + 25, 8);
+    return reply;
+}
+
+bytes act_pkt(int action, int script, int flags, uint32_t size) {
+    bytes p(42, 0);
+    p[3] = (uint8_t)action;
+    p[4] = (uint8_t)script;
+    p[5] = (uint8_t)flags;
+    for (int i = 0; i < 4; i++) p[38 + i] = (uint8_t)(size >> (8 * i));
+    return p;
+}
+
+std::vector<std::string> emulator_prefix() { return router::split_list(KELP_EMULATOR); }
+
 static long long now_ms() {
     struct timespec t;
     clock_gettime(CLOCK_MONOTONIC, &t);
     return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
 }
-
-raw_client::~raw_client() { close_now(); }
 
 void raw_client::close_now() {
     if (fd_ >= 0) close(fd_);
@@ -40,28 +75,19 @@ void raw_client::close_now() {
 
 void raw_client::shutdown_write() { shutdown(fd_, SHUT_WR); }
 
-bool raw_client::connect_to(int port, int timeout_ms) {
-    long long deadline = now_ms() + timeout_ms;
-    for (;;) {
-        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        struct sockaddr_in a = {};
-        a.sin_family = AF_INET;
-        a.sin_port = htons((uint16_t)port);
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(fd_, (struct sockaddr*)&a, sizeof a) == 0) {
-            int one = 1;
-            setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-            return true;
-        }
-        close_now();
-        if (now_ms() >= deadline) return false;
-        usleep(10000);
-    }
+bool raw_client::connect_to(int port) {
+    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons((uint16_t)port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int one = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    return connect(fd_, (struct sockaddr*)&a, sizeof a) == 0;
 }
 
 bool raw_client::send_bytes(const bytes& b) {
-    size_t done = 0;
-    while (done < b.size()) {
+    for (size_t done = 0; done < b.size();) {
         ssize_t n = send(fd_, b.data() + done, b.size() - done, MSG_NOSIGNAL);
         if (n <= 0) return false;
         done += (size_t)n;
@@ -91,46 +117,17 @@ bool raw_client::closed_by_peer(int timeout_ms) {
     return recv(fd_, &b, 1, MSG_DONTWAIT) <= 0;
 }
 
-bytes auth_reply(const bytes& greeting, const std::string& pw, uint16_t tag) {
-    bytes reply(34, 0);
-    reply[0] = (uint8_t)tag;
-    reply[1] = (uint8_t)(tag >> 8);
-    memcpy(reply.data() + 2, pw.data(), std::min<size_t>(pw.size(), 32));
-    if (greeting.size() == 35) do_rc4(reply.data() + 2, 32, greeting.data() + 25, 8);
-    return reply;
-}
-
-bytes act_pkt(int action, int script, int flags, uint32_t size) {
-    bytes p(42, 0);
-    p[3] = (uint8_t)action;
-    p[4] = (uint8_t)script;
-    p[5] = (uint8_t)flags;
-    p[38] = (uint8_t)size;
-    p[39] = (uint8_t)(size >> 8);
-    p[40] = (uint8_t)(size >> 16);
-    p[41] = (uint8_t)(size >> 24);
-    return p;
-}
-
-bytes frame(const bytes& payload) {
-    bytes f(1462, 0);
-    f[0] = (uint8_t)payload.size();
-    f[1] = (uint8_t)(payload.size() >> 8);
-    std::copy(payload.begin(), payload.end(), f.begin() + 2);
-    return f;
-}
-
-std::vector<std::string> emulator_prefix() { return router::split_list(KELP_EMULATOR); }
-
-void daemon_test::SetUp() {
-    std::string error = router::enter(sandbox_options());
-    ASSERT_EQ(error, "");
-    router::set_admin_password(password);
-}
-
 void daemon_test::TearDown() {
+    tls.reset();
     client.close_now();
     if (daemon.pid > 0 && router::wait_exit(daemon, 0) == router::still_running) router::kill_process(daemon);
+}
+
+void daemon_test::fresh_router(const router::options& o) {
+    TearDown();
+    ASSERT_EQ(router::enter(o), "");
+    router::set_admin_password(password);
+    install_helpers();
 }
 
 void daemon_test::start(const std::string& argv0, int port) {
@@ -145,58 +142,132 @@ void daemon_test::connect_and_greet(int port) {
     ASSERT_EQ(greeting.size(), 35u);
 }
 
-void daemon_test::login(const std::string& pw) {
-    ASSERT_TRUE(client.send_bytes(auth_reply(greeting, pw)));
+void daemon_test::login() {
+    ASSERT_TRUE(client.send_bytes(auth_reply(greeting, password)));
     EXPECT_BYTES(client.receive(3), "01 01 01");
 }
 
-void daemon_test::request(int action, int script, int flags, uint32_t size) {
-    ASSERT_TRUE(client.send_bytes(act_pkt(action, script, flags, size)));
-}
-
-std::vector<std::string> daemon_test::out_lines() {
-    std::vector<std::string> lines;
+strings daemon_test::out_lines() {
+    strings lines;
     std::istringstream in(out());
-    std::string line;
-    while (std::getline(in, line)) lines.push_back(line);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
 void daemon_test::expect_log(int priority, const std::string& ident, const std::string& text) {
-    auto lines = logs(1, 3000);
-    for (size_t i = 0; i < 20 && std::none_of(lines.begin(), lines.end(), [&](const router::log_line& l) {
-                                     return l.text == text;
-                                 });
-         i++)
-        lines = logs(lines.size() + 1, 250);
-    for (const router::log_line& l : lines)
-        if (l.text == text) {
-            EXPECT_EQ(l.priority, priority) << text;
-            EXPECT_EQ(l.ident, ident) << text;
-            return;
-        }
+    std::vector<router::log_line> lines;
+    for (int i = 0; i < 30; i++) {  // up to 3 s
+        lines = router::syslog_lines(lines.size() + 1, 100);
+        for (const router::log_line& l : lines)
+            if (l.text == text) {
+                EXPECT_EQ(l.priority, priority) << text;
+                EXPECT_EQ(l.ident, ident) << text;
+                return;
+            }
+    }
     std::string seen;
     for (const router::log_line& l : lines) seen += "<" + std::to_string(l.priority) + "> " + l.ident + ": " + l.text + "\n";
     ADD_FAILURE() << "no syslog line \"" << text << "\"; got:\n" << seen;
 }
 
-bytes daemon_test::download(uint32_t size) {
-    bytes out;
-    while (out.size() < size) {
-        bytes f = client.receive(1462);
-        if (f.size() != 1462) {
-            ADD_FAILURE() << "short frame after " << out.size() << " bytes";
-            break;
-        }
-        size_t length = f[0] | (f[1] << 8);
-        EXPECT_GE(length, 1u);
-        EXPECT_LE(length, 1460u);
-        out.insert(out.end(), f.begin() + 2, f.begin() + 2 + std::min<size_t>(length, 1460));
-    }
+// Greeting, login and request: through TLS once it is up, else plain.
+bool daemon_test::front_send(const bytes& b) { return tls ? bool(tls->send(b.data(), b.size())) : client.send_bytes(b); }
+
+bytes daemon_test::front_receive(size_t n, int timeout_ms) {
+    if (!tls) return client.receive(n, timeout_ms);
+    bytes out(n);
+    size_t done = 0, got = 0;
+    while (done < n && tls->recv_some(out.data() + done, n - done, &got, timeout_ms)) done += got;
+    out.resize(done);
     return out;
 }
 
-void daemon_test::upload(const bytes& data) {
-    for (size_t done = 0; done < data.size(); done += 1460)
-        client.send_bytes(frame(bytes(data.begin() + done, data.begin() + std::min(data.size(), done + 1460))));
+// /tmp as "name", or "name=content" where the row names it with content,
+// and "path=content" for every full path the row names.
+static strings leftovers(const strings& want) {
+    auto with_content = [&](const std::string& name) {
+        return std::any_of(want.begin(), want.end(), [&](const std::string& w) { return w.rfind(name + "=", 0) == 0; });
+    };
+    strings seen;
+    for (const std::string& name : router::list_dir("/tmp"))
+        seen.push_back(with_content(name) ? name + "=" + router::read_file("/tmp/" + name) : name);
+    for (const std::string& w : want)
+        if (w[0] == '/') seen.push_back(w.substr(0, w.find('=') + 1) + router::read_file(w.substr(0, w.find('='))));
+    std::sort(seen.begin(), seen.end());
+    return seen;
+}
+
+// Long contents are shown by their start and size.
+static std::string brief(const strings& list) {
+    std::string s;
+    for (const std::string& e : list) s += "\n  " + e.substr(0, 60) + (e.size() > 60 ? "... " + std::to_string(e.size()) : "");
+    return s;
+}
+
+static std::string first_difference(const bytes& got, const bytes& want) {
+    size_t at = 0;
+    while (at < got.size() && at < want.size() && got[at] == want[at]) at++;
+    auto from = [at](const bytes& b) {
+        return show(bytes(b.begin() + (long)std::min(at, b.size()), b.begin() + (long)std::min(at + 16, b.size())));
+    };
+    return "got " + std::to_string(got.size()) + " bytes, want " + std::to_string(want.size()) + "; at byte " +
+           std::to_string(at) + ": " + from(got) + " instead of " + from(want);
+}
+
+void daemon_test::run(const exchange& x) {
+    SCOPED_TRACE(x.name);
+    fresh_router();
+    for (auto& [path, content] : x.files) router::write_file(path, content);
+    for (auto& [name, body] : x.helpers) router::install_helper(name, body);
+    if (x.setup) x.setup();
+    bool plain = x.argv0 == "kelputild";
+    int port = plain ? 856 : 857;
+    start(x.argv0, port);
+    if (x.started) x.started(daemon.pid);
+    ASSERT_TRUE(client.connect_to(port));
+    if (!plain) {
+        kelp::status st = kelp::tls_transport::open(client.fd(), "", 5000, &tls);
+        ASSERT_TRUE(st) << st.message;
+    }
+    greeting = front_receive(35);
+    ASSERT_EQ(greeting.size(), 35u);
+    // The text and its NUL, the marker, the challenge, the tag.
+    EXPECT_BYTES(greeting, "6B656C702D7633 207574696C697479 207365727665720A 00 FF " +
+                               show(bytes(&greeting[25], &greeting[33])) + " 02 01");
+    bytes reply = auth_reply(greeting, x.typed, x.tag);
+    reply.resize(x.auth_len);
+    if (x.one_record) reply = reply + x.request;
+    if (x.empty_records) front_send({});
+    if (!reply.empty()) front_send(reply);
+    if (x.answer.empty() && !x.quiet_ms) client.shutdown_write();  // nothing more to say
+    EXPECT_BYTES(front_receive(3, x.answer.empty() ? 500 : 5000), x.answer);
+    if (x.empty_records) front_send({});
+    if (!x.request.empty() && !x.one_record) front_send(x.request);
+    if (x.hang_up) client.close_now();
+    bytes got;
+    if (!x.body.empty()) {
+        got = client.receive(7);
+        client.send_bytes(x.body);
+    }
+    if (x.quiet_ms) {
+        EXPECT_EQ(exit_status(x.quiet_ms), router::still_running) << "ended before " << x.quiet_ms << " ms";
+    } else if (!x.hang_up) {
+        client.shutdown_write();
+    }
+    if (!x.hang_up) got = got + client.receive(SIZE_MAX, 15000);
+    EXPECT_TRUE(got == x.replies) << first_difference(got, x.replies);
+    EXPECT_EQ(exit_status(x.status == router::still_running ? 300 : 15000), x.status) << out();
+    for (auto& [priority, line] : x.logs) expect_log(priority, plain ? "kelputild" : "kelputild/ssl", line);
+    strings lines = out_lines();
+    if (lines.size() >= x.out.size()) lines.erase(lines.begin(), lines.end() - (long)x.out.size());
+    EXPECT_EQ(lines, x.out);
+    strings calls = router::helper_calls(), want_calls = x.calls;
+    std::sort(calls.begin(), calls.end());
+    std::sort(want_calls.begin(), want_calls.end());
+    EXPECT_EQ(calls, want_calls);
+    strings want = x.left, seen = leftovers(want);
+    std::sort(want.begin(), want.end());
+    // A reboot request is written after the daemon has hung up.
+    for (int i = 0; i < 100 && seen != want; i++) usleep(20000), seen = leftovers(want);
+    EXPECT_TRUE(seen == want) << "left:" << brief(seen) << "\ninstead of:" << brief(want);
 }

@@ -5,24 +5,37 @@
 #include <gtest/gtest.h>
 #include <stdint.h>
 
+#include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hex.h"
 #include "router.h"
+#include "tls_transport.h"
 
 using bytes = std::vector<uint8_t>;
+using strings = std::vector<std::string>;
+constexpr int alert = 81, err = 83, notice = 85, info = 86;  // authpriv + level
 
 // The emulator that runs a cross-built daemon, empty for a native build.
 std::vector<std::string> emulator_prefix();
 
 std::string show(const bytes& b);
+bytes text(const std::string& s);
+bytes frame(const bytes& payload);
+// A body in frames: full ones, a short one last.
+bytes frames(const bytes& body);
+bytes auth_reply(const bytes& greeting, const std::string& pw, uint16_t tag = 0x0102);
+bytes act_pkt(int action, int script = 0, int flags = 0, uint32_t size = 0);
+inline const bytes ok = hex("03 01 01 00 00 00 00");  // the result 1, and the ready packet
 
 // A raw TCP client on 127.0.0.1 with bounded waits.
 class raw_client {
 public:
-    ~raw_client();
-    bool connect_to(int port, int timeout_ms = 5000);
+    ~raw_client() { close_now(); }
+    bool connect_to(int port);
     bool send_bytes(const bytes& b);
     // Exactly n bytes, or fewer when the peer closed or the wait ran out.
     bytes receive(size_t n, int timeout_ms = 5000);
@@ -38,48 +51,67 @@ private:
 
 constexpr const char* password = "secret";
 
-bytes auth_reply(const bytes& greeting, const std::string& pw, uint16_t tag = 0x0102);
-bytes act_pkt(int action, int script = 0, int flags = 0, uint32_t size = 0);
-bytes frame(const bytes& payload);
+// One connection to a fresh daemon in a fresh router, and what it leaves.
+// Any program name but "kelputild" serves TLS on 857, where the greeting,
+// login and request go through TLS and everything after them is plain.
+struct exchange {
+    std::string name = {};
+    std::string argv0 = "kelputild";
+    std::vector<std::pair<std::string, std::string>> files = {};    // path, content
+    std::vector<std::pair<std::string, std::string>> helpers = {};  // name, shell body
+    std::function<void()> setup = {};
+    std::function<void(pid_t)> started = {};
+    std::string typed = password;
+    uint16_t tag = 0x0102;
+    size_t auth_len = 34;  // how much of the auth reply goes out
+    std::string answer = "01 01 01";
+    bytes request = {};
+    bytes body = {};       // sent once the first reply is in
+    bool hang_up = false;  // close right after the request
+    int quiet_ms = 0;      // keep the line open and quiet; the daemon must live this long
+    bool empty_records = false;  // TLS: an empty record before the auth reply and the request
+    bool one_record = false;     // TLS: the request in the auth reply's record
+    bytes replies = {};    // every byte after the request, until the daemon closes
+    int status = 0;
+    std::vector<std::pair<int, std::string>> logs = {};
+    strings out = {};    // the last lines of stdout
+    strings calls = {};  // helper calls, in any order
+    // /tmp exactly, as "name" or "name=content"; a full path as "path=content".
+    strings left = {};
+};
 
 class daemon_test : public ::testing::Test {
 protected:
     router::process daemon;
     raw_client client;
     bytes greeting;
+    std::unique_ptr<kelp::tls_transport> tls;
 
-    void SetUp() override;
+    void SetUp() override { fresh_router(); }
     void TearDown() override;
-    virtual router::options sandbox_options() const { return {}; }
+    // A new sandbox: /tmp, /run, /dev, /etc and the network start anew.
+    void fresh_router(const router::options& o = {});
+    virtual void install_helpers() {}
 
     // Starts the daemon under a program name and waits for its listener.
     void start(const std::string& argv0 = "kelputild", int port = 856);
-    // Connects and reads the greeting; then, when pw is given, logs in and
-    // checks the answer 01 01 01.
+    // Connects and reads the greeting.
     void connect_and_greet(int port = 856);
-    void login(const std::string& pw = password);
-    void request(int action, int script = 0, int flags = 0, uint32_t size = 0);
-    bytes reply(int timeout_ms = 5000) { return client.receive(7, timeout_ms); }
+    // Logs in with the right password.
+    void login();
     int exit_status(int timeout_ms = 5000) { return router::wait_exit(daemon, timeout_ms); }
     std::string out() { return router::output(daemon); }
-    std::vector<std::string> out_lines();
-    // The syslog lines that have arrived, waiting for at least want.
-    std::vector<router::log_line> logs(size_t want = 1, int timeout_ms = 3000) {
-        return router::syslog_lines(want, timeout_ms);
-    }
+    strings out_lines();
     void expect_log(int priority, const std::string& ident, const std::string& text);
-    // Reads frames carrying size bytes; checks each is 1462 bytes long.
-    bytes download(uint32_t size);
-    void upload(const bytes& data);
-    // Logs in and sends the request; the usual start of every action test.
-    void begin(int action, int script = 0, int flags = 0, uint32_t size = 0) {
-        start();
-        connect_and_greet();
-        login();
-        request(action, script, flags, size);
+    strings tmp_files() { return router::list_dir("/tmp"); }
+    void run(const exchange& x);
+    void run(std::initializer_list<exchange> rows) {
+        for (const exchange& x : rows) run(x);
     }
-    // Files under /tmp, sorted.
-    std::vector<std::string> tmp_files() { return router::list_dir("/tmp"); }
+
+private:
+    bool front_send(const bytes& b);
+    bytes front_receive(size_t n, int timeout_ms = 5000);
 };
 
 #define EXPECT_BYTES(actual, literal) EXPECT_EQ(show(actual), show(hex(literal)))

@@ -8,78 +8,65 @@
 #include <string>
 #include <vector>
 
+#include "hex.h"
 #include "private_dirs.h"
 #include "reports/hotspot_list.h"
 #include "reports/ppp_list.h"
 
 using bytes = std::vector<uint8_t>;
 
-static int parse(std::string line, uint8_t* record) { return parse_hotspot_line(line.data(), record); }
+// Bytes expected at an offset of a record.
+struct at {
+    size_t offset;
+    bytes want;
+};
 
-static bytes slice(const uint8_t* r, size_t offset, size_t n) { return bytes(r + offset, r + offset + n); }
+static bytes text(const std::string& s, size_t zeros = 0) {
+    bytes b(s.begin(), s.end());
+    b.resize(b.size() + zeros, 0);
+    return b;
+}
 
-TEST(HotspotLine, FieldsAndLittleEndianNumbers) {
+static void expect_fields(const uint8_t* record, const std::vector<at>& fields) {
+    for (const at& f : fields)
+        EXPECT_EQ(bytes(record + f.offset, record + f.offset + f.want.size()), f.want) << "at " << f.offset;
+}
+
+// One buffer for all lines, as the daemon keeps it: a line rewrites the text
+// fields, and a number that does not convert keeps the last one's bytes,
+// reversed.
+TEST(HotspotLine, Fields) {
     uint8_t r[316];
     memset(r, 0xAA, sizeof r);
-    ASSERT_EQ(parse("alice|10.0.0.5|00:11:22:33:44:55|1000|2000|30|40", r), 0);
-    EXPECT_EQ(r[0], 0);
-    EXPECT_EQ(r[1], 0);
-    EXPECT_STREQ((const char*)r + 2, "alice");
-    EXPECT_EQ(slice(r, 7, 251), bytes(251, 0));
-    EXPECT_STREQ((const char*)r + 258, "10.0.0.5");
-    EXPECT_EQ(slice(r, 274, 18), (bytes{'0', '0', ':', '1', '1', ':', '2', '2', ':', '3', '3', ':', '4', '4', ':',
-                                        '5', '5', 0}));
-    EXPECT_EQ(slice(r, 292, 8), (bytes{0xE8, 0x03, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(slice(r, 300, 8), (bytes{0xD0, 0x07, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(slice(r, 308, 4), (bytes{0x1E, 0, 0, 0}));
-    EXPECT_EQ(slice(r, 312, 4), (bytes{0x28, 0, 0, 0}));
-}
-
-TEST(HotspotLine, ForcedZerosInsideALongName) {
-    uint8_t r[316] = {};
-    ASSERT_EQ(parse("ABCDEFGHIJKLMNOPQRST|1.2.3.4|m|1|2|3|4", r), 0);
-    EXPECT_EQ(slice(r, 2, 15), bytes({'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J', 'K', 'L', 'M', 'N', 'O'}));
-    EXPECT_EQ(r[17], 0);
-    EXPECT_EQ(r[18], 'Q');
-    EXPECT_EQ(r[19], 0);
-    EXPECT_EQ(r[20], 'S');
-    EXPECT_EQ(r[21], 'T');
-    EXPECT_EQ(slice(r, 22, 236), bytes(236, 0));
-    // A full-width name loses its last byte to the forced zero at 257.
-    std::string name(300, 'n');
-    ASSERT_EQ(parse(name + "|ip|mac|1|2|3|4", r), 0);
-    EXPECT_EQ(r[256], 'n');
-    EXPECT_EQ(r[257], 0);
-    // Full-width address fields keep no terminator.
-    ASSERT_EQ(parse("u|1234567890123456789|123456789012345678901|1|2|3|4", r), 0);
-    EXPECT_EQ(slice(r, 258, 16), bytes({'1', '2', '3', '4', '5', '6', '7', '8', '9', '0', '1', '2', '3', '4', '5', '6'}));
-    EXPECT_EQ(r[291], '8');
-}
-
-TEST(HotspotLine, MalformedLinesAndOddNumbers) {
-    uint8_t r[316] = {};
-    EXPECT_EQ(parse("a|b|c|1|2|3", r), 1);  // five separators
-    EXPECT_EQ(parse("", r), 1);
-    EXPECT_EQ(parse("no separators at all", r), 1);
-    ASSERT_EQ(parse("u|i|m|18446744073709551615|99999999999999999999|4294967296|7|extra", r), 0);
-    EXPECT_EQ(slice(r, 292, 8), bytes(8, 0xFF));
-    EXPECT_EQ(slice(r, 300, 8), bytes(8, 0xFF));  // saturates
-    EXPECT_EQ(slice(r, 308, 4), bytes(4, 0xFF));
-    EXPECT_EQ(slice(r, 312, 4), (bytes{7, 0, 0, 0}));  // stops at the seventh '|'
-    ASSERT_EQ(parse("u|i|m| 5|+6|-1|12abc", r), 0);
-    EXPECT_EQ(slice(r, 292, 8), (bytes{5, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(slice(r, 300, 8), (bytes{6, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(slice(r, 308, 4), bytes(4, 0xFF));
-    EXPECT_EQ(slice(r, 312, 4), (bytes{12, 0, 0, 0}));
-}
-
-TEST(HotspotLine, UnconvertedNumberKeepsBufferBytesReversed) {
-    uint8_t r[316] = {};
-    ASSERT_EQ(parse("u|i|m|1|2|3|4", r), 0);
-    ASSERT_EQ(parse("v|j|n|x|2|3|", r), 0);
-    EXPECT_EQ(slice(r, 292, 8), (bytes{0, 0, 0, 0, 0, 0, 0, 1}));
-    EXPECT_EQ(slice(r, 312, 4), (bytes{0, 0, 0, 4}));
-    EXPECT_STREQ((const char*)r + 2, "v");
+    struct {
+        std::string line;
+        int result;
+        std::vector<at> fields;
+    } rows[] = {
+        {"alice|10.0.0.5|00:11:22:33:44:55|1000|2000|30|40", 0,
+         {{0, hex("00 00") + text("alice", 251) + text("10.0.0.5", 8) + text("00:11:22:33:44:55", 1) +
+                  hex("E8 03 00 00 00 00 00 00  D0 07 00 00 00 00 00 00  1E 00 00 00  28 00 00 00")}}},
+        // Bytes 17 and 19 are forced to zero inside a long name.
+        {"ABCDEFGHIJKLMNOPQRST|1.2.3.4|m|1|2|3|4", 0, {{2, text("ABCDEFGHIJKLMNO") + hex("00 51 00 53 54") + bytes(236, 0)}}},
+        // A full-width name loses its last byte to the forced zero at 257;
+        // full-width addresses keep no terminator.
+        {std::string(300, 'n') + "|1234567890123456789|123456789012345678901|1|2|3|4", 0,
+         {{256, hex("6E 00") + text("1234567890123456") + text("123456789012345678")}}},
+        {"a|b|c|1|2|3", 1, {}},  // five separators
+        {"", 1, {}},
+        {"no separators at all", 1, {}},
+        // Numbers saturate; a seventh separator ends the last one.
+        {"u|i|m|18446744073709551615|99999999999999999999|4294967296|7|extra", 0, {{292, bytes(20, 0xFF) + hex("07 00 00 00")}}},
+        {"u|i|m| 5|+6|-1|12abc", 0, {{292, hex("05 00 00 00 00 00 00 00  06 00 00 00 00 00 00 00  FF FF FF FF  0C 00 00 00")}}},
+        {"u|i|m|1|2|3|4", 0, {}},
+        {"v|j|n|x|2|3|", 0, {{2, text("v", 1)}, {292, hex("00 00 00 00 00 00 00 01")}, {312, hex("00 00 00 04")}}},
+    };
+    for (auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        std::string line = row.line;
+        EXPECT_EQ(parse_hotspot_line(line.data(), r), row.result);
+        expect_fields(r, row.fields);
+    }
 }
 
 class PppInfo : public ::testing::Test {
@@ -88,64 +75,42 @@ protected:
         enter_private_dirs();
         mkdir("/run/pppoe", 0755);
     }
-    static void info(int unit, const std::string& text) {
-        char path[64];
-        snprintf(path, sizeof path, "/var/run/pppoe/info.ppp%d", unit);
-        FILE* f = fopen(path, "w");
-        ASSERT_NE(f, nullptr);
-        fwrite(text.data(), 1, text.size(), f);
-        fclose(f);
-    }
 };
 
+// Every line loses its last character, newline or not; the record is
+// cleared first, and nothing is written past its 326 bytes.
 TEST_F(PppInfo, KeysFieldsAndTheLastCharacterRule) {
-    uint8_t r[326];
-    memset(r, 0xAA, sizeof r);
-    EXPECT_EQ(read_ppp_info(r, 0), 0);
-    EXPECT_EQ(bytes(r, r + 326), bytes(326, 0));
-
-    info(0, "PPP=ppp0\nTYPE=pppoe\nREMOTE=10.1.1.1\nCBQRULE=12\nIGNORED=1\nno equals sign\nNAME=alice");
-    memset(r, 0xAA, sizeof r);
-    EXPECT_EQ(read_ppp_info(r, 0), 1);
-    EXPECT_EQ(r[0], 0);
-    EXPECT_EQ(r[1], 0);
-    EXPECT_STREQ((const char*)r + 2, "alic");
-    EXPECT_STREQ((const char*)r + 258, "pppoe");
-    EXPECT_STREQ((const char*)r + 274, "ppp0");
-    EXPECT_STREQ((const char*)r + 282, "10.1.1.1");
-    EXPECT_EQ(slice(r, 298, 4), (bytes{0x00, 0x00, 0x00, 0x0C}));
-    EXPECT_EQ(slice(r, 302, 24), bytes(24, 0));
-}
-
-TEST_F(PppInfo, ValuesCutAtWidthLastOccurrenceWins) {
-    uint8_t r[326];
-    info(1, "NAME=a=b\nPPP=ppp12345678\nCBQRULE=-1\nTYPE=first-long-type-value\nTYPE=x\n");
-    ASSERT_EQ(read_ppp_info(r, 1), 1);
-    EXPECT_STREQ((const char*)r + 2, "a=b");
-    EXPECT_EQ(slice(r, 274, 8), (bytes{'p', 'p', 'p', '1', '2', '3', '4', '5'}));
-    EXPECT_EQ(r[282], 0);  // no terminator spilled into REMOTE
-    EXPECT_EQ(slice(r, 298, 4), (bytes{0xFF, 0xFF, 0xFF, 0xFF}));
-    EXPECT_EQ(slice(r, 258, 16), (bytes{'x', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-
-    info(2, "CBQRULE=abc\nCBQRULE= +7x\n");
-    ASSERT_EQ(read_ppp_info(r, 2), 1);
-    EXPECT_EQ(slice(r, 298, 4), (bytes{0, 0, 0, 7}));
-    info(3, "CBQRULE=abc\n");
-    ASSERT_EQ(read_ppp_info(r, 3), 1);
-    EXPECT_EQ(slice(r, 298, 4), bytes(4, 0));
-    info(4, "CBQRULE=99999999999\n");
-    ASSERT_EQ(read_ppp_info(r, 4), 1);
-    EXPECT_EQ(slice(r, 298, 4), (bytes{0x7F, 0xFF, 0xFF, 0xFF}));
-}
-
-TEST_F(PppInfo, LongLinesAndNulBytesStayInsideTheRecord) {
-    uint8_t r[326 + 16];
-    memset(r, 0x5A, sizeof r);
-    std::string long_name = "NAME=" + std::string(3000, 'z') + "\n";
-    std::string with_nul("TYPE=ab\0cd\nPPP", 15);
-    info(5, long_name + with_nul + "\n=\nREMOTE=\n");
-    ASSERT_EQ(read_ppp_info(r, 5), 1);
-    EXPECT_EQ(slice(r, 2, 256), bytes(256, 'z'));
-    EXPECT_STREQ((const char*)r + 258, "a");  // the NUL hides the real end
-    EXPECT_EQ(slice(r, 326, 16), bytes(16, 0x5A));
+    struct {
+        std::string file;  // empty: none
+        std::vector<at> fields;
+    } rows[] = {
+        {"", {{0, bytes(326, 0)}}},
+        {"PPP=ppp0\nTYPE=pppoe\nREMOTE=10.1.1.1\nCBQRULE=12\nIGNORED=1\nno equals sign\nNAME=alice",
+         {{0, hex("00 00") + text("alic", 252) + text("pppoe", 11) + text("ppp0", 4) + text("10.1.1.1", 8) +
+                  hex("00 00 00 0C") + bytes(24, 0)}}},
+        // A value is cut at its field's width; the last of a key wins.
+        {"NAME=a=b\nPPP=ppp12345678\nCBQRULE=-1\nTYPE=first-long-type-value\nTYPE=x\n",
+         {{2, text("a=b", 1)}, {258, text("x", 15) + text("ppp12345") + hex("00")}, {298, hex("FF FF FF FF")}}},
+        {"CBQRULE=abc\nCBQRULE= +7x\n", {{298, hex("00 00 00 07")}}},
+        {"CBQRULE=abc\n", {{298, hex("00 00 00 00")}}},
+        {"CBQRULE=99999999999\n", {{298, hex("7F FF FF FF")}}},
+        // Long lines come in pieces; a NUL hides the real end of a line.
+        {"NAME=" + std::string(3000, 'z') + "\n" + std::string("TYPE=ab\0cd\nPPP", 15) + "\n=\nREMOTE=\n",
+         {{2, bytes(256, 'z') + text("a", 15)}}},
+    };
+    for (auto& row : rows) {
+        SCOPED_TRACE(row.file.substr(0, 40));
+        unlink("/var/run/pppoe/info.ppp7");
+        if (!row.file.empty()) {
+            FILE* f = fopen("/var/run/pppoe/info.ppp7", "w");
+            ASSERT_NE(f, nullptr);
+            fwrite(row.file.data(), 1, row.file.size(), f);
+            fclose(f);
+        }
+        uint8_t r[326 + 16];
+        memset(r, 0x5A, sizeof r);
+        EXPECT_EQ(read_ppp_info(r, 7), row.file.empty() ? 0 : 1);
+        expect_fields(r, row.fields);
+        EXPECT_EQ(bytes(r + 326, r + 342), bytes(16, 0x5A));
+    }
 }
