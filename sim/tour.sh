@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything, starts the simulated router and walks through every
-# action with kelputil. With --shell, opens a shell inside the router instead.
+# action with kelputil, then a small simulated fleet. With --shell, opens a
+# shell inside the router instead.
 #   bash sim/tour.sh [--shell] [--password PW]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -25,4 +26,6 @@ if ((${#command[@]} == 0)); then
   exec build-sim/sim/kelp-router --password "$password"
 fi
 export KELPUTIL_PASSWORD=$password
-exec build-sim/sim/kelp-router --password "$password" -- "${command[@]}"
+build-sim/sim/kelp-router --password "$password" -- "${command[@]}"
+exec build-sim/sim/kelp-router --password "$password" --fleet 6 --fault down:4 --fault upgrade-fails:3 \
+  -- bash "$PWD/sim/tour-fleet.sh"
