@@ -266,6 +266,15 @@ def table(args):
                            ("client", "sender" if fig == "fw" else "receiver")):
             rows.append(("  successful syscalls per 1462 B, %s" % side, get("st_%s_%s" % (fig, side), "per_frame"),
                          get("st_%s_socat_%s" % (fig, base), "per_frame"), "socat " + base, "x", None))
+    hosts = get("fleet_hosts", "count")
+    if hosts:
+        label = "Fleet backup of %d routers, -j 32, wall s" % hosts
+        rows.append((label, get("fleet_run", "wall_s"), get("fleet_run", "floor_s"),
+                     "the floor: all CPU s / cores", "x", ("<=", 1.25)))
+        rows.append(("  the same backups one by one, wall s", get("fleet_loop", "wall_s"), get("fleet_run", "wall_s"),
+                     "the fleet run", "x", None))
+        rows.append(("  kelputil peak RSS, KiB", get("fleet_run", "rss_kib"), get("fleet_ten", "rss_kib"),
+                     "10 routers", "x", ("<=", 1.5)))
     rows.append(("Session plain (start..exit), ms", get("sess_plain", "wall_ms"), get("sess_true", "wall_ms"),
                  "/bin/true", "x", None))
     rows.append(("Session TLS (start..exit), ms", get("sess_tls", "wall_ms"), get("sess_openssl", "wall_ms"),

@@ -4,12 +4,12 @@
 # table of medians and ratios; a copy goes to <build>/bench/results.json.
 #   bash bench/run.sh
 # Environment: BENCH_REPEAT (3), BENCH_SECONDS per throughput run (10),
-# BENCH_SESSIONS (200), BENCH_BUILD (build-bench).
+# BENCH_SESSIONS (200), BENCH_FLEET routers (200), BENCH_BUILD (build-bench).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 export BENCH_REPEAT=${BENCH_REPEAT:-3} BENCH_SECONDS=${BENCH_SECONDS:-10} BENCH_SESSIONS=${BENCH_SESSIONS:-200}
-export BENCH_BUILD=${BENCH_BUILD:-$ROOT/build-bench}
+export BENCH_BUILD=${BENCH_BUILD:-$ROOT/build-bench} BENCH_FLEET=${BENCH_FLEET:-200}
 B=$BENCH_BUILD
 PY=/usr/bin/python3  # Debian's, which still has the crypt module
 M="$PY $ROOT/bench/measure.py"
@@ -19,7 +19,7 @@ if [[ ${1:-} != --inside ]]; then
   need=()
   for p in g++ cmake ninja-build pkg-config libmbedtls-dev libcrypt-dev libbenchmark-dev iperf3 socat \
     strace openssl binutils iproute2 util-linux python3 time libcli11-dev nlohmann-json3-dev libgit2-dev \
-    libarchive-dev; do
+    libarchive-dev bc; do
     dpkg-query -W -f='${db:Status-Abbrev}\n' "$p" 2>/dev/null | grep -q '^ii' || need+=("$p")
   done
   if ((${#need[@]})); then
@@ -30,7 +30,7 @@ if [[ ${1:-} != --inside ]]; then
   # The simulator is not needed here; only what is measured is built.
   cmake -S . -B "$B" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELP_BENCH=ON -DKELP_TESTS=OFF \
     -DKELP_CLIENT=ON >/dev/null
-  ninja -C "$B" kelputild kelputil bundle_bench bench_upload >/dev/null
+  ninja -C "$B" kelputild kelputil kelp-router bundle_bench bench_upload >/dev/null
   exec timeout 1200 unshare -m -n --propagation private bash "$ROOT/bench/run.sh" --inside
 fi
 
@@ -160,6 +160,10 @@ for r in $(seq "$BENCH_REPEAT"); do
   $M pair "$RAW" ossl_rc4 --bytes $((32 << 20)) \
     --client "openssl enc -rc4 -provider legacy -provider default -K $key -in $W/fw.bin -out /dev/null"
 done
+
+step "fleet: backup of $BENCH_FLEET simulated routers, -j 32 and one by one, ${BENCH_REPEAT} times"
+PATH=$B/tools:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_FLEET" \
+  -- bash "$ROOT/bench/fleet.sh" "$M" "$RAW" "$BENCH_REPEAT"
 
 load
 step "done"
