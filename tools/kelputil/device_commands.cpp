@@ -29,18 +29,6 @@ std::string after_success(uint8_t flags) {
     return "";
 }
 
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
 // Columns as wide as their widest cell, two blanks apart.
 std::string table(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
     std::vector<size_t> width(header.size());
@@ -126,10 +114,8 @@ outcome report(const invocation& inv, const kelp::target& t) {
     bytes text;
     status st = kelp::fetch_report(t, action, inv.flags, &text);
     if (!st) return failure(st);
-    json lines = json::array();
-    for (const std::string& line : lines_of(text_of(text))) lines.push_back(json_text(line));
     outcome o = success("report " + inv.kind + ": " + std::to_string(text.size()) + " bytes" + after_success(inv.flags),
-                        {{"report", inv.kind}, {"lines", lines}});
+                        {{"report", inv.kind}, {"lines", json_lines(text_of(text))}});
     o.text = text_of(text);
     o.content = true;
     return o;
@@ -195,28 +181,7 @@ outcome firmware(const invocation& inv, const kelp::target& t, const std::string
     bytes image;
     status st = read_input(file, &image, image_max);
     if (!st) return failure(st);
-    json lines = json::array();
-    std::string failed_line;
-    auto on_line = [&](const std::string& line) {
-        if (line == "done") return;  // the end marker, not news
-        if (failed_line.empty() && reports_failure(line)) failed_line = line;
-        lines.push_back(json_text(line));
-        r.upgrade_line(line);
-    };
-    st = kelp::upload_firmware(t, image, inv.upgrade, [&r](uint64_t d, uint64_t n) { r.progress(d, n); }, on_line,
-                               [&r](const std::string& p) { r.phase(p); });
-    json data = {{"file", json_text(file)}, {"bytes", image.size()}, {"upgraded", st && inv.upgrade && failed_line.empty()}};
-    if (inv.upgrade) data["lines"] = lines;
-    if (!st) return failure(st, data);
-    if (!failed_line.empty()) {
-        outcome o = success("", data);
-        o.exit = 10;
-        o.message = "the upgrade failed on the device: " + failed_line;
-        return o;
-    }
-    return success(inv.upgrade ? "upgrade done: " + std::to_string(image.size()) + " bytes flashed"
-                               : "firmware stored on the device (" + std::to_string(image.size()) + " bytes)",
-                   data);
+    return upload_image(t, image, inv.upgrade, file, r);
 }
 
 outcome throughput(const invocation& inv, const kelp::target& t, reporter& r) {
@@ -244,6 +209,31 @@ outcome throughput(const invocation& inv, const kelp::target& t, reporter& r) {
 }
 
 }  // namespace
+
+outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, const std::string& file, reporter& r) {
+    json lines = json::array();
+    std::string failed_line;
+    auto on_line = [&](const std::string& line) {
+        if (line == "done") return;  // the end marker, not news
+        if (failed_line.empty() && reports_failure(line)) failed_line = line;
+        lines.push_back(json_text(line));
+        r.upgrade_line(line);
+    };
+    status st = kelp::upload_firmware(t, image, upgrade, [&r](uint64_t d, uint64_t n) { r.progress(d, n); }, on_line,
+                               [&r](const std::string& p) { r.phase(p); });
+    json data = {{"file", json_text(file)}, {"bytes", image.size()}, {"upgraded", st && upgrade && failed_line.empty()}};
+    if (upgrade) data["lines"] = lines;
+    if (!st) return failure(st, data);
+    if (!failed_line.empty()) {
+        outcome o = success("", data);
+        o.exit = 10;
+        o.message = "the upgrade failed on the device: " + failed_line;
+        return o;
+    }
+    return success(upgrade ? "upgrade done: " + std::to_string(image.size()) + " bytes flashed"
+                               : "firmware stored on the device (" + std::to_string(image.size()) + " bytes)",
+                   data);
+}
 
 void remember_umask() {
     mode_t mask = umask(0);

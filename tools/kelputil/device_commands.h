@@ -13,6 +13,10 @@
 // host names the device in file names ("{host}" in a fleet run's FILE).
 outcome run_device_command(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
 outcome run_offline_command(const invocation& inv);
+// Uploads an image already read; with upgrade, follows the flash upgrade
+// and fails (exit 10) when one of its lines reports an error.
+outcome upload_image(const kelp::target& t, const kelp::bytes& image, bool upgrade, const std::string& file,
+                     reporter& r);
 
 // The mode for files that are not secrets: as the umask allows.
 void remember_umask();

@@ -80,41 +80,18 @@ status wait_until_back(const kelp::target& t, int settle_ms, double* seconds) {
 }
 
 outcome upgrade_host(const invocation& inv, const bytes& image, const kelp::target& t) {
-    invocation one = inv;
-    one.upgrade = true;
-    json lines = json::array();
-    std::string failed_line;
-    auto on_line = [&](const std::string& line) {
-        if (line == "done") return;
-        std::string head = line.substr(0, 6);
-        for (char& c : head) c = (char)tolower((unsigned char)c);
-        if (failed_line.empty() && (head.rfind("error", 0) == 0 || head.rfind("failed", 0) == 0)) failed_line = line;
-        lines.push_back(json_text(line));
-    };
-    status st = kelp::upload_firmware(t, image, true, nullptr, on_line);
-    json data = {{"bytes", image.size()}, {"lines", lines}};
-    if (!st) return failure(kelp::fail(st.kind, "upgrade: " + st.message), data);
-    if (!failed_line.empty()) {
-        outcome o = success("", data);
-        o.exit = 10;
-        o.message = "the upgrade failed on the device: " + failed_line;
-        return o;
-    }
+    reporter quiet;
+    outcome o = upload_image(t, image, true, inv.file, quiet);
+    if (!o.ok()) return o;
+    json data = o.data;
+    status st;
     double back_after = 0;
     if (!(st = wait_until_back(t, inv.settle_ms, &back_after))) return failure(st, data);
     bytes report;
     if (!(st = kelp::fetch_report(t, action_core_sysinfo, 0, &report))) return failure(kelp::fail(st.kind, "after the upgrade: " + st.message), data);
-    json report_lines = json::array();
-    std::string text(report.begin(), report.end()), first;
-    for (size_t start = 0; start < text.size();) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        report_lines.push_back(json_text(text.substr(start, end - start)));
-        if (first.empty()) first = text.substr(start, end - start);
-        start = end + 1;
-    }
+    std::string text(report.begin(), report.end()), first = text.substr(0, text.find('\n'));
     data["back_after_s"] = back_after;
-    data["report"] = report_lines;
+    data["report"] = json_lines(text);
     char message[64];
     snprintf(message, sizeof message, "upgraded, back after %.1f s", back_after);
     return success(std::string(message) + (first.empty() ? "" : ": " + first), data);

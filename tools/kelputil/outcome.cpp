@@ -87,6 +87,17 @@ std::string json_text(const std::string& bytes) {
     return out;
 }
 
+json json_lines(const std::string& text) {
+    json lines = json::array();
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(json_text(text.substr(start, end - start)));
+        start = end + 1;
+    }
+    return lines;
+}
+
 std::string terminal_text(const std::string& bytes) {
     std::string out = bytes;
     for (char& c : out)

@@ -40,6 +40,8 @@ std::string json_line(const json& j);
 // else read as Latin-1 (the routers' own character set), so that no byte is
 // dropped and the JSON stays valid.
 std::string json_text(const std::string& bytes);
+// Text as a JSON array of its lines (without their newlines).
+json json_lines(const std::string& text);
 // The same text for a terminal: control characters shown as '?', so that a
 // device cannot drive the operator's terminal.
 std::string terminal_text(const std::string& bytes);
