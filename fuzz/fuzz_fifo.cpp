@@ -6,7 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "control/firmware.h"
+#include "control/upgrade_relay.h"
 #include "fuzz_support.h"
 
 static const int line_max = 1024;

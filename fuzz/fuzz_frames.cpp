@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 static const char target[] = "/tmp/upload.dat";
 static bool received;
 
-static void serve(void*) { received = receive_file(daemon_fd, target); }
+static void serve(void*) { received = receive_file(daemon_fd, target, act_pkt.size); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 4) return 0;

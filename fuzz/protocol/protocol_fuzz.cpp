@@ -85,7 +85,7 @@ bytes request_packet(int action, int script, int flags, uint32_t size) {
 void append_frames(bytes& out, const bytes& body) {
     for (size_t done = 0; done < body.size(); done += frame_payload_len) {
         out.resize(out.size() + frame_len);
-        kelp::encode_frame(body.data() + done, std::min(frame_payload_len, body.size() - done),
+        encode_frame(body.data() + done, std::min(frame_payload_len, body.size() - done),
                            out.data() + out.size() - frame_len);
     }
 }

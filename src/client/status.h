@@ -38,8 +38,6 @@ inline status ok() { return {}; }
 status fail(error_kind kind, std::string message);
 // A result packet's code as an error ("device answered 4: Action not supported").
 status device_error(uint8_t code);
-// The device's wording for a result code.
-const char* code_text(uint8_t code);
 
 // Bytes done and total of a transfer, called after every frame.
 using progress_fn = std::function<void(uint64_t done, uint64_t total)>;

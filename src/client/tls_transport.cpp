@@ -14,15 +14,12 @@
 #include <mbedtls/ssl.h>
 #include <mbedtls/x509_crt.h>
 
+#include "core/tls_socket.h"
+
 namespace kelp {
 
 struct tls_state {
-    int fd = -1;
-    int timeout_ms = 15000;
-    // The first bytes the device sent, to tell the plain protocol's greeting
-    // from a broken handshake.
-    uint8_t first[8] = {};
-    size_t first_len = 0;
+    tls_socket socket;
     mbedtls_entropy_context entropy;
     mbedtls_ctr_drbg_context drbg;
     mbedtls_ssl_config config;
@@ -41,40 +38,6 @@ struct tls_state {
         mbedtls_entropy_free(&entropy);
     }
 };
-
-static int send_on(void* context, const unsigned char* data, size_t n) {
-    const tls_state* s = (const tls_state*)context;
-    int fd = s->fd;
-    struct pollfd p = {fd, POLLOUT, 0};
-    int r = poll(&p, 1, s->timeout_ms);
-    if (r == 0) return MBEDTLS_ERR_SSL_TIMEOUT;
-    if (r < 0) return errno == EINTR ? MBEDTLS_ERR_SSL_WANT_WRITE : MBEDTLS_ERR_NET_SEND_FAILED;
-    ssize_t sent = ::send(fd, data, n, MSG_NOSIGNAL);
-    if (sent >= 0) return (int)sent;
-    if (errno == EINTR || errno == EAGAIN) return MBEDTLS_ERR_SSL_WANT_WRITE;
-    if (errno == EPIPE || errno == ECONNRESET) return MBEDTLS_ERR_NET_CONN_RESET;
-    return MBEDTLS_ERR_NET_SEND_FAILED;
-}
-
-// The wait is the state's, set per call: the configured read time-out
-// cannot follow a deadline.
-static int receive_on(void* context, unsigned char* data, size_t n, uint32_t) {
-    tls_state* s = (tls_state*)context;
-    int fd = s->fd;
-    struct pollfd p = {fd, POLLIN, 0};
-    int r = poll(&p, 1, s->timeout_ms > 0 ? s->timeout_ms : 1);
-    if (r == 0) return MBEDTLS_ERR_SSL_TIMEOUT;
-    if (r < 0) return errno == EINTR ? MBEDTLS_ERR_SSL_WANT_READ : MBEDTLS_ERR_NET_RECV_FAILED;
-    ssize_t got = recv(fd, data, n, 0);
-    if (got > 0) {
-        for (ssize_t i = 0; i < got && s->first_len < sizeof s->first; i++) s->first[s->first_len++] = data[i];
-        return (int)got;
-    }
-    if (got == 0) return MBEDTLS_ERR_NET_CONN_RESET;  // never a zero read: that is an empty record
-    if (errno == EINTR || errno == EAGAIN) return MBEDTLS_ERR_SSL_WANT_READ;
-    if (errno == ECONNRESET) return MBEDTLS_ERR_NET_CONN_RESET;
-    return MBEDTLS_ERR_NET_RECV_FAILED;
-}
 
 static bool peer_closed(int r) {
     return r == MBEDTLS_ERR_SSL_CONN_EOF || r == MBEDTLS_ERR_NET_CONN_RESET || r == MBEDTLS_ERR_SSL_PEER_CLOSE_NOTIFY;
@@ -116,8 +79,8 @@ status tls_transport::open(int fd, const std::string& pin_sha256, int timeout_ms
         return fail(error_kind::local, "not a SHA-256 fingerprint: " + pin_sha256);
     std::unique_ptr<tls_transport> t(new tls_transport());
     tls_state& s = *t->state_;
-    s.fd = fd;
-    s.timeout_ms = timeout_ms;
+    s.socket.fd = fd;
+    s.socket.wait_ms = timeout_ms;
     static const unsigned char personal[] = "kelputil";
     int r = mbedtls_ctr_drbg_seed(&s.drbg, mbedtls_entropy_func, &s.entropy, personal, sizeof personal - 1);
     if (r == 0)
@@ -129,11 +92,11 @@ status tls_transport::open(int fd, const std::string& pin_sha256, int timeout_ms
     mbedtls_ssl_conf_rng(&s.config, mbedtls_ctr_drbg_random, &s.drbg);
     mbedtls_ssl_conf_read_timeout(&s.config, (uint32_t)timeout_ms);
     if ((r = mbedtls_ssl_setup(&s.ssl, &s.config)) != 0) return fail(error_kind::local, "TLS set-up failed: " + tls_error(r));
-    mbedtls_ssl_set_bio(&s.ssl, &s, send_on, nullptr, receive_on);
+    mbedtls_ssl_set_bio(&s.ssl, &s.socket, tls_socket_send, nullptr, tls_socket_recv);
 
     while ((r = mbedtls_ssl_handshake(&s.ssl)) != 0) {
         if (r == MBEDTLS_ERR_SSL_WANT_READ || r == MBEDTLS_ERR_SSL_WANT_WRITE) continue;
-        if (s.first_len >= 4 && memcmp(s.first, greeting_text, 4) == 0)
+        if (s.socket.first_len >= 4 && memcmp(s.socket.first, greeting_text, 4) == 0)
             return fail(error_kind::wrong_protocol, "the device speaks the plain protocol on this port, not TLS");
         if (r == MBEDTLS_ERR_SSL_TIMEOUT)
             return fail(error_kind::timed_out, "no answer to the TLS handshake within " + std::to_string(timeout_ms) + " ms");
@@ -169,7 +132,7 @@ status tls_transport::send(const uint8_t* data, size_t n) {
 }
 
 status tls_transport::recv_some(uint8_t* p, size_t cap, size_t* got, int wait_ms) {
-    state_->timeout_ms = wait_ms;
+    state_->socket.wait_ms = wait_ms;
     for (;;) {
         int r = mbedtls_ssl_read(&state_->ssl, p, cap);
         if (r > 0) {

@@ -4,16 +4,9 @@
 
 namespace kelp {
 
-void encode_frame(const uint8_t* payload, size_t n, uint8_t out[frame_len]) {
-    put_le16(out, (uint16_t)n);
-    memcpy(out + 2, payload, n);
-    memset(out + 2 + n, 0, frame_payload_len - n);
-}
-
 status decode_frame(const uint8_t frame[frame_len], size_t* length) {
-    size_t n = get_le16(frame);
-    if (n == 0 || n > frame_payload_len)
-        return fail(error_kind::protocol, "bad frame length " + std::to_string(n) + " from the device");
+    size_t n = frame_length(frame);
+    if (n == 0) return fail(error_kind::protocol, "bad frame length " + std::to_string(get_le16(frame)) + " from the device");
     *length = n;
     return ok();
 }

@@ -8,14 +8,14 @@
 #include <string>
 
 #include "core/protocol.h"
+#include "transfer/frame_codec.h"
 #include "session.h"
 #include "status.h"
 
 namespace kelp {
 
-// n must be 1..1460; the unused payload is zeroed.
-void encode_frame(const uint8_t* payload, size_t n, uint8_t out[frame_len]);
-// The frame's length, checked to be 1..1460.
+// The frame's length, checked to be 1..1460 (frames are encoded with the
+// shared encode_frame).
 status decode_frame(const uint8_t frame[frame_len], size_t* length);
 
 // Receives `size` bytes of frames into *out.

@@ -1,19 +1,12 @@
 #include "control/kick.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "core/connection.h"
 #include "core/protocol.h"
-
-int32_t run_command(const char* command) {
-    int status = system(command);
-    // Exit status 1 (raw 256) stays 256 on purpose; callers compare with 0.
-    if (status >= -255 && status <= 256) return status;
-    return status / 256;
-}
+#include "core/shell.h"
 
 struct kick_texts {
     const char* announce;

@@ -3,7 +3,6 @@
 
 #include <stdint.h>
 
-int32_t run_command(const char* command);
 int kick_ppp_user(int fd);
 int kick_hotspot_user(int fd);
 int kick_hotspot_ip(int fd);

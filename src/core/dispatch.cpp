@@ -1,15 +1,13 @@
 #include "core/dispatch.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include "control/firmware.h"
 #include "control/kick.h"
 #include "control/throughput.h"
 #include "core/client_log.h"
-#include "core/shell.h"
+#include "core/ending.h"
 #include "core/process_exit.h"
 #include "core/protocol.h"
 #include "core/replies.h"
@@ -19,33 +17,6 @@
 #include "reports/report.h"
 #include "transfer/config_bundle.h"
 #include "transfer/script_exchange.h"
-
-[[noreturn]] static void reboot_forever() {
-    log_client(LOG_INFO, "rebooting the system");
-    for (;;) {
-        run_helper("echo reboot > /tmp/monitor");
-        sleep(100);
-    }
-}
-
-static void request_apply() {
-    if (act_pkt.action == action_receive_script)
-        run_helper(act_pkt.script == 7 ? "> /tmp/ips.dirty; echo apply > /tmp/monitor" : "do-advnet");
-    else
-        run_helper("> /tmp/all.dirty; echo apply > /tmp/monitor");
-}
-
-void finish_action(int fd, int code) {
-    send_result(fd, code);
-    close(fd);
-    close(listen_fd);
-    unlink("/tmp/saved-configs");
-    unlink("/tmp/saved-configs.dat");
-    if (act_pkt.action == action_firmware || code != code_ok) end_process(0);
-    if (act_pkt.flags & flag_reboot) reboot_forever();
-    if (act_pkt.flags & flag_apply) request_apply();
-    end_process(0);
-}
 
 // Kick handlers return 0 on success; anything else is "No such user".
 static int kick_result(int failed) { return failed ? code_no_such_user : code_ok; }
@@ -70,6 +41,8 @@ static int dispatch_kick(int fd, int action) {
     }
 }
 
+// The handlers close the connection themselves (a closed socket is how the
+// client learns the test is over): the common ending then has none.
 static int dispatch_throughput(int fd, int action) {
     if (action == action_throughput_rx) {
         puts("sending benchmark data");
@@ -111,7 +84,10 @@ void dispatch_action(int fd) {
     case action_ppp_list:
     case action_hotspot_list: code = dispatch_list(fd, act_pkt.action); break;
     case action_throughput_rx:
-    case action_throughput_tx: code = dispatch_throughput(fd, act_pkt.action); break;
+    case action_throughput_tx:
+        code = dispatch_throughput(fd, act_pkt.action);
+        fd = -1;
+        break;
     case action_kick_ppp_user:
     case action_kick_hotspot_user:
     case action_kick_hotspot_ip: code = dispatch_kick(fd, act_pkt.action); break;

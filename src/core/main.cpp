@@ -21,7 +21,7 @@
 
 static void on_alarm(int) {
     syslog(LOG_NOTICE, "Alarm signal caught - connection timeout");
-    end_process(1);
+    end_process_from_signal(1);
 }
 
 static void install_signals() {

@@ -7,18 +7,10 @@
 #include "core/files.h"
 #include "core/process_exit.h"
 #include "core/protocol.h"
-
-static const char* const messages[] = {
-    "Action Failed", "CODE_OK", "File too large", "File too small", "Action not supported", "No HDD available",
-    "No such user was found",
-};
-
-const char* result_message(int code) {
-    return code >= 0 && code < (int)(sizeof messages / sizeof messages[0]) ? messages[code] : "Unknown result";
-}
+#include "core/result_text.h"
 
 int send_result(int fd, int code) {
-    if (code != code_ok) log_client(LOG_ERR, "%s", result_message(code));
+    if (code != code_ok) log_client(LOG_ERR, "%s", result_text(code));
     uint8_t packet[reply_packet_len];
     encode_result(packet, (uint8_t)code);
     return send_all(fd, packet, (int)reply_packet_len);

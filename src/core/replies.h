@@ -1,7 +1,6 @@
 // The 7-byte replies: result packet and size packet (size 0: ready packet).
 #pragma once
 
-const char* result_message(int code);
 // Logs every code other than 1 at LOG_ERR, then sends the result packet.
 int send_result(int fd, int code);
 // Size packet with file_size(path), or size 0 when path is null. 1 when all

@@ -1,5 +1,10 @@
 #pragma once
 
-// Runs a router helper through the shell; its exit status is not examined
-// (the kick actions, which do look at it, use run_command).
+#include <stdint.h>
+
+// Runs a router helper through the shell; its exit status is not examined.
 void run_helper(const char* command);
+// Runs a command through the shell and returns its wait status as the kick
+// actions read it: unchanged from -255 to 256, else divided by 256, so only
+// an exit status of 0 compares equal to 0.
+int32_t run_command(const char* command);

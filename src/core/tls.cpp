@@ -4,19 +4,16 @@
 // as every later byte is plain on the socket.
 #include "core/tls.h"
 
-#include <errno.h>
-#include <sys/socket.h>
-
 #include <mbedtls/ctr_drbg.h>
 #include <mbedtls/ecp.h>
 #include <mbedtls/entropy.h>
-#include <mbedtls/net_sockets.h>
 #include <mbedtls/pk.h>
 #include <mbedtls/ssl.h>
 #include <mbedtls/ssl_cache.h>
 #include <mbedtls/x509_crt.h>
 
 #include "core/tls_pair.h"
+#include "core/tls_socket.h"
 
 static mbedtls_entropy_context entropy;
 static mbedtls_ctr_drbg_context drbg;
@@ -26,7 +23,7 @@ static mbedtls_ssl_cache_context cache;
 static mbedtls_ssl_config config;
 static mbedtls_ssl_context ssl;
 static bool config_ready;
-static int ssl_fd = -1;
+static tls_socket ssl_socket;  // blocking: the daemon waits in its own layer
 // Our ECDHE choices first: x25519 and P-256 cost a fraction of the P-521
 // that mbedTLS would otherwise pick; the rest in mbedTLS's order.
 static mbedtls_ecp_group_id curves[MBEDTLS_ECP_DP_MAX + 3];
@@ -71,31 +68,12 @@ int tls_context_new() {
     return 1;
 }
 
-// Blocking socket I/O. A peer that closed is an error, never a zero, so a
-// read cannot turn into an endless run of empty records.
-static int send_on(void* context, const unsigned char* data, size_t length) {
-    ssize_t n = send(*(int*)context, data, length, MSG_NOSIGNAL);
-    if (n >= 0) return (int)n;
-    if (errno == EINTR || errno == EAGAIN) return MBEDTLS_ERR_SSL_WANT_WRITE;
-    if (errno == EPIPE || errno == ECONNRESET) return MBEDTLS_ERR_NET_CONN_RESET;
-    return MBEDTLS_ERR_NET_SEND_FAILED;
-}
-
-static int receive_on(void* context, unsigned char* data, size_t length) {
-    ssize_t n = recv(*(int*)context, data, length, 0);
-    if (n > 0) return (int)n;
-    if (n == 0) return MBEDTLS_ERR_NET_CONN_RESET;
-    if (errno == EINTR || errno == EAGAIN) return MBEDTLS_ERR_SSL_WANT_READ;
-    if (errno == ECONNRESET) return MBEDTLS_ERR_NET_CONN_RESET;
-    return MBEDTLS_ERR_NET_RECV_FAILED;
-}
-
 int tls_server_handshake(int fd) {
     if (!config_ready) return -1;
     mbedtls_ssl_init(&ssl);
     if (mbedtls_ssl_setup(&ssl, &config) != 0) return -1;
-    ssl_fd = fd;
-    mbedtls_ssl_set_bio(&ssl, &ssl_fd, send_on, receive_on, nullptr);
+    ssl_socket.fd = fd;
+    mbedtls_ssl_set_bio(&ssl, &ssl_socket, tls_socket_send, nullptr, tls_socket_recv);
     // Application data before the handshake is over is an unexpected message:
     // mbedTLS fails the handshake on it.
     for (;;) {

@@ -178,7 +178,7 @@ int receive_configuration(int fd) {
     if (act_pkt.size > upload_max) refuse_action(fd, code_too_large);
     if (act_pkt.size < bundle_min_upload) refuse_action(fd, code_too_small);
     send_ready_or_exit(fd);
-    if (!receive_file(fd, bundle_path)) end_process(1);
+    if (!receive_file(fd, bundle_path, act_pkt.size)) end_process(1);
     puts("verifying file..");
     if (!verify_config_bundle()) {
         puts("failed..");

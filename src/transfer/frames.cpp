@@ -7,23 +7,19 @@
 #include "core/connection.h"
 #include "core/files.h"
 #include "core/protocol.h"
-#include "core/state.h"
+#include "transfer/frame_codec.h"
 
 bool send_chunk(int fd, const uint8_t* data, int count) {
     uint8_t frame[frame_len];
-    put_le16(frame, (uint16_t)count);
-    memcpy(frame + 2, data, (size_t)count);
-    // The tail carries no meaning; clearing it keeps stack bytes off the wire.
-    memset(frame + 2 + count, 0, frame_payload_len - (size_t)count);
+    encode_frame(data, (size_t)count, frame);
     return send_all(fd, frame, (int)frame_len) == (int)frame_len;
 }
 
 bool receive_chunk(int fd, uint8_t* buffer, int* count) {
     uint8_t frame[frame_len];
     if (recv_all(fd, frame, (int)frame_len) != (int)frame_len) return false;
-    int length = get_le16(frame);
-    // A frame cannot carry more than its payload; such a frame is a failed read.
-    if (length == 0 || length > (int)frame_payload_len) return false;
+    int length = (int)frame_length(frame);
+    if (length == 0) return false;
     memcpy(buffer, frame + 2, (size_t)length);
     *count = length;
     return true;
@@ -53,8 +49,8 @@ bool send_file(int fd, const char* path) {
     return true;
 }
 
-bool receive_file(int fd, const char* path) {
-    uint32_t remaining = act_pkt.size;
+bool receive_file(int fd, const char* path, uint32_t size) {
+    uint32_t remaining = size;
     FILE* f = fopen(path, "w");
     if (!f) return false;
     uint8_t data[frame_payload_len];

@@ -59,7 +59,7 @@ int receive_script(int fd) {
     if (act_pkt.size == 0) refuse_action(fd, code_too_small);
     puts("Saving client the script");
     send_ready_or_exit(fd);
-    if (!receive_file(fd, upload_path)) end_process(1);
+    if (!receive_file(fd, upload_path, act_pkt.size)) end_process(1);
     char command[128];
     snprintf(command, sizeof command, "cp %s %s; rm -f %s", upload_path, script->path, upload_path);
     run_helper(command);

@@ -64,10 +64,10 @@ TEST(ClientWire, RequestAndReplies) {
 TEST(ClientWire, Frames) {
     uint8_t f[1462];
     const bytes full(1460, 0x5A);
-    kelp::encode_frame(full.data(), full.size(), f);
+    encode_frame(full.data(), full.size(), f);
     EXPECT_EQ(bytes(f, f + 1462), hex("B4 05") + full);
     memset(f, 0xEE, sizeof f);
-    kelp::encode_frame(hex("41").data(), 1, f);
+    encode_frame(hex("41").data(), 1, f);
     EXPECT_EQ(bytes(f, f + 1462), hex("01 00 41") + bytes(1459, 0));
     size_t n = 0;
     EXPECT_TRUE(kelp::decode_frame((hex("B4 05") + full).data(), &n));
