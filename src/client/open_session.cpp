@@ -29,7 +29,9 @@ password_fn fixed_password(const std::string& password) {
 
 namespace {
 
-constexpr int refused_grace_ms = 1000;  // longer than any supervisor's restart pause
+// Longer than a supervisor's restart pause, also on a router busy enough to
+// take seconds over starting the next daemon.
+constexpr int refused_grace_ms = 3000;
 constexpr int retry_pause_ms = 50;
 // The daemon gives up on a login that has not arrived after 10 s.
 constexpr int device_login_wait_ms = 8000;
