@@ -87,9 +87,9 @@ std::string date_text(git_time_t t) {
 status folder_diff(git_repository* repo, const git_tree* from, const git_tree* to, const std::string& folder,
                    git_diff** out) {
     git_diff_options options = GIT_DIFF_OPTIONS_INIT;
-    std::string spec = folder + "/";
-    char* specs[] = {spec.data()};
-    options.pathspec = {specs, 1};
+    std::string prefix = folder + "/";
+    char* prefixes[] = {prefix.data()};
+    options.pathspec = {prefixes, 1};
     if (git_diff_tree_to_tree(out, repo, const_cast<git_tree*>(from), const_cast<git_tree*>(to), &options) != 0)
         return git_failure("comparing two backups");
     return kelp::ok();
@@ -166,10 +166,10 @@ status git_store::commit(const std::vector<std::string>& folders, const std::str
     commit_out->clear();
     index_ptr index;
     if (git_repository_index(index.out(), repo_) != 0) return git_failure("opening the index");
-    std::vector<std::string> specs;
-    for (const std::string& f : folders) specs.push_back(f + "/");
+    std::vector<std::string> prefixes;
+    for (const std::string& f : folders) prefixes.push_back(f + "/");
     std::vector<char*> pointers;
-    for (std::string& s : specs) pointers.push_back(s.data());
+    for (std::string& s : prefixes) pointers.push_back(s.data());
     git_strarray paths = {pointers.data(), pointers.size()};
     if (!folders.empty() && (git_index_add_all(index, &paths, GIT_INDEX_ADD_DEFAULT, nullptr, nullptr) != 0 ||
                              git_index_update_all(index, &paths, nullptr, nullptr) != 0))
