@@ -155,7 +155,3 @@ long long size_of(const char* path) {
     return stat(path, &st) == 0 ? (long long)st.st_size : -1;
 }
 
-void invariant_failed(const char* why) {
-    fprintf(stderr, "INVARIANT BROKEN: %s\n", why);
-    abort();
-}

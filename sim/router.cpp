@@ -400,6 +400,16 @@ std::string output(const process& p) { return read_file(p.out_path); }
 // lists every connection, and after thousands of short runs the closed ones
 // waiting out their time make each read slow. -1 when sock_diag is missing,
 // as under qemu-user, which has no such netlink family.
+// One message of a netlink answer, by hand: the header's NLMSG_OK compares
+// signed with unsigned, which clang's -Wsign-compare refuses.
+static const nlmsghdr* next_message(const char* buffer, size_t size, size_t* offset) {
+    if (*offset > size || size - *offset < sizeof(nlmsghdr)) return nullptr;
+    const nlmsghdr* h = (const nlmsghdr*)(buffer + *offset);
+    if (h->nlmsg_len < sizeof(nlmsghdr) || h->nlmsg_len > size - *offset) return nullptr;
+    *offset += NLMSG_ALIGN(h->nlmsg_len);
+    return h;
+}
+
 static int listening_by_diag(int port) {
     int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
     if (fd < 0) return -1;
@@ -418,9 +428,10 @@ static int listening_by_diag(int port) {
         found = 0;
         alignas(nlmsghdr) char buffer[8192];
         for (bool done = false; !done;) {
-            int n = (int)recv(fd, buffer, sizeof buffer, 0);
+            ssize_t n = recv(fd, buffer, sizeof buffer, 0);
             if (n <= 0) break;
-            for (nlmsghdr* h = (nlmsghdr*)buffer; NLMSG_OK(h, n); h = NLMSG_NEXT(h, n)) {
+            size_t offset = 0;
+            while (const nlmsghdr* h = next_message(buffer, (size_t)n, &offset)) {
                 if (h->nlmsg_type == NLMSG_DONE || h->nlmsg_type == NLMSG_ERROR) {
                     if (h->nlmsg_type == NLMSG_ERROR && !found) found = -1;
                     done = true;

@@ -86,7 +86,10 @@ std::string date_text(git_time_t t) {
 
 status folder_diff(git_repository* repo, const git_tree* from, const git_tree* to, const std::string& folder,
                    git_diff** out) {
-    git_diff_options options = GIT_DIFF_OPTIONS_INIT;
+    // The library's init functions, not its *_INIT macros, which leave
+    // fields out and trip -Wmissing-field-initializers under clang.
+    git_diff_options options;
+    git_diff_options_init(&options, GIT_DIFF_OPTIONS_VERSION);
     std::string prefix = folder + "/";
     char* prefixes[] = {prefix.data()};
     options.pathspec = {prefixes, 1};
@@ -143,7 +146,8 @@ status git_store::open(const std::string& dir, bool create, std::unique_ptr<git_
     git_repository* repo = nullptr;
     int r = git_repository_open_ext(&repo, dir.c_str(), GIT_REPOSITORY_OPEN_NO_SEARCH, nullptr);
     if (r == GIT_ENOTFOUND && create) {
-        git_repository_init_options options = GIT_REPOSITORY_INIT_OPTIONS_INIT;
+        git_repository_init_options options;
+        git_repository_init_options_init(&options, GIT_REPOSITORY_INIT_OPTIONS_VERSION);
         options.flags = GIT_REPOSITORY_INIT_MKPATH;
         r = git_repository_init_ext(&repo, dir.c_str(), &options);
     }
