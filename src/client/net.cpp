@@ -74,9 +74,11 @@ status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_ou
         }
         if (r < 0) {
             if (errno == ECONNREFUSED) *refused = true;
-            last = fail(error_kind::connect_failed,
-                        *refused ? host + ":" + service + " refused the connection"
-                                 : "connecting to " + host + ":" + service + ": " + strerror(errno));
+            // Accepted into the backlog, then reset before we looked: the
+            // queue of a listener that has just closed.
+            error_kind kind = errno == ECONNRESET ? error_kind::closed : error_kind::connect_failed;
+            last = fail(kind, *refused ? host + ":" + service + " refused the connection"
+                                       : "connecting to " + host + ":" + service + ": " + strerror(errno));
             close(fd);
             continue;
         }

@@ -135,9 +135,8 @@ status open_session(session& s, const target& t, const request& r) {
     for (int attempt = 1;; attempt++) {
         s.close();
         status st = connect_step(s, t, deadline);
-        if (!st) return st;
-        s.set_deadline(deadline);
-        if (t.tls) st = tls_step(s, t, started);
+        if (st) s.set_deadline(deadline);
+        if (st && t.tls) st = tls_step(s, t, started);
         uint8_t challenge[challenge_len];
         if (st) st = greet_step(s, t, started, challenge);
         if (st.kind == error_kind::closed) {
