@@ -30,7 +30,8 @@ if [[ ${1:-} != --inside ]]; then
   # The simulator is not needed here; only what is measured is built.
   cmake -S . -B "$B" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELP_BENCH=ON -DKELP_TESTS=OFF \
     -DKELP_CLIENT=ON >/dev/null
-  ninja -C "$B" kelputild kelputil kelp-router bundle_bench bench_upload >/dev/null
+  ninja -C "$B" kelputild kelputil kelp-router bundle_bench bench_upload >"$B/build.log" ||
+    { cat "$B/build.log"; exit 1; }
   exec timeout 1200 unshare -m -n --propagation private bash "$ROOT/bench/run.sh" --inside
 fi
 
