@@ -396,10 +396,6 @@ void kill_process(const process& p) {
 
 std::string output(const process& p) { return read_file(p.out_path); }
 
-// Asks the kernel for listening TCP sockets only (sock_diag): /proc/net/tcp
-// lists every connection, and after thousands of short runs the closed ones
-// waiting out their time make each read slow. -1 when sock_diag is missing,
-// as under qemu-user, which has no such netlink family.
 // One message of a netlink answer, by hand: the header's NLMSG_OK compares
 // signed with unsigned, which clang's -Wsign-compare refuses.
 static const nlmsghdr* next_message(const char* buffer, size_t size, size_t* offset) {
@@ -410,6 +406,10 @@ static const nlmsghdr* next_message(const char* buffer, size_t size, size_t* off
     return h;
 }
 
+// Asks the kernel for listening TCP sockets only (sock_diag): /proc/net/tcp
+// lists every connection, and after thousands of short runs the closed ones
+// waiting out their time make each read slow. -1 when sock_diag is missing,
+// as under qemu-user, which has no such netlink family.
 static int listening_by_diag(int port) {
     int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
     if (fd < 0) return -1;

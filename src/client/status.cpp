@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "core/protocol.h"
 #include "core/result_text.h"
 
 namespace kelp {
@@ -14,7 +15,11 @@ status fail(error_kind kind, std::string message) {
 }
 
 status device_error(uint8_t code) {
-    status s = fail(error_kind::device, "device answered " + std::to_string(code) + ": " + result_text(code));
+    std::string text = result_text(code);
+    // The device's wording, plus what the operator needs: it answers 4 also
+    // while another job (an upgrade, a restore) holds it.
+    if (code == code_not_supported) text += " (or the device is busy)";
+    status s = fail(error_kind::device, "device answered " + std::to_string(code) + ": " + text);
     s.code = code;
     return s;
 }

@@ -36,7 +36,7 @@ struct status {
 
 inline status ok() { return {}; }
 status fail(error_kind kind, std::string message);
-// A result packet's code as an error ("device answered 4: Action not supported").
+// A result packet's code as an error ("device answered 2: File too large").
 status device_error(uint8_t code);
 
 // Bytes done and total of a transfer, called after every frame.

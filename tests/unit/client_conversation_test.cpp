@@ -72,6 +72,8 @@ TEST(ClientConversation, FailuresByKind) {
         script device;
         std::function<kelp::status(kelp::session&)> client;
         error_kind want;
+        int code = 0;          // for error_kind::device
+        const char* says = "";
     } rows[] = {
         {"password refused", [](int fd) { put(fd, greeting()), take(fd, 34), put(fd, "01 01 00"); }, login,
          error_kind::refused_password},
@@ -81,7 +83,10 @@ TEST(ClientConversation, FailuresByKind) {
         {"odd verdict", [](int fd) { put(fd, greeting()), take(fd, 34), put(fd, "01 01 07"); }, login, error_kind::protocol},
         // A wrong tag in the greeting: the client answers nothing.
         {"wrong tag", [&](int fd) { put(fd, greeting("01 02")), answered = take(fd, 34); }, login, error_kind::protocol},
-        {"code 0", [](int fd) { put(fd, "03 01 00 00 00 00 00"); }, download, error_kind::device},
+        {"code 0", [](int fd) { put(fd, "03 01 00 00 00 00 00"); }, download, error_kind::device, 0,
+         "device answered 0: Action Failed"},
+        {"code 4", [](int fd) { put(fd, "03 01 04 00 00 00 00"); }, download, error_kind::device, 4,
+         "device answered 4: Action not supported (or the device is busy)"},
         // 10 bytes announced, a 20-byte frame sent.
         {"frame too long", [](int fd) { put(fd, "03 01 01 0A 00 00 00"), put(fd, hex("14 00") + bytes(1460, 1)); }, download,
          error_kind::protocol},
@@ -92,7 +97,8 @@ TEST(ClientConversation, FailuresByKind) {
     for (auto& r : rows) {
         kelp::status st = converse(r.device, r.client);
         EXPECT_EQ(st.kind, r.want) << r.name;
-        EXPECT_TRUE(st.kind != error_kind::device || st.code == 0) << r.name;
+        EXPECT_TRUE(st.kind != error_kind::device || st.code == r.code) << r.name;
+        EXPECT_NE(st.message.find(r.says), std::string::npos) << r.name << ": " << st.message;
     }
     EXPECT_TRUE(answered.empty());
 }
