@@ -16,6 +16,10 @@ class kelputil : public tool_test {};
 TEST_F(kelputil, every_command) {
     run_steps({
         {"kelputil check", 0, {"first contact with 127.0.0.1:857: its certificate has SHA-256 ", "login ok"}},
+        // Only the backup store's helper loads libgit2 and libarchive.
+        {"LD_DEBUG=files kelputil -q check 2>&1 | grep -c 'libgit2\\|libarchive'", 1, {"0\n"}},
+        {"cp \"$(command -v kelputil)\" alone && ./alone fleet history r1", 1,
+         {"fleet history needs kelputil-store, which cannot run (", "reinstall kelputil"}},
         {"kelputil apply && until_in 'monitor: apply' /run/sim/events", 0, {"the device applies its settings"}},
         {"kelputil backup b.dat && stat -c %a b.dat", 0, {" bytes of configuration to b.dat\n600\n"}},
         // Offline: port 1 would refuse any connection.

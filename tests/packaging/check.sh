@@ -297,7 +297,8 @@ deb)
 
   # Exactly the client's files: nothing of the router's.
   mapfile -t files < <(dpkg-deb --contents "$deb" | grep -v '^d' | awk '{print $6}' | sort)
-  expected=(./usr/bin/kelputil ./usr/share/bash-completion/completions/kelputil ./usr/share/man/man1/kelputil.1.gz)
+  expected=(./usr/bin/kelputil ./usr/libexec/kelputil/kelputil-store ./usr/share/bash-completion/completions/kelputil
+    ./usr/share/man/man1/kelputil.1.gz)
   [[ ${files[*]} == "${expected[*]}" ]] || fail "the package holds ${files[*]}, not ${expected[*]}"
 
   root=$work/root

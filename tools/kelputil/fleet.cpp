@@ -1,20 +1,14 @@
 #include "fleet.h"
 
 #include "device_commands.h"
-#include "fleet_backup.h"
 #include "fleet_rollout.h"
-#include "fleet_runner.h"
 #include "inventory.h"
 #include "outcome.h"
 
-int run_fleet(const invocation& inv) {
-    std::string cmd = inv.device_command();
-    if (cmd == "history") return run_fleet_history(inv);
-    if (cmd == "diff") return run_fleet_diff(inv);
+int run_on_fleet(const invocation& inv, const fleet_job& job) {
     inventory hosts_file;
     std::vector<const inventory_host*> hosts;
     fleet_runner runner(inv);
-    // Nothing runs on a bad inventory, an empty selection or a missing password.
     kelp::status st = load_inventory(inv.inventory, &hosts_file);
     if (st) st = select_hosts(hosts_file, inv.limit, &hosts);
     if (st) st = runner.check_passwords(hosts);
@@ -22,10 +16,17 @@ int run_fleet(const invocation& inv) {
         print_outcome(failure(st), inv.json, inv.quiet);
         return exit_status(st);
     }
-    if (cmd == "backup") return run_fleet_backup(inv, runner, hosts);
-    if (cmd == "firmware" && inv.upgrade) return run_rollout(inv, runner, hosts);
-    std::vector<host_result> results = runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter& r) {
-        return run_device_command(inv, t, h.name, r);
+    return job(runner, hosts);
+}
+
+int run_fleet(const invocation& inv) {
+    std::string cmd = inv.device_command();
+    return run_on_fleet(inv, [&](fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+        if (cmd == "firmware" && inv.upgrade) return run_rollout(inv, runner, hosts);
+        std::vector<host_result> results =
+            runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter& r) {
+                return run_device_command(inv, t, h.name, r);
+            });
+        return runner.finish(results, "fleet " + cmd);
     });
-    return runner.finish(results, "fleet " + cmd);
 }

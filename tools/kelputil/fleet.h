@@ -1,6 +1,16 @@
 // Fleet runs: one command on every selected host of an inventory.
 #pragma once
 
+#include <functional>
+#include <vector>
+
+#include "fleet_runner.h"
 #include "invocation.h"
 
 int run_fleet(const invocation& inv);
+
+// What every fleet run does first: reads the inventory, selects the hosts and
+// checks their password sources, then hands them to job. Nothing runs on a
+// bad inventory, an empty selection or a missing password.
+using fleet_job = std::function<int(fleet_runner& runner, const std::vector<const inventory_host*>& hosts)>;
+int run_on_fleet(const invocation& inv, const fleet_job& job);

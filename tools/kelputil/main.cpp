@@ -10,6 +10,7 @@
 #include "files.h"
 #include "fleet.h"
 #include "outcome.h"
+#include "store_command.h"
 
 namespace {
 
@@ -43,6 +44,7 @@ int run(int argc, char** argv) {
     if (end >= 0) return end;
     remember_umask();
     remove_temporaries_on_signals();
+    if (is_store_command(inv)) return run_store_command(inv, argv);
     if (inv.command.rfind("bundle-", 0) == 0) return finish(inv, run_offline_command(inv));
     if (inv.is_fleet()) return run_fleet(inv);
     return run_single(inv);

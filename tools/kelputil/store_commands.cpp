@@ -1,0 +1,12 @@
+#include "fleet.h"
+#include "fleet_backup.h"
+#include "store_command.h"
+
+int run_store_command(const invocation& inv, char**) {
+    std::string cmd = inv.device_command();
+    if (cmd == "history") return run_fleet_history(inv);
+    if (cmd == "diff") return run_fleet_diff(inv);
+    return run_on_fleet(inv, [&](fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+        return run_fleet_backup(inv, runner, hosts);
+    });
+}

@@ -1,0 +1,45 @@
+#include <errno.h>
+#include <limits.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "outcome.h"
+#include "store_command.h"
+
+#ifndef KELP_STORE_HELPER_DIR
+#define KELP_STORE_HELPER_DIR "../libexec/kelputil"
+#endif
+
+namespace {
+
+const char helper_name[] = "kelputil-store";
+
+std::string own_folder() {
+    char path[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+    if (n <= 0) return "";
+    path[n] = '\0';
+    std::string p = path;
+    return p.substr(0, p.rfind('/'));
+}
+
+// Beside kelputil in a build tree; where the package puts it, relative to
+// kelputil's folder, once installed.
+std::string helper_path() {
+    std::string folder = own_folder();
+    for (std::string candidate : {folder + "/" + helper_name, folder + "/" KELP_STORE_HELPER_DIR "/" + helper_name})
+        if (access(candidate.c_str(), X_OK) == 0) return candidate;
+    return folder + "/" KELP_STORE_HELPER_DIR "/" + helper_name;
+}
+
+}  // namespace
+
+int run_store_command(const invocation& inv, char** argv) {
+    std::string path = helper_path();
+    execv(path.c_str(), argv);
+    int err = errno;
+    print_outcome(local_failure("fleet " + inv.device_command() + " needs " + helper_name + ", which cannot run (" +
+                                path + ": " + strerror(err) + "): reinstall kelputil"),
+                  inv.json, inv.quiet);
+    return exit_usage;
+}
