@@ -2,7 +2,7 @@
 """Measuring helper for bench/run.sh.
 
   measure.py pair RAW FIG [--count N] [--port P] [--server CMD] --client CMD
-             [--from-server] [--bytes N]
+             [--from-server] [--bytes N] [--round R]
       Starts CMD --server pinned to the last core, waits until it listens on
       P (read from /proc/net, never by connecting: the daemon serves exactly
       one connection), then runs --client pinned to core 0. One JSON record
@@ -10,7 +10,8 @@
       server's with --from-server), CPU time and peak RSS of each side (their
       waited-for children included), with --rss the server's peak resident
       size (its helpers' too), and throughput when the client prints
-      kelputil's or iperf3's JSON.
+      kelputil's or iperf3's JSON. --round tags the record, so that runs
+      of one round can be set against each other.
   measure.py put RAW FIG METRIC VALUE
   measure.py strace RAW FIG FILE BYTES      successful syscalls per 1462-byte frame
   measure.py gbench RAW FILE                Google Benchmark JSON -> MB/s
@@ -124,7 +125,7 @@ def throughput(text):
 
 def pair(args):
     raw, fig = args[0], args[1]
-    opts = {"--count": "1", "--port": "0", "--server": "", "--client": "", "--bytes": "0"}
+    opts = {"--count": "1", "--port": "0", "--server": "", "--client": "", "--bytes": "0", "--round": ""}
     from_server = rss = False
     i = 2
     while i < len(args):
@@ -144,6 +145,8 @@ def pair(args):
     failures = 0
     for _ in range(int(opts["--count"])):
         rec = {"fig": fig}
+        if opts["--round"]:
+            rec["round"] = int(opts["--round"])
         t0 = time.monotonic()
         spid = None
         if server:
@@ -231,6 +234,15 @@ def metric(recs, fig, m):
     return statistics.median(vals) if vals else None
 
 
+def paired_ratios(recs, fig, base_fig, m):
+    """Each round's ours / baseline: both ran back to back on the same machine."""
+    by_round = {}
+    for r in recs:
+        if "round" in r and m in r and r["fig"] in (fig, base_fig):
+            by_round.setdefault(r["round"], {})[r["fig"]] = r[m]
+    return sorted(v[fig] / v[base_fig] for v in by_round.values() if fig in v and base_fig in v and v[base_fig])
+
+
 def fmt(v):
     if v is None:
         return "n/a"
@@ -252,9 +264,11 @@ def table(args):
         # The goal is set for the device's sending side (action 32) only.
         rows.append(("Throughput %s (%s), --window 64K, Mbit/s" % (d, what), get("thr_%s_ours" % d, "mbit"),
                      get("thr_%s_iperf_w" % d, "mbit"), "iperf3 -w 64K -l 128K", "pct",
-                     (">=", 0.90) if d == "rx" else None))
+                     (">=", 0.90) if d == "rx" else None,
+                     paired_ratios(recs, "thr_%s_ours" % d, "thr_%s_iperf_w" % d, "mbit")))
         rows.append(("  both with the kernel's buffers", get("thr_%s_ours_auto" % d, "mbit"),
-                     get("thr_%s_iperf" % d, "mbit"), "iperf3", "pct", None))
+                     get("thr_%s_iperf" % d, "mbit"), "iperf3", "pct", None,
+                     paired_ratios(recs, "thr_%s_ours_auto" % d, "thr_%s_iperf" % d, "mbit")))
         rows.append(("  Mbit per CPU-second, both sides", get("thr_%s_ours" % d, "mbit_per_cpu"),
                      get("thr_%s_iperf_w" % d, "mbit_per_cpu"), "iperf3 -w 64K -l 128K", "pct", None))
     for fig, label, size in (("fw", "Firmware upload 32 MiB", 32 << 20), ("backup", "Backup 512 KiB", 512 << 10)):
@@ -298,26 +312,34 @@ def table(args):
 
     out = []
     lines = ["| figure | ours | baseline | ratio | goal |", "|---|---:|---:|---:|---|"]
-    for label, ours, base, base_name, style, goal in rows:
-        ratio = ours / base if ours is not None and base else None
+    for label, ours, base, base_name, style, goal, *paired in rows:
+        pairs = paired[0] if paired else []
+        # Paired runs: the median of their ratios, not the ratio of medians.
+        ratio = statistics.median(pairs) if pairs else ours / base if ours is not None and base else None
         rtext = "" if ratio is None else ("%.0f%%" % (ratio * 100) if style == "pct" else "%.2fx" % ratio)
+        if pairs:
+            rtext += " (%.0f-%.0f%%, %d pairs)" % (pairs[0] * 100, pairs[-1] * 100, len(pairs))
         gtext = ""
         met = None
         if goal and ratio is not None:
             met = ratio >= goal[1] if goal[0] == ">=" else ratio <= goal[1]
             bound = "%.0f%%" % (goal[1] * 100) if style == "pct" else "%.2fx" % goal[1]
             gtext = "%s %s: %s" % ("≥" if goal[0] == ">=" else "≤", bound, "met" if met else "MISSED")
+            if pairs:
+                held = sum(1 for p in pairs if (p >= goal[1] if goal[0] == ">=" else p <= goal[1]))
+                gtext += " (%d of %d pairs)" % (held, len(pairs))
             if style == "pct" and goal[1] < 0.1:
                 rtext, gtext = "%.1f%%" % (ratio * 100), gtext.replace("%.0f%%" % (goal[1] * 100), "%g%%" % (goal[1] * 100))
         btext = "" if base is None else "%s (%s)" % (fmt(base), base_name)
         lines.append("| %s | %s | %s | %s | %s |" % (label.strip() if not label.startswith("  ") else "↳ " + label.strip(),
                                                     fmt(ours), btext, rtext, gtext))
         out.append({"figure": label.strip(), "ours": ours, "baseline": base, "baseline_tool": base_name,
-                    "ratio": ratio, "goal_met": met})
+                    "ratio": ratio, "pair_ratios": pairs, "goal_met": met})
     notes = sorted({"%s: %s" % (r["fig"], r["top"]) for r in recs if "top" in r})
     loads = [r["load"] for r in recs if "load" in r]
     json.dump({"rows": out, "top_syscalls": notes, "load_average_1min": loads,
-               "settings": {k: os.environ.get(k) for k in ("BENCH_REPEAT", "BENCH_SECONDS", "BENCH_SESSIONS")}},
+               "settings": {k: os.environ.get(k) for k in ("BENCH_REPEAT", "BENCH_THR_REPEAT", "BENCH_THR_SECONDS",
+                                                                 "BENCH_SESSIONS")}},
               open(args[1], "w"), indent=1)
     print("\n".join(lines))
     print("\nMost frequent system calls (strace -c, one run):")

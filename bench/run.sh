@@ -3,12 +3,14 @@
 # openssl, /bin/true) in a private network and mount namespace, and prints one
 # table of medians and ratios; a copy goes to <build>/bench/results.json.
 #   bash bench/run.sh
-# Environment: BENCH_REPEAT (3), BENCH_SECONDS per throughput run (10),
-# BENCH_SESSIONS (200), BENCH_FLEET routers (200), BENCH_BUILD (build-bench).
+# Environment: BENCH_REPEAT (3), BENCH_THR_REPEAT throughput rounds (7),
+# BENCH_THR_SECONDS per throughput run (5), BENCH_SESSIONS (200), BENCH_FLEET
+# routers (200), BENCH_BUILD (build-bench).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
-export BENCH_REPEAT=${BENCH_REPEAT:-3} BENCH_SECONDS=${BENCH_SECONDS:-10} BENCH_SESSIONS=${BENCH_SESSIONS:-200}
+export BENCH_REPEAT=${BENCH_REPEAT:-3} BENCH_SESSIONS=${BENCH_SESSIONS:-200}
+export BENCH_THR_REPEAT=${BENCH_THR_REPEAT:-7} BENCH_THR_SECONDS=${BENCH_THR_SECONDS:-5}
 export BENCH_BUILD=${BENCH_BUILD:-$ROOT/build-bench} BENCH_FLEET=${BENCH_FLEET:-200}
 B=$BENCH_BUILD
 PY=/usr/bin/python3  # Debian's, which still has the crypt module
@@ -30,7 +32,7 @@ if [[ ${1:-} != --inside ]]; then
   # The simulator is not needed here; only what is measured is built.
   cmake -S . -B "$B" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELP_BENCH=ON -DKELP_TESTS=OFF \
     -DKELP_CLIENT=ON >/dev/null
-  ninja -C "$B" kelputild kelputil kelp-router bundle_bench bench_upload >"$B/build.log" ||
+  ninja -C "$B" kelputild kelputil kelputil-store kelp-router bundle_bench bench_upload >"$B/build.log" ||
     { cat "$B/build.log"; exit 1; }
   exec timeout 1200 unshare -m -n --propagation private bash "$ROOT/bench/run.sh" --inside
 fi
@@ -64,7 +66,6 @@ cd "$W"
 D=$B/src/kelputild
 C=$B/tools/kelputil
 U=$B/bench/bench_upload  # kelputil caps uploads at 512 KiB, firmware included
-S=$BENCH_SECONDS
 RAW=$B/bench/raw.jsonl
 mkdir -p "$B/bench"
 : >"$RAW"
@@ -76,17 +77,31 @@ KEY=$ROOT/src/core/default_cert/key.pem
 sock() { echo "socat -u $1 $2"; }
 step() { printf '%s %s\n' "$(date +%T)" "$*" >&2; }
 
-step "throughput: ${BENCH_REPEAT} x (daemon with 64K and default buffers, iperf3 alike) x rx/tx, ${S} s each"
-for r in $(seq "$BENCH_REPEAT"); do
+# Throughput swings with whatever else the machine does: ours and iperf3's
+# runs alternate within each round (which goes first alternates too), so that
+# each round's pair saw the same machine, and the table gives the median of
+# the pairs' ratios with their spread.
+TR=$BENCH_THR_REPEAT TS=$BENCH_THR_SECONDS
+step "throughput: ${TR} rounds x rx/tx x (daemon, iperf3) x (64K, default buffers), ${TS} s each"
+thr_ours() {  # round, direction, figure suffix, window option
+  $M pair "$RAW" "thr_${2}_ours$3" --round "$1" --port 856 --server "$D" \
+    --client "$C --json --plain throughput $4 $2 $TS"
+}
+thr_iperf() {  # round, direction, figure suffix, window options
+  local rev=""
+  [[ $2 == rx ]] && rev=-R  # rx: the server side (the device) sends
+  $M pair "$RAW" "thr_${2}_iperf$3" --round "$1" --port 5201 --server "iperf3 -s -1 -p 5201" \
+    --client "iperf3 -c 127.0.0.1 -p 5201 -t $TS $4 $rev -J"
+}
+for r in $(seq "$TR"); do
   for d in rx tx; do
-    rev=""
-    [[ $d == rx ]] && rev=-R  # rx: the server side (the device) sends
-    $M pair "$RAW" "thr_${d}_ours" --port 856 --server "$D" --client "$C --json --plain throughput --window 64K $d $S"
-    $M pair "$RAW" "thr_${d}_ours_auto" --port 856 --server "$D" --client "$C --json --plain throughput $d $S"
-    $M pair "$RAW" "thr_${d}_iperf_w" --port 5201 --server "iperf3 -s -1 -p 5201" \
-      --client "iperf3 -c 127.0.0.1 -p 5201 -t $S -w 64K -l 128K $rev -J"
-    $M pair "$RAW" "thr_${d}_iperf" --port 5201 --server "iperf3 -s -1 -p 5201" \
-      --client "iperf3 -c 127.0.0.1 -p 5201 -t $S $rev -J"
+    if ((r % 2)); then
+      thr_ours "$r" $d "" "--window 64K"; thr_iperf "$r" $d _w "-w 64K -l 128K"
+      thr_ours "$r" $d _auto ""; thr_iperf "$r" $d "" ""
+    else
+      thr_iperf "$r" $d _w "-w 64K -l 128K"; thr_ours "$r" $d "" "--window 64K"
+      thr_iperf "$r" $d "" ""; thr_ours "$r" $d _auto ""
+    fi
   done
 done
 
