@@ -310,10 +310,35 @@ deb)
     said=$(timeout 10 "$tool" --version) || fail "kelputil --version fails"
     [[ $said == *"$version"* ]] || fail "kelputil --version says '$said', not $version"
   fi
+  # The man page as man shows it: its sections, every command, and every
+  # option that any command's --help lists.
   man=$(gzip -dc "$root/usr/share/man/man1/kelputil.1.gz") || fail "the man page is not gzip"
-  [[ $man == *'.TH KELPUTIL "1"'*"kelputil $version"* ]] || fail "the man page has no title line for kelputil $version"
-  [[ $man == *'.SH NAME'*'kelputil \-'* ]] || fail "the man page has no NAME section"
-  [[ $man == *put\\-script* ]] || fail "the man page does not show the tool's help"
+  [[ $man == *'.TH "kelputil" "1" '*"\"kelputil $version\""* ]] || fail "the man page has no title line for kelputil $version"
+  page=$(MANWIDTH=100 timeout 20 man --warnings -l "$root/usr/share/man/man1/kelputil.1.gz" 2>"$work/man.err") ||
+    fail "man cannot show the page: $(cat "$work/man.err")"
+  [[ ! -s $work/man.err ]] || fail "man warns about the page: $(cat "$work/man.err")"
+  for section in NAME SYNOPSIS DESCRIPTION 'GLOBAL OPTIONS' COMMANDS INVENTORY PATTERNS ENVIRONMENT FILES \
+    'EXIT STATUS' EXAMPLES SECURITY; do
+    grep -qx "$section" <<<"$page" || fail "the man page has no $section section"
+  done
+  words=" $(tr -s '[:space:],[]/$' ' ' <<<"$page") "
+  for word in check apply reboot backup restore get-script put-script report ppp hotspot kick-ppp kick-hotspot \
+    kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet history diff help \
+    KELPUTIL_PASSWORD KELP_INVENTORY XDG_CONFIG_HOME HOME COLUMNS known_hosts '~regex' 'a:&b' 'a:!b' group[N] \
+    group[A:B]; do
+    want=$(tr -s '[]' ' ' <<<"$word")
+    [[ $words == *" ${want% } "* ]] || fail "the man page does not name $word"
+  done
+  options() { timeout 10 "$tool" "$@" --help | grep -o -- ' --\?[a-zA-Z][a-z-]*' | sort -u; }
+  mapfile -t commands < <(timeout 10 "$tool" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z-]*\) .*/\1/p')
+  mapfile -t fleet_commands < <(timeout 10 "$tool" fleet --help | sed -n '/^Commands:/,/^$/s/^  \([a-z-]*\) .*/\1/p')
+  ((${#commands[@]} > 15 && ${#fleet_commands[@]} > 15)) || fail "--help lists no commands to check"
+  for command in "${commands[@]}" "${fleet_commands[@]/#/fleet }"; do
+    [[ $words == *" ${command#fleet } "* ]] || fail "the man page does not name the command $command"
+    for option in $(options $command); do
+      [[ $words == *" $option "* ]] || fail "the man page does not show $command's option $option"
+    done
+  done
 
   # Completion as bash would ask for it, from a folder with known entries.
   script=$root/usr/share/bash-completion/completions/kelputil
