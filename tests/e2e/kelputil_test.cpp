@@ -97,6 +97,9 @@ TEST_F(kelputil, careless_use) {
           "--timeout: '0' is out of range", "SECONDS: '100000' is out of range",
           "usage: kelputil throughput [OPTIONS] DIRECTION [SECONDS]"}},
         {"kelputil bakup x", 1, {"'bakup' is not a kelputil command. Did you mean 'backup'?"}},
+        {"kelputil help fleet backup > a && kelputil fleet backup --help > b && cmp a b && cat a", 0,
+         {"Usage: kelputil fleet backup [OPTIONS]", "--scripts"}},
+        {"kelputil help fleet bakup", 1, {"'bakup' is not a kelputil fleet command. Did you mean 'backup'?"}},
         // Checked here first: nothing travels that the device would refuse.
         {"cp good bad.dat && printf X | dd of=bad.dat bs=1 seek=2000 conv=notrunc 2>/dev/null && kelputil restore bad.dat",
          1, {"bad.dat: bundle digest check failed", "nothing was sent"}},
