@@ -1,5 +1,9 @@
 #include "json_bytes.h"
 
+#include <stdint.h>
+
+#include <algorithm>
+
 using nlohmann::json;
 
 bool valid_utf8(const std::string& s) {
