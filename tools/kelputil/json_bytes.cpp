@@ -6,13 +6,20 @@
 
 using nlohmann::json;
 
+// Strict UTF-8, as JSON readers take it: no overlong forms, no surrogates,
+// nothing above U+10FFFF.
 bool valid_utf8(const std::string& s) {
     size_t i = 0;
     while (i < s.size()) {
         unsigned char c = (unsigned char)s[i];
-        size_t n = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 9;
-        if (n == 9 || (n && c < 0xC2) || i + n >= s.size() + (n ? 0 : 1)) return false;
-        for (size_t k = 1; k <= n; k++)
+        size_t n = c < 0x80 ? 0 : c < 0xC2 ? 9 : c < 0xE0 ? 1 : c < 0xF0 ? 2 : c < 0xF5 ? 3 : 9;
+        if (n == 9 || i + n >= s.size() + (n ? 0 : 1)) return false;
+        // The second byte's range narrows for the first bytes that could start an invalid form.
+        unsigned char second = (unsigned char)s[i + (n ? 1 : 0)];
+        unsigned char low = c == 0xE0 ? 0xA0 : c == 0xF0 ? 0x90 : 0x80;
+        unsigned char high = c == 0xED ? 0x9F : c == 0xF4 ? 0x8F : 0xBF;
+        if (n && (second < low || second > high)) return false;
+        for (size_t k = 2; k <= n; k++)
             if (((unsigned char)s[i + k] >> 6) != 2) return false;
         i += n + 1;
     }
