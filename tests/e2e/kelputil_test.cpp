@@ -101,6 +101,9 @@ TEST_F(kelputil, careless_use) {
           "--timeout: '0' is out of range", "SECONDS: '100000' is out of range",
           "usage: kelputil throughput [OPTIONS] DIRECTION [SECONDS]"}},
         {"kelputil bakup x", 1, {"'bakup' is not a kelputil command. Did you mean 'backup'?"}},
+        {"kelputil help fleet backup > a && kelputil fleet backup --help > b && cmp a b && cat a", 0,
+         {"Usage: kelputil fleet backup [OPTIONS]", "--scripts"}},
+        {"kelputil help fleet bakup", 1, {"'bakup' is not a kelputil fleet command. Did you mean 'backup'?"}},
         // Checked here first: nothing travels that the device would refuse.
         {"cp good bad.dat && printf X | dd of=bad.dat bs=1 seek=2000 conv=notrunc 2>/dev/null && kelputil restore bad.dat",
          1, {"bad.dat: bundle digest check failed", "nothing was sent"}},
@@ -145,7 +148,13 @@ TEST_F(kelputil, json_schema) {
         {"kelputil --json ppp", 0, {"/data/0:name,type,interface,remote,cbq_rule", "/data/1/cbq_rule=null"}},
         // A name that is not UTF-8 (Latin-1 ö) still makes valid JSON.
         {"printf 'J\\366rg|10.0.0.9|00:11:22:33:44:77|1|2|3|4\\n' >> /run/sim/hotspot && kelputil --json hotspot", 0,
-         {"/data/0:user,ip,mac,bytes_in,bytes_out,session_s,idle_s", "/data/2/user=\"J\xC3\xB6rg\""}},
+         {"/data/0:user,ip,mac,bytes_in,bytes_out,session_s,idle_s", "/data/2/user=\"J\xC3\xB6rg\"", "/data/2/user_base64=\"SvZyZw==\""}},
+        // Bytes that are not UTF-8 come back exactly from the base64 beside their Latin-1 reading.
+        {"printf 'a\\377b\\n' > odd.scr && kelputil -q put-script fw odd.scr && kelputil --json get-script fw > got && "
+         "sed -n 's/.*\"text_base64\":\"\\([^\"]*\\)\".*/\\1/p' got | base64 -d | cmp - odd.scr && cat got",
+         0, {"/data/text=\"a\xC3\xBF" "b\\n\"", "/data/text_base64=\"Yf9iCg==\""}},
+        {"kelputil --json bundle-verify \"$(printf 'n\\377')\"", 1,
+         {"/message_base64=\"Y2Fubm90IHJlYWQgbv86IE5vIHN1Y2ggZmlsZSBvciBkaXJlY3Rvcnk=\""}},
         {"kelputil --json kick-ppp nobody", 16, {"/code=6", "/data:user"}},
         {"kelputil --json kick-ip 10.0.0.9", 0, {"/data:address"}},
         {"head -c 5000 /dev/zero > fw.bin && kelputil --json firmware fw.bin", 0,

@@ -79,6 +79,7 @@ struct command_line {
     // Values kept as text until the validators have passed.
     std::string port, timeout = "15", seconds = "10", window, jobs = "16", settle = "120";
     bool tls = false, apply = false, reboot = false;
+    std::vector<std::string> help_words;  // listed for --help; help_for reads argv
 
     explicit command_line(invocation& i) : inv(i) {}
 };
@@ -242,32 +243,66 @@ size_t distance(const std::string& a, const std::string& b) {
     return row[b.size()];
 }
 
-// The first word that is not an option or an option's value: the command.
-std::string typed_command(int argc, char** argv) {
+// Where the first word that is not an option or an option's value, the
+// command, is in argv; argc when there is none.
+int typed_command_at(int argc, char** argv) {
     static const char* const with_value[] = {"-H", "--host", "-p", "--port", "--pin", "--known-hosts",
                                              "--password-file", "--timeout"};
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
-        if (a.empty() || a[0] != '-') return a;
+        if (a.empty() || a[0] != '-') return i;
         if (std::find(std::begin(with_value), std::end(with_value), a) != std::end(with_value)) i++;
     }
-    return "";
+    return argc;
 }
 
-std::string unknown_command(CLI::App& app, const std::string& typed) {
+// path: the command typed so far ("" or "fleet"), for the message.
+std::string unknown_command(CLI::App& app, const std::string& typed, const std::string& path = "") {
     std::string best;
     size_t best_distance = 3;
     for (const CLI::App* sub : app.get_subcommands({})) {
         size_t d = distance(typed, sub->get_name());
         if (d < best_distance) best = sub->get_name(), best_distance = d;
     }
-    return "'" + typed + "' is not a kelputil command." + (best.empty() ? "" : " Did you mean '" + best + "'?") +
-           " (kelputil --help lists them)";
+    std::string kelputil = "kelputil" + (path.empty() ? "" : " " + path);
+    return "'" + typed + "' is not a " + kelputil + " command." + (best.empty() ? "" : " Did you mean '" + best + "'?") +
+           " (" + kelputil + " --help lists them)";
 }
 
 int usage_error(const invocation& inv, const std::string& message, const std::string& usage) {
     print_usage_error(inv.json, message, usage);
     return 1;
+}
+
+// "kelputil help fleet backup" is "kelputil fleet backup --help": the words
+// after help, each a command of the one before, become that command line.
+int help_for(command_line& c, int argc, char** argv, int at) {
+    std::vector<std::string> args(argv, argv + at);
+    CLI::App* level = &c.app;
+    std::string path;
+    for (int i = at + 1; i < argc; i++) {
+        std::string word = argv[i];
+        if (!word.empty() && word[0] == '-') continue;
+        CLI::App* sub = nullptr;
+        for (CLI::App* s : level->get_subcommands({})) sub = s->get_name() == word ? s : sub;
+        if (!sub)
+            return usage_error(c.inv,
+                               level->get_subcommands({}).empty() ? "kelputil " + path + " has no command '" + word + "'"
+                                                                  : unknown_command(*level, word, path),
+                               "kelputil help [COMMAND [SUBCOMMAND]]");
+        args.push_back(word);
+        path += (path.empty() ? "" : " ") + word;
+        level = sub;
+    }
+    args.push_back("--help");
+    std::vector<char*> line;
+    for (std::string& a : args) line.push_back(a.data());
+    try {
+        c.app.parse((int)line.size(), line.data());
+    } catch (const CLI::ParseError& e) {
+        return c.app.exit(e);
+    }
+    return 0;
 }
 
 // Text options become numbers once checked.
@@ -315,8 +350,12 @@ int parse_command_line(int argc, char** argv, invocation* out) {
     add_device_commands(c, c.app, false);
     add_offline_commands(c);
     add_fleet(c);
+    add_command(c.app, "help", "show a command's help: help [COMMAND [SUBCOMMAND]]")
+        ->add_option("COMMAND", c.help_words, "a command, and for fleet one of its commands");
     c.app.footer(std::string("\n") + footer + "\n");  // the main help only: subcommands exist already
-    std::string typed = typed_command(argc, argv);
+    int at = typed_command_at(argc, argv);
+    std::string typed = at < argc ? argv[at] : "";
+    if (typed == "help") return help_for(c, argc, argv, at);
     if (!typed.empty()) {
         bool known = false;
         for (const CLI::App* sub : c.app.get_subcommands({})) known = known || sub->get_name() == typed;

@@ -2,6 +2,8 @@
 
 #include <stdio.h>
 
+#include "json_bytes.h"
+
 int exit_status(const kelp::status& s) {
     using kelp::error_kind;
     switch (s.kind) {
@@ -58,34 +60,9 @@ json outcome_json(const outcome& o) {
             {"data", o.data}};
 }
 
-std::string json_line(const json& j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
+std::string json_line(const json& j) { return printable(j).dump(-1, ' ', false, json::error_handler_t::replace); }
 
-static bool valid_utf8(const std::string& s) {
-    size_t i = 0;
-    while (i < s.size()) {
-        unsigned char c = (unsigned char)s[i];
-        size_t n = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 9;
-        if (n == 9 || (n && c < 0xC2) || i + n >= s.size() + (n ? 0 : 1)) return false;
-        for (size_t k = 1; k <= n; k++)
-            if (((unsigned char)s[i + k] >> 6) != 2) return false;
-        i += n + 1;
-    }
-    return true;
-}
-
-std::string json_text(const std::string& bytes) {
-    if (valid_utf8(bytes)) return bytes;
-    std::string out;
-    for (unsigned char c : bytes) {
-        if (c < 0x80) {
-            out += (char)c;
-        } else {
-            out += (char)(0xC0 | (c >> 6));
-            out += (char)(0x80 | (c & 0x3F));
-        }
-    }
-    return out;
-}
+std::string json_text(const std::string& bytes) { return bytes; }
 
 json json_lines(const std::string& text) {
     json lines = json::array();

@@ -33,12 +33,11 @@ outcome failure(const kelp::status& s, json data = nullptr);
 outcome local_failure(const std::string& message);
 
 json outcome_json(const outcome& o);
-// One line of JSON. Text that is not UTF-8 was made into JSON strings by
-// json_text before it got here.
+// One line of JSON: strings that are not UTF-8 shown as Latin-1, with their
+// exact bytes beside them in base64 (json_bytes.h).
 std::string json_line(const json& j);
-// Bytes from a device or a file as a JSON string: UTF-8 as it is, anything
-// else read as Latin-1 (the routers' own character set), so that no byte is
-// dropped and the JSON stays valid.
+// Bytes from a device or a file for a JSON string: kept exactly as they are,
+// for json_line to show.
 std::string json_text(const std::string& bytes);
 // Text as a JSON array of its lines (without their newlines).
 json json_lines(const std::string& text);
