@@ -14,9 +14,13 @@ int run_fleet(const invocation& inv) {
     inventory hosts_file;
     std::vector<const inventory_host*> hosts;
     fleet_runner runner(inv);
-    // Nothing runs on a bad inventory, an empty selection or a missing password.
+    // Nothing runs on a bad inventory, an empty selection, a folder for the
+    // hosts' files that cannot be made, or a missing password.
     kelp::status st = load_inventory(inv.inventory, &hosts_file);
     if (st) st = select_hosts(hosts_file, inv.limit, &hosts);
+    std::vector<std::string> names;
+    for (const inventory_host* h : hosts) names.push_back(h->name);
+    if (st) st = make_host_folders(inv, names);
     if (st) st = runner.check_passwords(hosts);
     if (!st) {
         print_outcome(failure(st), inv.json, inv.quiet);
