@@ -33,14 +33,17 @@ std::string errno_text(const char* what) { return std::string(what) + ": " + str
 // Forms of address an operator may well try that the router cannot take:
 // it listens on IPv4 only, and the port is given on its own.
 status check_address_form(const std::string& host) {
-    std::string bare = host.size() > 2 && host.front() == '[' && host.back() == ']' ? host.substr(1, host.size() - 2) : host;
+    bool bracketed = host.size() > 2 && host.front() == '[';
+    std::string bare = bracketed ? host.substr(1, host.find(']') - 1) : host;
     in6_addr ipv6;
-    if (host[0] == '[' || inet_pton(AF_INET6, bare.c_str(), &ipv6) == 1)
-        return fail(error_kind::local, host + " is an IPv6 address: the router speaks IPv4 only; give its IPv4 address or name");
+    if (bracketed || inet_pton(AF_INET6, bare.c_str(), &ipv6) == 1)
+        return fail(error_kind::local,
+                    host + " is an IPv6 address: the router speaks IPv4 only; give its IPv4 address or name");
     size_t colon = host.rfind(':');
-    if (colon != std::string::npos)
-        return fail(error_kind::local, host + " looks like HOST:PORT: give the host alone and the port on its own (-H " +
-                                           host.substr(0, colon) + " -p " + host.substr(colon + 1) +
+    if (colon != std::string::npos && colon + 1 < host.size() &&
+        host.find_first_not_of("0123456789", colon + 1) == std::string::npos)
+        return fail(error_kind::local, host + " looks like HOST:PORT: give the host alone and the port on its own " +
+                                           "(-H " + host.substr(0, colon) + " -p " + host.substr(colon + 1) +
                                            ", or port= in an inventory)");
     return ok();
 }

@@ -133,8 +133,10 @@ void add_device_commands(command_line& c, CLI::App& parent, bool fleet) {
     fw->add_option("IMAGE", inv.file, "the firmware image")->required();
     fw->add_flag("--upgrade", inv.upgrade, "start the flash upgrade and follow it");
     if (fleet) {
-        fw->add_option("--canary", inv.canary, "hosts upgraded first, one after another")->check(whole_number(0, 1000, "canary count"));
-        fw->add_option("--batch", inv.batch, "hosts upgraded at once after the canaries")->check(whole_number(1, 256, "batch size"));
+        fw->add_option("--canary", inv.canary, "hosts upgraded first, one after another")
+            ->check(whole_number(0, 1000, "canary count"));
+        fw->add_option("--batch", inv.batch, "hosts upgraded at once after the canaries")
+            ->check(whole_number(1, 256, "batch size"));
         fw->add_option("--settle", c.settle, "how long a host may take to answer again after its upgrade")
             ->check(duration(1000, 3600 * 1000));
         fw->add_flag("--dry-run", inv.dry_run, "show the plan and touch nothing");
@@ -274,7 +276,7 @@ std::string unknown_option(CLI::App* at, const std::string& typed) {
     for (; at; at = at->get_parent())
         for (const CLI::Option* o : at->get_options())
             for (const std::string& l : o->get_lnames()) names.push_back("--" + l);
-    std::string best = closest(typed, names);
+    std::string best = typed[1] == '-' ? closest(typed, names) : "";
     return "unknown option " + typed + (best.empty() ? "" : ". Did you mean " + best + "?") +
            " (kelputil --help lists them)";
 }
@@ -306,7 +308,7 @@ std::string misspelt_word(CLI::App& app, int argc, char** argv) {
         bool inline_value = a.find('=') != std::string::npos || (a[1] != '-' && a.size() > 2);
         std::string name = a[1] == '-' ? a.substr(0, a.find('=')) : a.substr(0, 2);
         const CLI::Option* o = option_at(at, name);
-        if (!o) return a[1] == '-' ? unknown_option(at, name) : "unknown option " + name + " (kelputil --help lists them)";
+        if (!o) return unknown_option(at, name);
         if (o->get_items_expected_min() > 0 && !inline_value) i++;  // its value
     }
     return "";

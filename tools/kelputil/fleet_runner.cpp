@@ -215,7 +215,10 @@ int fleet_runner::finish(const std::vector<host_result>& results, const std::str
                       " ok, " + std::to_string(failed_hosts.size()) + " failed" +
                       (untouched.empty() ? "" : ", " + std::to_string(untouched.size()) + " not touched") + ", in " +
                       seconds_text(elapsed);
-    summary.data = {{"hosts", results.size()}, {"succeeded", ok_hosts}, {"failed", failed_hosts}, {"seconds", json_seconds(elapsed)}};
+    summary.data = {{"hosts", results.size()},
+                    {"succeeded", ok_hosts},
+                    {"failed", failed_hosts},
+                    {"seconds", json_seconds(elapsed)}};
     if (!untouched.empty()) summary.data["not_touched"] = untouched;
     if (!extra.is_null()) summary.data.update(extra);
     if (s_->notes.first_contacts > 0 && !s_->inv.verbose)

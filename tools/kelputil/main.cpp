@@ -53,7 +53,8 @@ int run(int argc, char** argv) {
     int end = parse_command_line(argc, argv, &inv);
     if (end >= 0) return end;
     if (binary_to_terminal(inv))
-        return finish(inv, local_failure("binary output can mess up your terminal: redirect it (> FILE) or give a FILE"));
+        return finish(inv,
+                      local_failure("binary output can mess up your terminal: redirect it (> FILE) or give a FILE"));
     remember_umask();
     remove_temporaries_on_signals();
     if (inv.command.rfind("bundle-", 0) == 0) return finish(inv, run_offline_command(inv));
