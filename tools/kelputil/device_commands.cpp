@@ -194,13 +194,13 @@ outcome throughput(const invocation& inv, const kelp::target& t, reporter& r) {
         if (now - last_t < 0.05 && !intervals.empty()) return;  // a sliver at the end adds nothing
         r.interval(last_t, now, moved - last_bytes);
         double mbit = now > last_t ? (moved - last_bytes) * 8 / (now - last_t) / 1e6 : 0;
-        intervals.push_back({{"start", last_t}, {"end", now}, {"bytes", moved - last_bytes}, {"mbit_per_s", mbit}});
+        intervals.push_back({{"start", json_seconds(last_t)}, {"end", json_seconds(now)}, {"bytes", moved - last_bytes}, {"mbit_per_s", mbit}});
         last_t = now;
         last_bytes = moved;
     };
     status st = kelp::throughput(t, rx, inv.seconds_ms / 1000.0, inv.flags, &result, tick, inv.window);
     if (!st) return failure(st);
-    json summary = {{"bytes", result.bytes}, {"seconds", result.seconds}, {"mbit_per_s", result.mbit_per_s()}};
+    json summary = {{"bytes", result.bytes}, {"seconds", json_seconds(result.seconds)}, {"mbit_per_s", result.mbit_per_s()}};
     char text[160];
     snprintf(text, sizeof text, "%s: %llu bytes in %.2f s = %.1f Mbit/s", rx ? "device to us" : "us to device",
              (unsigned long long)result.bytes, result.seconds, result.mbit_per_s());

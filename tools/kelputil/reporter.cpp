@@ -134,8 +134,8 @@ void json_reporter::upgrade_line(const std::string& line) {
 
 void json_reporter::interval(double start, double end, uint64_t bytes) {
     printf("%s\n", json_line({{"event", "interval"},
-                              {"start", start},
-                              {"end", end},
+                              {"start", json_seconds(start)},
+                              {"end", json_seconds(end)},
                               {"bytes", bytes},
                               {"mbit_per_s", mbit_per_s(bytes, end - start)}})
                        .c_str());
