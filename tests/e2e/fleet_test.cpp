@@ -43,10 +43,11 @@ TEST_F(fleet, one_command_on_every_host) {
              0, {"700\nrouter1.scr\nrouter2.scr\n"}},
             {"touch f && kelputil fleet --limit router3 get-script fw 'f/{host}.scr'", 1,
              {"cannot create the folder f: Not a directory", "!refused"}},
-            // The prompt comes once, before the status line and the hosts' clocks.
-            {"unset KELPUTIL_PASSWORD; (sleep 2; echo pw) | script -qfec 'kelputil fleet --limit router1 check' /dev/null "
-             "> tty; echo first: $(tr '\\r' '\\n' < tty | grep -m1 -e 'password:' -e 'fleet:'); cat tty",
-             0, {"first: admin password:", "router1  ok        0."}},
+            // The prompt comes once, before the status line and the hosts' clocks;
+            // findings start on a line of their own, the status line cleared.
+            {"unset KELPUTIL_PASSWORD; (sleep 2; echo pw) | script -qfec 'kelputil fleet --limit router1 report core' "
+             "/dev/null > tty; echo first: $(tr '\\r' '\\n' < tty | grep -m1 -e 'password:' -e 'fleet:'); cat tty",
+             0, {"first: admin password:", "router1  ok        0.", "\rrouter1: model: simulated kelp-v3 router"}},
             // A bad inventory or a missing password: nothing runs.
             {"printf '[routers]\\nrouter1 ansible_host=198.18.0.2 port=85x\\n' > bad.ini && kelputil fleet -i bad.ini check",
              1, {"bad.ini:2: port=85x is not a port"}},
