@@ -19,23 +19,35 @@ TEST_F(fleet, one_command_on_every_host) {
             {"echo $KELP_INVENTORY; head -2 $KELP_INVENTORY; tail -1 $KELP_INVENTORY", 0,
              {"sim/fleet.ini\n[routers]\nrouter1 ansible_host=198.18.0.2\nrouter50 ansible_host=198.18.0.51\n"}},
             {"kelputil --json fleet --timeout 5 check > out; r=$?; grep -c '\"ok\":true' out; "
-             "grep '\"host\":\"router3\"' out; grep '\"host\":\"router5\"' out; grep '\"host\":\"router7\"' out; "
+             "grep -c 'seconds\":[0-9]*\\.[0-9]\\{4\\}' out; grep '\"host\":\"router3\"' out; grep '\"host\":\"router5\"' out; grep '\"host\":\"router7\"' out; "
              "tail -1 out; exit $r",
              20,
-             {"\n47\n", "\"exit\":3,\"host\":\"router3\",\"message\":\"198.18.0.4:857 refused the connection",
+             {"\n47\n0\n", "\"exit\":3,\"host\":\"router3\",\"message\":\"198.18.0.4:857 refused the connection",
               "\"exit\":3,\"host\":\"router5\",\"message\":\"198.18.0.6:857 accepted the connection but sent no greeting",
               "\"exit\":2,\"host\":\"router7\"", "/data/failed=[\"router3\",\"router5\",\"router7\"]", "/exit=20",
               "/data/hosts=50"}},
             // People get a table; the silent host costs its time-out, not everyone's.
             {"kelputil fleet --timeout 5 --limit 'router[1-5]:!router2' -j 4 ppp", 20,
-             {"HOST     RESULT    TIME  MESSAGE\n", "router1  ok  ", "  2 PPP sessions\n", "router3  FAILED  ",
+             {"router1: NAME   TYPE   INTERFACE  REMOTE     CBQ_RULE\n", "router4: bob    pptp   ppp1       10.64.0.2  none\n",
+              "HOST     RESULT    TIME  MESSAGE\n", "router1  ok  ", "  2 PPP sessions\n", "router3  FAILED  ",
               "router5  FAILED    5.", "!router2 ", "fleet ppp: 4 hosts, 2 ok, 2 failed"}},
             {"kelputil --json fleet --limit 'router1:router2' report core", 0,
              {"\"lines\":[\"model: simulated kelp-v3 router\"", "/data/succeeded=[\"router1\",\"router2\"]"}},
-            // Files per host, or none at all.
+            {"kelputil fleet --limit router1 report core; kelputil fleet --limit router1 report core > /dev/full", 1,
+             {"router1: model: simulated kelp-v3 router\n", "fleet report: 1 host, 1 ok",
+              "kelputil: cannot write standard output: No space left on device"}},
+            // Files per host, or none at all; their folders made before any host is contacted.
             {"kelputil fleet --limit 'router1:router2' get-script fw same.scr", 1, {"must contain {host}"}},
-            {"kelputil -q fleet --limit 'router1:router2' get-script fw '{host}.scr' && ls *.scr", 0,
-             {"router1.scr\nrouter2.scr\n"}},
+            {"kelputil -q fleet --limit 'router1:router2' get-script fw 'scripts/{host}.scr' && stat -c %a scripts && "
+             "ls scripts",
+             0, {"700\nrouter1.scr\nrouter2.scr\n"}},
+            {"touch f && kelputil fleet --limit router3 get-script fw 'f/{host}.scr'", 1,
+             {"cannot create the folder f: Not a directory", "!refused"}},
+            // The prompt comes once, before the status line and the hosts' clocks;
+            // findings start on a line of their own, the status line cleared.
+            {"unset KELPUTIL_PASSWORD; (sleep 2; echo pw) | script -qfec 'kelputil fleet --limit router1 report core' "
+             "/dev/null > tty; echo first: $(tr '\\r' '\\n' < tty | grep -m1 -e 'password:' -e 'fleet:'); cat tty",
+             0, {"first: admin password:", "router1  ok        0.", "\rrouter1: model: simulated kelp-v3 router"}},
             // A bad inventory or a missing password: nothing runs.
             {"printf '[routers]\\nrouter1 ansible_host=198.18.0.2 port=85x\\n' > bad.ini && kelputil fleet -i bad.ini check",
              1, {"bad.ini:2: port=85x is not a port"}},

@@ -23,7 +23,7 @@ TEST_F(kelputil, every_command) {
         {"kelputil apply && until_in 'monitor: apply' /run/sim/events", 0, {"the device applies its settings"}},
         {"kelputil backup b.dat && stat -c %a b.dat", 0, {" bytes of configuration to b.dat\n600\n"}},
         // Offline: port 1 would refuse any connection.
-        {"kelputil -p 1 bundle-verify b.dat && kelputil -p 1 bundle-unpack b.dat b.tar && tar -tf b.tar", 0,
+        {"kelputil -p 1 bundle-verify b.dat && kelputil -p 1 bundle-unpack b.dat - | tar -tf -", 0,
          {"b.dat: bundle ok, ", "config/fw.scr"}},
         {"kelputil -q restore b.dat && cat /run/sim/events", 0, {"configuration installed"}},
         {"kelputil get-script fw fw.scr && echo 'iptables -A INPUT -j LOG' >> fw.scr && "
@@ -72,6 +72,13 @@ TEST_F(kelputil, careless_use) {
          "&& ls -a small; exit $r",
          1,
          {"cannot write small/b.dat: No space left on device", "\n.\n..\nb.dat\nfill\n"}},
+        {"kelputil get-script fw > small/fw.scr", 1, {"kelputil: cannot write standard output: No space left on device"}},
+        {"for c in 'report core' ppp hotspot '--json check'; do kelputil $c > /dev/full; echo \"status $?\"; done", 0,
+         {"kelputil: cannot write standard output: No space left on device\nstatus 1\n", "!status 0"}},
+        // Binary on a terminal: refused before connecting (port 1 would refuse).
+        {"script -qfec 'kelputil -p 1 backup -; echo status $?; kelputil bundle-unpack good -; echo status $?' /dev/null",
+         0, {"binary output can mess up your terminal: redirect it (> FILE) or give a FILE", "status 1", "!status 0",
+             "!refused"}},
         {"mkdir d; for c in 'restore d' 'put-script fw d' 'firmware d' 'bundle-verify d' 'bundle-pack d out' "
          "'backup d' 'bundle-unpack good d'; do kelputil $c; [ $? -eq 1 ] || echo BAD; done",
          0,
@@ -94,13 +101,30 @@ TEST_F(kelputil, careless_use) {
          {"has mode 0644, readable by others: chmod 600 open"}},
         {"grep -c 'authentication failed' /run/sim/messages", 1, {"0\n"}},
         {"for o in '-p 66392' '-p 856abc' '-p abc' '--timeout abc' '--timeout -1' '--timeout 0'; do kelputil $o check; "
-         "done; kelputil throughput rx 100000",
+         "done; kelputil fleet -i x firmware f --upgrade --batch 0; kelputil throughput rx 100000",
          1,
-         {"--port: '66392' is out of range: 1 to 65535", "--port: '856abc' is not a port",
+         {"--port: '66392' is out of range: 1 to 65535", "--batch: '0' is out of range: 1 to 256", "--port: '856abc' is not a port",
           "--port: 'abc' is not a port", "--timeout: 'abc' is not a duration", "--timeout: '-1' is not a duration",
           "--timeout: '0' is out of range", "SECONDS: '100000' is out of range",
           "usage: kelputil throughput [OPTIONS] DIRECTION [SECONDS]"}},
-        {"kelputil bakup x", 1, {"'bakup' is not a kelputil command. Did you mean 'backup'?"}},
+        {"for a in 'bakup x' '--password s3cret check' '--password=s3cret check' '--tiemout 5 check' 'check --jsn' "
+         "'-H 127.0.0.1 fleet -i x check' '-H 127.0.0.1:857 check' '-H [::1] check' '-H ::1 check'; do kelputil $a; "
+         "[ $? -eq 1 ] || echo BAD; done",
+         0,
+         {"'bakup' is not a kelputil command. Did you mean 'backup'?",
+          "kelputil: --password: the password never comes from the command line, where other users could read it: set "
+          "KELPUTIL_PASSWORD, give --password-file FILE, or run on a terminal to be asked\n",
+          "unknown option --tiemout. Did you mean --timeout?", "unknown option --jsn. Did you mean --json?",
+          "a fleet's hosts come from the inventory: leave out -H, or use --limit",
+          "127.0.0.1:857 looks like HOST:PORT: give the host alone and the port on its own (-H 127.0.0.1 -p 857",
+          "[::1] is an IPv6 address: the router speaks IPv4 only", "\nkelputil: ::1 is an IPv6 address", "!s3cret",
+          "!BAD"}},
+        {"kelputil -V", 0, {"kelputil 1.0.0\n"}},
+        // Only the default folder is made; a damaged trust file trusts nothing.
+        {"kelputil --known-hosts /run/nodir/kh check; r=$?; ls -d /run/nodir; exit $r", 1,
+         {"cannot use /run/nodir/kh: the folder /run/nodir does not exist", "No such file"}},
+        {"echo garbage > kh && kelputil --known-hosts kh check", 1,
+         {"kh:1 is not a known host (HOST:PORT and a SHA-256 of 64 hex digits): correct or delete that line"}},
         {"kelputil help fleet backup > a && kelputil fleet backup --help > b && cmp a b && cat a", 0,
          {"Usage: kelputil fleet backup [OPTIONS]", "--scripts"}},
         {"kelputil help fleet bakup", 1, {"'bakup' is not a kelputil fleet command. Did you mean 'backup'?"}},

@@ -134,8 +134,10 @@ void add_device_commands(command_line& c, CLI::App& parent, bool fleet) {
     fw->add_option("IMAGE", inv.file, "the firmware image")->required();
     fw->add_flag("--upgrade", inv.upgrade, "start the flash upgrade and follow it");
     if (fleet) {
-        fw->add_option("--canary", inv.canary, "hosts upgraded first, one after another")->check(CLI::Range(0, 1000));
-        fw->add_option("--batch", inv.batch, "hosts upgraded at once after the canaries")->check(CLI::Range(1, 256));
+        fw->add_option("--canary", inv.canary, "hosts upgraded first, one after another")
+            ->check(whole_number(0, 1000, "canary count"));
+        fw->add_option("--batch", inv.batch, "hosts upgraded at once after the canaries")
+            ->check(whole_number(1, 256, "batch size"));
         fw->add_option("--settle", c.settle, "how long a host may take to answer again after its upgrade")
             ->check(duration(1000, 3600 * 1000));
         fw->add_flag("--dry-run", inv.dry_run, "show the plan and touch nothing");
@@ -210,7 +212,7 @@ void add_global_options(command_line& c) {
     app.add_flag("--json", inv.json, "one JSON object per result (JSON lines while running)");
     app.add_flag("-q,--quiet", inv.quiet, "no progress, no message on success");
     app.add_flag("-v,--verbose", inv.verbose, "show the connection's steps");
-    app.set_version_flag("--version", "kelputil " KELP_VERSION);
+    app.set_version_flag("-V,--version", "kelputil " KELP_VERSION);
     app.fallthrough();
     app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.get_formatter()->label("TEXT", "VALUE");
@@ -256,17 +258,76 @@ int typed_command_at(int argc, char** argv) {
     return argc;
 }
 
-// path: the command typed so far ("" or "fleet"), for the message.
-std::string unknown_command(CLI::App& app, const std::string& typed, const std::string& path = "") {
+// The closest of names to typed, when it is close enough to be a typo.
+std::string closest(const std::string& typed, const std::vector<std::string>& names) {
     std::string best;
     size_t best_distance = 3;
-    for (const CLI::App* sub : app.get_subcommands({})) {
-        size_t d = distance(typed, sub->get_name());
-        if (d < best_distance) best = sub->get_name(), best_distance = d;
+    for (const std::string& name : names) {
+        size_t d = distance(typed, name);
+        if (d < best_distance) best = name, best_distance = d;
     }
+    return best;
+}
+
+// path: the command typed so far ("" or "fleet"), for the message.
+std::string unknown_command(CLI::App& app, const std::string& typed, const std::string& path = "") {
+    std::vector<std::string> names;
+    for (const CLI::App* sub : app.get_subcommands({})) names.push_back(sub->get_name());
+    std::string best = closest(typed, names);
     std::string kelputil = "kelputil" + (path.empty() ? "" : " " + path);
     return "'" + typed + "' is not a " + kelputil + " command." + (best.empty() ? "" : " Did you mean '" + best + "'?") +
            " (" + kelputil + " --help lists them)";
+}
+
+// The option called name where the parser stands: its own or a parent's
+// (options fall through to the commands above).
+const CLI::Option* option_at(CLI::App* at, const std::string& name) {
+    for (; at; at = at->get_parent())
+        if (const CLI::Option* o = at->get_option_no_throw(name)) return o;
+    return nullptr;
+}
+
+std::string unknown_option(CLI::App* at, const std::string& typed) {
+    std::vector<std::string> names;
+    for (; at; at = at->get_parent())
+        for (const CLI::Option* o : at->get_options())
+            for (const std::string& l : o->get_lnames()) names.push_back("--" + l);
+    std::string best = typed[1] == '-' ? closest(typed, names) : "";
+    return "unknown option " + typed + (best.empty() ? "" : ". Did you mean " + best + "?") +
+           " (kelputil --help lists them)";
+}
+
+const char password_answer[] =
+    "--password: the password never comes from the command line, where other users could read it: set "
+    "KELPUTIL_PASSWORD, give --password-file FILE, or run on a terminal to be asked";
+
+// Walks the words as the parser will, before it does, so that a wrong word
+// gets an answer that names it: a password given on the command line, an
+// option that does not exist, a command that does not. "" when all is well.
+std::string misspelt_word(CLI::App& app, int argc, char** argv) {
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "--password" || a.rfind("--password=", 0) == 0) return password_answer;
+    }
+    CLI::App* at = &app;
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "--") break;
+        if (a.size() < 2 || a[0] != '-') {
+            CLI::App* sub = nullptr;
+            for (CLI::App* candidate : at->get_subcommands({}))
+                if (candidate->get_name() == a) sub = candidate;
+            if (sub) at = sub;
+            else if (at == &app) return unknown_command(app, a);
+            continue;
+        }
+        bool inline_value = a.find('=') != std::string::npos || (a[1] != '-' && a.size() > 2);
+        std::string name = a[1] == '-' ? a.substr(0, a.find('=')) : a.substr(0, 2);
+        const CLI::Option* o = option_at(at, name);
+        if (!o) return unknown_option(at, name);
+        if (o->get_items_expected_min() > 0 && !inline_value) i++;  // its value
+    }
+    return "";
 }
 
 int usage_error(const invocation& inv, const std::string& message, const std::string& usage) {
@@ -321,6 +382,8 @@ std::string check_combinations(const command_line& c) {
     const invocation& inv = c.inv;
     if (inv.plain && c.tls) return "--plain and --tls exclude each other";
     if (inv.plain && !inv.pin.empty()) return "--pin checks a TLS certificate: it cannot go with --plain";
+    if (inv.is_fleet() && c.app.get_option("--host")->count() > 0)
+        return "a fleet's hosts come from the inventory: leave out -H, or use --limit";
     std::string device = inv.device_command();
     if (inv.is_fleet() && device != "history" && device != "diff" && inv.inventory.empty())
         return "a fleet run needs an inventory: -i FILE (or KELP_INVENTORY)";
@@ -354,13 +417,9 @@ int parse_command_line(int argc, char** argv, invocation* out) {
         ->add_option("COMMAND", c.help_words, "a command, and for fleet one of its commands");
     c.app.footer(std::string("\n") + footer + "\n");  // the main help only: subcommands exist already
     int at = typed_command_at(argc, argv);
-    std::string typed = at < argc ? argv[at] : "";
-    if (typed == "help") return help_for(c, argc, argv, at);
-    if (!typed.empty()) {
-        bool known = false;
-        for (const CLI::App* sub : c.app.get_subcommands({})) known = known || sub->get_name() == typed;
-        if (!known) return usage_error(*out, unknown_command(c.app, typed), "kelputil [OPTIONS] COMMAND [ARGS]");
-    }
+    if (at < argc && std::string(argv[at]) == "help") return help_for(c, argc, argv, at);
+    std::string wrong_word = misspelt_word(c.app, argc, argv);
+    if (!wrong_word.empty()) return usage_error(*out, wrong_word, "kelputil [OPTIONS] COMMAND [ARGS]");
     try {
         c.app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -1,5 +1,7 @@
 #include "device_commands.h"
 
+#include <errno.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -49,8 +51,6 @@ std::string table(const std::vector<std::string>& header, const std::vector<std:
     for (const auto& row : rows) add(row);
     return out;
 }
-
-std::string plural(size_t n, const char* word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
 
 outcome saved(const std::string& file, const bytes& b, mode_t mode, const std::string& what) {
     status w = write_output(file, b, mode);
@@ -194,13 +194,13 @@ outcome throughput(const invocation& inv, const kelp::target& t, reporter& r) {
         if (now - last_t < 0.05 && !intervals.empty()) return;  // a sliver at the end adds nothing
         r.interval(last_t, now, moved - last_bytes);
         double mbit = now > last_t ? (moved - last_bytes) * 8 / (now - last_t) / 1e6 : 0;
-        intervals.push_back({{"start", last_t}, {"end", now}, {"bytes", moved - last_bytes}, {"mbit_per_s", mbit}});
+        intervals.push_back({{"start", json_seconds(last_t)}, {"end", json_seconds(now)}, {"bytes", moved - last_bytes}, {"mbit_per_s", mbit}});
         last_t = now;
         last_bytes = moved;
     };
     status st = kelp::throughput(t, rx, inv.seconds_ms / 1000.0, inv.flags, &result, tick, inv.window);
     if (!st) return failure(st);
-    json summary = {{"bytes", result.bytes}, {"seconds", result.seconds}, {"mbit_per_s", result.mbit_per_s()}};
+    json summary = {{"bytes", result.bytes}, {"seconds", json_seconds(result.seconds)}, {"mbit_per_s", result.mbit_per_s()}};
     char text[160];
     snprintf(text, sizeof text, "%s: %llu bytes in %.2f s = %.1f Mbit/s", rx ? "device to us" : "us to device",
              (unsigned long long)result.bytes, result.seconds, result.mbit_per_s());
@@ -233,6 +233,22 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
     return success(upgrade ? "upgrade done: " + std::to_string(image.size()) + " bytes flashed"
                                : "firmware stored on the device (" + std::to_string(image.size()) + " bytes)",
                    data);
+}
+
+kelp::status make_host_folders(const invocation& inv, const std::vector<std::string>& hosts) {
+    if (inv.device_command() != "get-script" || inv.file.find("{host}") == std::string::npos) return kelp::ok();
+    for (const std::string& host : hosts) {
+        std::string path = for_host(inv.file, host);
+        for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+            std::string folder = path.substr(0, slash);
+            struct stat st;
+            if (mkdir(folder.c_str(), 0700) == 0 || (stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode))) continue;
+            int err = errno == EEXIST || errno == 0 ? ENOTDIR : errno;
+            return kelp::fail(kelp::error_kind::local, "cannot create the folder " + folder + ": " + strerror(err) +
+                                                           "; no host was contacted");
+        }
+    }
+    return kelp::ok();
 }
 
 void remember_umask() {

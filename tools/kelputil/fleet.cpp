@@ -11,6 +11,9 @@ int run_on_fleet(const invocation& inv, const fleet_job& job) {
     fleet_runner runner(inv);
     kelp::status st = load_inventory(inv.inventory, &hosts_file);
     if (st) st = select_hosts(hosts_file, inv.limit, &hosts);
+    std::vector<std::string> names;
+    for (const inventory_host* h : hosts) names.push_back(h->name);
+    if (st) st = make_host_folders(inv, names);
     if (st) st = runner.check_passwords(hosts);
     if (!st) {
         print_outcome(failure(st), inv.json, inv.quiet);

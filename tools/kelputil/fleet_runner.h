@@ -1,8 +1,8 @@
 // Running one job on many hosts: at most -j at a time, each host with its
 // own settings, password source and time-outs, so that a host that is down,
 // silent or refusing never holds up the others. While it runs, one status
-// line on a terminal or one JSON line per finished host; at the end a table
-// or a summary object.
+// line on a terminal, and each finished host's findings (its lines under its
+// name) or its JSON line; at the end a table or a summary object.
 #pragma once
 
 #include <functional>
@@ -31,7 +31,7 @@ public:
     ~fleet_runner();
 
     // Every password source the hosts use must be there before anything
-    // connects.
+    // connects; a prompt is asked here, once, before the status line.
     kelp::status check_passwords(const std::vector<const inventory_host*>& hosts);
     // Runs job on each host, at most `parallel` at a time (0: -j).
     std::vector<host_result> run(const std::vector<const inventory_host*>& hosts, const host_job& job, int parallel = 0);

@@ -1,6 +1,10 @@
 #include "outcome.h"
 
+#include <errno.h>
+#include <math.h>
 #include <stdio.h>
+
+#include <atomic>
 
 #include "json_bytes.h"
 
@@ -91,7 +95,7 @@ void print_outcome(const outcome& o, bool as_json, bool quiet) {
         fwrite(o.text.data(), 1, o.text.size(), stdout);
         if (!o.content && !quiet && !o.message.empty()) printf("%s\n", terminal_text(o.message).c_str());
     }
-    fflush(stdout);
+    flush_stdout();
 }
 
 void print_usage_error(bool as_json, const std::string& message, const std::string& usage) {
@@ -103,3 +107,27 @@ void print_usage_error(bool as_json, const std::string& message, const std::stri
     }
     fprintf(stderr, "kelputil: %s\nusage: %s\n", message.c_str(), usage.c_str());
 }
+
+namespace {
+std::atomic<int> stdout_errno{0};
+
+void keep_stdout_error(int err) {
+    int none = 0;
+    stdout_errno.compare_exchange_strong(none, err ? err : EIO);
+}
+}  // namespace
+
+void flush_stdout() {
+    if (fflush(stdout) != 0) keep_stdout_error(errno);
+}
+
+int close_stdout() {
+    flush_stdout();
+    if (ferror(stdout)) keep_stdout_error(0);  // a failure a flush elsewhere saw first
+    if (fclose(stdout) != 0) keep_stdout_error(errno);
+    return stdout_errno;
+}
+
+double json_seconds(double seconds) { return round(seconds * 1000) / 1000; }
+
+std::string plural(size_t n, const std::string& word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }

@@ -49,3 +49,15 @@ std::string terminal_text(const std::string& bytes);
 // the message (stderr for a failure, stdout for a success unless quiet).
 void print_outcome(const outcome& o, bool as_json, bool quiet);
 void print_usage_error(bool as_json, const std::string& message, const std::string& usage);
+
+// Standard output is where the findings go: a write to it that fails (a
+// full disk, /dev/full) must fail the run. Every flush goes through
+// flush_stdout, which keeps the first error; close_stdout flushes and
+// closes at the end and returns that error's errno, or 0.
+void flush_stdout();
+int close_stdout();
+
+// Seconds for JSON: to the millisecond, as measured.
+double json_seconds(double seconds);
+// "1 host", "2 hosts".
+std::string plural(size_t n, const std::string& word);
