@@ -68,6 +68,13 @@ TEST_F(kelputil, careless_use) {
          "&& ls -a small; exit $r",
          1,
          {"cannot write small/b.dat: No space left on device", "\n.\n..\nb.dat\nfill\n"}},
+        // A replaced file keeps its owner and mode; a link stays a link.
+        {"kelputil -q get-script fw s.scr && chown 65534 s.scr && chmod 640 s.scr && kelputil -q get-script fw s.scr && "
+         "stat -c '%a %u' s.scr && mkdir real sub && echo old > real/fw.scr && ln -s ../real/fw.scr sub/fw.link && "
+         "kelputil -q get-script fw sub/fw.link && [ -L sub/fw.link ] && head -2 real/fw.scr",
+         0, {"640 65534\n#!/bin/sh\n# firewall"}},
+        {"(umask 027; kelputil -q get-script fw a.scr); (umask 022; kelputil -q get-script fw b.scr); stat -c %a a.scr b.scr",
+         0, {"640\n644\n"}},
         {"mkdir d; for c in 'restore d' 'put-script fw d' 'firmware d' 'bundle-verify d' 'bundle-pack d out' "
          "'backup d' 'bundle-unpack good d'; do kelputil $c; [ $? -eq 1 ] || echo BAD; done",
          0,
