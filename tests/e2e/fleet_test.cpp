@@ -105,21 +105,31 @@ TEST_F(fleet, backups_in_git) {
 // A staged roll-out: the canary, then batches of two; router9's upgrade
 // fails, so its batch finishes and nothing after it starts.
 TEST_F(fleet, staged_firmware_rollout) {
+    const std::string image_sha256 = "4264919e026998928f39b113e273719f6a8cfa0b1d401678e06e148b9601b940";
     const std::string limit = "--limit 'router1:router2:router4:router9:router12:router13' ";
     run_steps(
         {
-            {"head -c 100000 /dev/urandom > fw.bin && kelputil fleet " + limit +
+            // The plan needs the image, not a password.
+            {"yes kelp | head -c 100000 > fw.bin && unset KELPUTIL_PASSWORD && kelputil fleet " + limit +
                  "firmware fw.bin --upgrade --batch 2 --dry-run",
-             0, {"canary 1: router1\nbatch 1: router2 router4\nbatch 2: router9 router12\nbatch 3: router13\n"}},
+             0, {"image fw.bin: 100000 bytes, SHA-256 " + image_sha256 + "\ncanary 1: router1\nbatch 1: router2 router4\n"
+                 "batch 2: router9 router12\nbatch 3: router13\n"}},
+            {"kelputil fleet firmware nonexistent.bin --upgrade --dry-run", 1, {"cannot read nonexistent.bin: No such file"}},
+            // A truncated download goes nowhere: no router received anything.
+            {": > zero.bin && kelputil fleet firmware zero.bin --upgrade; a=$?; kelputil fleet firmware zero.bin; "
+             "echo \"$a $?\"; cat /run/fleet/router*/messages | grep -c 'firmware received'",
+             1, {"zero.bin is 0 bytes, less than the 1 KiB of any firmware image: a truncated download?", "1 1\n0\n"}},
             {"kelputil --json fleet " + limit + "firmware fw.bin --upgrade --batch 2 --settle 20 > out; r=$?; tail -1 out; "
              "exit $r", 20,
              {"/data/halted=true", "/data/succeeded=[\"router1\",\"router2\",\"router4\",\"router12\"]",
-              "/data/failed=[\"router9\"]", "/data/not_touched=[\"router13\"]"}},
+              "/data/failed=[\"router9\"]", "/data/not_touched=[\"router13\"]",
+              "/data/image={\"file\":\"fw.bin\",\"bytes\":100000,\"sha256\":\"" + image_sha256 + "\"}"}},
             {"grep -c 'image written' /run/fleet/router1/events /run/fleet/router12/events /run/fleet/router13/events", 0,
              {"router1/events:1", "router12/events:1", "router13/events:0"}},
             {"kelputil --json fleet --limit router2 report core | head -1", 0, {"model: simulated kelp-v3 router"}},
             {"kelputil fleet --limit router11 firmware fw.bin --upgrade --settle 3", 20,
-             {"router11  FAILED", "did not take a login again within 3 s of its upgrade"}},
+             {"router11  FAILED", "did not take a login again within 3 s of its upgrade",
+              "firmware roll-out halted (fw.bin: 100000 bytes, SHA-256 " + image_sha256 + "): 1 hosts"}},
         },
         fleet_of_50, limit_ms);
 }

@@ -114,6 +114,10 @@ TEST_F(kelputil, careless_use) {
          "\\354\\370\\102\\176\\001\\0\\0\\040\\060\\0\\0\\0' > empty.dat && kelputil bundle-verify empty.dat",
          1, {"empty.dat: the bundle is 48 bytes; the device takes 1024 to 524288"}},
         {"grep -c 'uploading new configuration' /run/sim/messages", 1, {"0\n"}},
+        {": > zero.bin && printf x > one.bin && kelputil firmware zero.bin --upgrade; a=$?; kelputil firmware one.bin; "
+         "echo \"$a $?\"; grep -c 'firmware received' /run/sim/messages",
+         1, {"zero.bin is 0 bytes, less than the 1 KiB of any firmware image: a truncated download? Nothing was sent",
+             "one.bin is 1 byte, less than", "1 1\n0\n"}},
     });
 }
 

@@ -18,5 +18,13 @@ outcome run_offline_command(const invocation& inv);
 outcome upload_image(const kelp::target& t, const kelp::bytes& image, bool upgrade, const std::string& file,
                      reporter& r);
 
+// Reads a firmware image, refusing one smaller than any image could be (a
+// truncated download) before anything connects.
+kelp::status read_image(const std::string& file, kelp::bytes* image);
+// The image as plans and summaries show it: {"file", "bytes", "sha256"},
+// and as text.
+json image_summary(const std::string& file, const kelp::bytes& image);
+std::string image_text(const json& summary);
+
 // The mode for files that are not secrets: as the umask allows.
 void remember_umask();
