@@ -57,8 +57,8 @@ TEST_F(fleet, backups_in_git) {
     run_steps(
         {
             {clean + "kelputil fleet --timeout 5 backup --into bk; r=$?; ls bk/router1; [ -e bk/router3 ] || echo 'no router3'; "
-             "clean bk; exit $r",
-             20, {"fleet backup, commit ", "50 hosts, 47 ok, 3 failed", "config\nconfig.dat\nconfig.plain\nno router3\nclean[]"}},
+             "stat -c %a bk/router1/config.dat; clean bk; exit $r",
+             20, {"fleet backup, commit ", "50 hosts, 47 ok, 3 failed", "config\nconfig.dat\nconfig.plain\nno router3\n600\nclean[]"}},
             // Each router has a configuration of its own.
             {"cat bk/router*/config/config/system.conf | sort -u | wc -l", 0, {"47\n"}},
             // Interrupted after router2 changed, with leftovers of an older

@@ -202,8 +202,12 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
     return results;
 }
 
-int fleet_runner::finish(const std::vector<host_result>& results, const std::string& what, json extra) {
+void fleet_runner::end_status_line() {
     if (s_->live) fprintf(stderr, "\r%s\r", std::string(terminal_width(2) - 1, ' ').c_str());
+}
+
+int fleet_runner::finish(const std::vector<host_result>& results, const std::string& what, json extra) {
+    end_status_line();
     json ok_hosts = json::array(), failed_hosts = json::array(), untouched = json::array();
     for (const host_result& r : results) (!r.touched ? untouched : r.result.ok() ? ok_hosts : failed_hosts).push_back(r.host);
     double elapsed = kelp::monotonic_ms() / 1000.0 - s_->started;

@@ -44,6 +44,8 @@ public:
     // Runs job on each host, at most `parallel` at a time (0: -j). Hosts a
     // stop left out come back untouched.
     std::vector<host_result> run(const std::vector<const inventory_host*>& hosts, const host_job& job, int parallel = 0);
+    // Clears the status line, for a message in its place.
+    void end_status_line();
     // The table (people) or the summary object (JSON); returns the exit status.
     int finish(const std::vector<host_result>& results, const std::string& what, json extra = nullptr);
 
