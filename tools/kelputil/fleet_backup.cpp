@@ -130,7 +130,9 @@ std::string disk_failure(const std::vector<host_result>& results) {
 int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     std::unique_ptr<git_store> store;
     status st = git_store::open(inv.into, true, inv.init, &store);
-    if (st) st = store->start_clean();
+    std::vector<std::string> folders;
+    for (const inventory_host* h : hosts) folders.push_back(h->name);
+    if (st) st = store->start_clean(folders);
     std::string staging = store ? store->staging() : "";
     if (st && mkdir(staging.c_str(), 0700) != 0) st = system_error("create", staging);
     if (!st) return local_error(inv, st);

@@ -237,6 +237,15 @@ status tree_from_folder(git_repository* repo, const std::string& dir, new_object
     return kelp::ok();
 }
 
+status empty_tree(git_repository* repo, git_tree** out) {
+    builder_ptr nothing;
+    git_oid id;
+    if (git_treebuilder_new(nothing.out(), repo, nullptr) != 0 || git_treebuilder_write(&id, nothing) != 0 ||
+        git_tree_lookup(out, repo, &id) != 0)
+        return git_failure("making the empty tree");
+    return kelp::ok();
+}
+
 // Points HEAD (or the branch it names) at id.
 status move_head(git_repository* repo, const git_oid& id) {
     reference_ptr head, moved;
@@ -283,18 +292,26 @@ status git_store::open(const std::string& dir, bool create, bool init, std::uniq
 
 std::string git_store::staging() const { return std::string(git_repository_path(repo_)) + "kelputil-staging"; }
 
-status git_store::start_clean() {
+status git_store::start_clean(const std::vector<std::string>& folders) {
     std::string work = git_repository_workdir(repo_);
     remove_tree(staging());
     remove_tree(work + old_staging);
-    object_ptr head;
-    bool born = git_revparse_single(head.out(), repo_, "HEAD^{tree}") == 0;
-    if (file_text(work + ".gitignore") == old_ignore_rule &&
-        !(born && git_tree_entry_byname((git_tree*)head.p, ".gitignore")))
+    tree_ptr head;
+    bool born = git_revparse_single((git_object**)head.out(), repo_, "HEAD^{tree}") == 0;
+    if (file_text(work + ".gitignore") == old_ignore_rule && !(born && git_tree_entry_byname(head, ".gitignore")))
         unlink((work + ".gitignore").c_str());
-    if (!born) return kelp::ok();
-    git_checkout_options options = checkout_options(nullptr);
-    if (git_checkout_head(repo_, &options) != 0) return git_failure("restoring " + dir_ + " to its last commit");
+    if (!born) return kelp::ok();  // nothing to go back to
+    // The hosts' folders are ours: what they hold beyond the last commit
+    // was left by a run that ended midway.
+    std::vector<std::string> specs = folders;
+    std::vector<char*> pointers;
+    for (std::string& f : specs) pointers.push_back(f.data());
+    git_checkout_options everything = checkout_options(nullptr), hosts = checkout_options(nullptr);
+    hosts.checkout_strategy |= GIT_CHECKOUT_REMOVE_UNTRACKED;
+    hosts.paths = {pointers.data(), pointers.size()};
+    if (git_checkout_tree(repo_, (const git_object*)head.p, &everything) != 0 ||
+        (!specs.empty() && git_checkout_tree(repo_, (const git_object*)head.p, &hosts) != 0))
+        return git_failure("restoring " + dir_ + " to its last commit");
     return kelp::ok();
 }
 
@@ -360,11 +377,7 @@ status git_store::check_out(const git_tree* old_tree, const git_tree* new_tree, 
     if (st) st = move_head(repo_, commit_id);
     if (st) return st;
     tree_ptr empty;
-    git_oid empty_id;
-    builder_ptr nothing;
-    if (!old_tree && git_treebuilder_new(nothing.out(), repo_, nullptr) == 0 &&
-        git_treebuilder_write(&empty_id, nothing) == 0 && git_tree_lookup(empty.out(), repo_, &empty_id) == 0)
-        old_tree = empty;
+    if (!old_tree && empty_tree(repo_, empty.out())) old_tree = empty;
     git_checkout_options back = checkout_options(new_tree);
     if (old_tree) git_checkout_tree(repo_, (const git_object*)old_tree, &back);
     return st;

@@ -30,8 +30,9 @@ public:
     // that the work tree never holds anything git would show.
     std::string staging() const;
     // Brings a repository left by an interrupted or failed run back to its
-    // last commit: no staging, index and work tree as HEAD has them.
-    kelp::status start_clean();
+    // last commit: no staging, index and work tree as HEAD has them, and in
+    // the named folders nothing HEAD does not hold.
+    kelp::status start_clean(const std::vector<std::string>& folders);
 
     // Replaces the top-level folders named in staged (name, staged folder)
     // with the staged ones and commits the result when it differs from the
