@@ -151,15 +151,12 @@ status resolve_tree(git_repository* repo, const std::string& rev, git_tree** out
     return kelp::ok();
 }
 
-// true when dir does not exist or holds nothing; *not_folder when it is
-// something else.
+// false when dir is a folder that holds something, or no folder at all
+// (*not_folder); a folder we cannot read is left to libgit2 to report.
 bool new_or_empty(const std::string& dir, bool* not_folder) {
-    *not_folder = false;
     DIR* d = opendir(dir.c_str());
-    if (!d) {
-        *not_folder = errno == ENOTDIR;
-        return errno == ENOENT;
-    }
+    *not_folder = !d && errno == ENOTDIR;
+    if (!d) return !*not_folder;
     bool empty = true;
     while (dirent* e = readdir(d))
         if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) empty = false;
