@@ -300,14 +300,14 @@ status git_store::start_clean(const std::vector<std::string>& folders) {
     if (!born) return kelp::ok();  // nothing to go back to
     // The hosts' folders are ours: what they hold beyond the last commit
     // was left by a run that ended midway.
-    std::vector<std::string> specs = folders;
+    std::vector<std::string> paths = folders;
     std::vector<char*> pointers;
-    for (std::string& f : specs) pointers.push_back(f.data());
+    for (std::string& f : paths) pointers.push_back(f.data());
     git_checkout_options everything = checkout_options(nullptr), hosts = checkout_options(nullptr);
     hosts.checkout_strategy |= GIT_CHECKOUT_REMOVE_UNTRACKED;
     hosts.paths = {pointers.data(), pointers.size()};
     if (git_checkout_tree(repo_, (const git_object*)head.p, &everything) != 0 ||
-        (!specs.empty() && git_checkout_tree(repo_, (const git_object*)head.p, &hosts) != 0))
+        (!paths.empty() && git_checkout_tree(repo_, (const git_object*)head.p, &hosts) != 0))
         return git_failure("restoring " + dir_ + " to its last commit");
     return kelp::ok();
 }
