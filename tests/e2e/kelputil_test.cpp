@@ -79,6 +79,13 @@ TEST_F(kelputil, careless_use) {
         {"script -qfec 'kelputil -p 1 backup -; echo status $?; kelputil bundle-unpack good -; echo status $?' /dev/null",
          0, {"binary output can mess up your terminal: redirect it (> FILE) or give a FILE", "status 1", "!status 0",
              "!refused"}},
+        // A replaced file keeps its owner and mode; a link stays a link.
+        {"kelputil -q get-script fw s.scr && chown 65534 s.scr && chmod 640 s.scr && kelputil -q get-script fw s.scr && "
+         "stat -c '%a %u' s.scr && mkdir real sub && echo old > real/fw.scr && ln -s ../real/fw.scr sub/fw.link && "
+         "kelputil -q get-script fw sub/fw.link && [ -L sub/fw.link ] && head -2 real/fw.scr",
+         0, {"640 65534\n#!/bin/sh\n# firewall"}},
+        {"(umask 027; kelputil -q get-script fw a.scr); (umask 022; kelputil -q get-script fw b.scr); stat -c %a a.scr b.scr",
+         0, {"640\n644\n"}},
         {"mkdir d; for c in 'restore d' 'put-script fw d' 'firmware d' 'bundle-verify d' 'bundle-pack d out' "
          "'backup d' 'bundle-unpack good d'; do kelputil $c; [ $? -eq 1 ] || echo BAD; done",
          0,
@@ -138,6 +145,10 @@ TEST_F(kelputil, careless_use) {
          "\\354\\370\\102\\176\\001\\0\\0\\040\\060\\0\\0\\0' > empty.dat && kelputil bundle-verify empty.dat",
          1, {"empty.dat: the bundle is 48 bytes; the device takes 1024 to 524288"}},
         {"grep -c 'uploading new configuration' /run/sim/messages", 1, {"0\n"}},
+        {": > zero.bin && printf x > one.bin && kelputil firmware zero.bin --upgrade; a=$?; kelputil firmware one.bin; "
+         "echo \"$a $?\"; grep -c 'firmware received' /run/sim/messages",
+         1, {"zero.bin is 0 bytes, less than the 1 KiB of any firmware image: a truncated download? Nothing was sent",
+             "one.bin is 1 byte, less than", "1 1\n0\n"}},
     });
 }
 

@@ -177,8 +177,9 @@ void add_fleet(command_line& c) {
     fleet->require_subcommand(1);
     add_device_commands(c, *fleet, true);
     CLI::App* backup = add_command(*fleet, "backup", "back up every host into a git repository");
-    backup->add_option("--into", inv.into, "the repository folder (created if new)")->required();
+    backup->add_option("--into", inv.into, "the repository folder (created if new or empty)")->required();
     backup->add_flag("--scripts", inv.scripts, "fetch the four scripts too");
+    backup->add_flag("--init", inv.init, "make the repository in a folder that already holds other files");
     CLI::App* history = add_command(*fleet, "history", "one host's backups");
     history->add_option("HOST", inv.name, "a host of the inventory")->required();
     history->add_option("--into", inv.into, "the repository folder (default: the current one)");

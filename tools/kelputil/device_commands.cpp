@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <string.h>
+#include <mbedtls/sha256.h>
+#include <stdio.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -17,6 +19,9 @@ namespace {
 mode_t plain_mode = 0644;
 constexpr size_t bundle_read_max = 16u << 20;  // far above the device's limit, for a clear message
 constexpr size_t image_max = 0x7FFFFFFF;
+// No firmware image is this small: a shorter file is a download cut short,
+// not something to flash.
+constexpr size_t image_min = 1024;
 
 std::string for_host(std::string pattern, const std::string& host) {
     for (size_t at; (at = pattern.find("{host}")) != std::string::npos;) pattern.replace(at, 6, host);
@@ -179,7 +184,7 @@ bool reports_failure(const std::string& line) {
 outcome firmware(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
     std::string file = for_host(inv.file, host);
     bytes image;
-    status st = read_input(file, &image, image_max);
+    status st = read_image(file, &image);
     if (!st) return failure(st);
     return upload_image(t, image, inv.upgrade, file, r);
 }
@@ -249,6 +254,32 @@ kelp::status make_host_folders(const invocation& inv, const std::vector<std::str
         }
     }
     return kelp::ok();
+}
+
+status read_image(const std::string& file, bytes* image) {
+    status st = read_input(file, image, image_max);
+    if (st && image->size() < image_min)
+        st = kelp::fail(kelp::error_kind::local, file + " is " + plural(image->size(), "byte") +
+                                                     ", less than the 1 KiB of any firmware image: a truncated "
+                                                     "download? Nothing was sent");
+    return st;
+}
+
+json image_summary(const std::string& file, const bytes& image) {
+    unsigned char digest[32];
+    mbedtls_sha256_ret(image.data(), image.size(), digest, 0);
+    std::string hex;
+    for (unsigned char b : digest) {
+        char two[3];
+        snprintf(two, sizeof two, "%02x", b);
+        hex += two;
+    }
+    return {{"file", json_text(file)}, {"bytes", image.size()}, {"sha256", hex}};
+}
+
+std::string image_text(const json& summary) {
+    return summary["file"].get<std::string>() + ": " + std::to_string(summary["bytes"].get<size_t>()) +
+           " bytes, SHA-256 " + summary["sha256"].get<std::string>();
 }
 
 void remember_umask() {

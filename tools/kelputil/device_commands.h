@@ -23,6 +23,13 @@ outcome upload_image(const kelp::target& t, const kelp::bytes& image, bool upgra
 // "{host}/fw.scr"), made private before any host is contacted: a folder
 // that is missing would otherwise fail every host after its session.
 kelp::status make_host_folders(const invocation& inv, const std::vector<std::string>& hosts);
+// Reads a firmware image, refusing one smaller than any image could be (a
+// truncated download) before anything connects.
+kelp::status read_image(const std::string& file, kelp::bytes* image);
+// The image as plans and summaries show it: {"file", "bytes", "sha256"},
+// and as text.
+json image_summary(const std::string& file, const kelp::bytes& image);
+std::string image_text(const json& summary);
 
 // The mode for files that are not secrets: as the umask allows.
 void remember_umask();

@@ -6,6 +6,7 @@
 #include "outcome.h"
 
 int run_on_fleet(const invocation& inv, const fleet_job& job) {
+    std::string cmd = inv.device_command();
     inventory hosts_file;
     std::vector<const inventory_host*> hosts;
     fleet_runner runner(inv);
@@ -14,7 +15,14 @@ int run_on_fleet(const invocation& inv, const fleet_job& job) {
     std::vector<std::string> names;
     for (const inventory_host* h : hosts) names.push_back(h->name);
     if (st) st = make_host_folders(inv, names);
-    if (st) st = runner.check_passwords(hosts);
+    // A roll-out checks its image before the passwords, and its dry run
+    // needs none.
+    bool rollout = cmd == "firmware" && inv.upgrade;
+    if (st && cmd == "firmware" && !rollout && inv.file.find("{host}") == std::string::npos) {
+        kelp::bytes image;  // one image for all: refused once, not once a host
+        st = read_image(inv.file, &image);
+    }
+    if (st && !rollout) st = runner.check_passwords(hosts);
     if (!st) {
         print_outcome(failure(st), inv.json, inv.quiet);
         return exit_status(st);

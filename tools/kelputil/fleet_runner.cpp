@@ -1,5 +1,6 @@
 #include "fleet_runner.h"
 
+#include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -38,6 +39,13 @@ private:
     std::mutex lock_;
 };
 
+volatile sig_atomic_t caught_signal = 0;
+
+void on_stop_signal(int sig) {
+    caught_signal = sig;
+    signal(sig, SIG_DFL);
+}
+
 std::string seconds_text(double s) {
     char text[32];
     snprintf(text, sizeof text, "%.1fs", s);
@@ -73,6 +81,9 @@ struct fleet_runner::state {
     bool live = false;  // the status line on stderr
     size_t total = 0, done = 0, failed = 0, running = 0;
     double started = 0;
+    std::function<bool()> stop;
+
+    bool stopping() const { return caught_signal != 0 || (stop && stop()); }
 
     explicit state(const invocation& i) : inv(i), notes(i.verbose > 0) {}
 
@@ -115,6 +126,16 @@ fleet_runner::fleet_runner(const invocation& inv) : s_(std::make_unique<state>(i
 fleet_runner::~fleet_runner() = default;
 
 reporter& fleet_runner::notes() { return s_->notes; }
+
+void fleet_runner::stop_on_signals() {
+    struct sigaction act {};
+    act.sa_handler = on_stop_signal;  // no SA_RESTART: a waiting host sees EINTR and carries on
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &act, nullptr);
+}
+
+int fleet_runner::stopped_by() const { return caught_signal; }
+
+void fleet_runner::stop_when(std::function<bool()> stop) { s_->stop = std::move(stop); }
 
 kelp::status fleet_runner::check_passwords(const std::vector<const inventory_host*>& hosts) {
     bool plain = false;
@@ -159,7 +180,7 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
         if (s_->started == 0) s_->started = kelp::monotonic_ms() / 1000.0;
     }
     auto worker = [&] {
-        for (size_t i; (i = next++) < hosts.size();) {
+        for (size_t i; !s_->stopping() && (i = next++) < hosts.size();) {
             const inventory_host& h = *hosts[i];
             {
                 std::lock_guard<std::mutex> hold(s_->lock);
@@ -201,11 +222,14 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
     for (int i = 1; i < n; i++) threads.emplace_back(worker);
     worker();
     for (std::thread& t : threads) t.join();
+    for (size_t i = next; i < hosts.size(); i++) results[i] = {hosts[i]->name, local_failure("not started: the run stopped"), 0, false};
     return results;
 }
 
+void fleet_runner::end_status_line() { s_->clear_line(); }
+
 int fleet_runner::finish(const std::vector<host_result>& results, const std::string& what, json extra) {
-    s_->clear_line();
+    end_status_line();
     json ok_hosts = json::array(), failed_hosts = json::array(), untouched = json::array();
     for (const host_result& r : results) (!r.touched ? untouched : r.result.ok() ? ok_hosts : failed_hosts).push_back(r.host);
     double elapsed = kelp::monotonic_ms() / 1000.0 - s_->started;

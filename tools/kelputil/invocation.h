@@ -37,6 +37,7 @@ struct invocation {
     std::string inventory, limit, into, rev_from, rev_to;
     int jobs = 16;
     bool scripts = false;
+    bool init = false;  // fleet backup --into a folder that holds other files
     int canary = 1, batch = 10;
     int settle_ms = 120000;
     bool dry_run = false;
