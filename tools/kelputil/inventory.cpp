@@ -1,9 +1,8 @@
 #include "inventory.h"
 
-#include <fnmatch.h>
-
 #include <algorithm>
 #include <functional>
+#include <regex>
 #include <set>
 
 #include "cli.h"
@@ -16,6 +15,8 @@ using kelp::status;
 
 namespace {
 
+const char* const our_keys[] = {"port", "tls", "plain", "pin", "password_file", "password_env", "timeout"};
+
 struct group_def {
     std::vector<std::string> hosts, children;
     std::map<std::string, std::string> vars;
@@ -25,43 +26,84 @@ struct parser {
     std::string file;
     int line = 0;
     std::map<std::string, group_def> groups;
-    std::vector<std::string> order;  // hosts as first seen
+    std::vector<std::string> group_order{"all", "ungrouped"};
+    std::set<std::string> declared{"all", "ungrouped"};  // by [g] or [g:children]
+    std::map<std::string, int> referenced;               // by [g:vars] or a child line: the first line
+    std::vector<std::string> order;                      // hosts as first written
     std::map<std::string, std::map<std::string, std::string>> host_vars;
+    std::map<std::string, std::pair<std::string, int>> address_at;  // ansible_host and its line
     std::set<std::string> grouped;  // hosts named in a group other than all and ungrouped
+    std::set<std::string> unknown_keys;
+    std::vector<std::string> warnings;
 
-    status bad(const std::string& what) const {
-        return fail(error_kind::local, file + ":" + std::to_string(line) + ": " + what);
-    }
+    std::string where(int at) const { return file + ":" + std::to_string(at); }
+    status bad(const std::string& what) const { return fail(error_kind::local, where(line) + ": " + what); }
 };
 
+// Python's str.strip(), as Ansible strips its lines.
 std::string trim(const std::string& s) {
-    size_t a = s.find_first_not_of(" \t\r"), b = s.find_last_not_of(" \t\r");
+    size_t a = s.find_first_not_of(" \t\r\n\v\f"), b = s.find_last_not_of(" \t\r\n\v\f");
     return a == std::string::npos ? "" : s.substr(a, b - a + 1);
 }
 
-std::string unquote(const std::string& s) {
-    if (s.size() >= 2 && (s[0] == '"' || s[0] == '\'') && s.back() == s[0]) return s.substr(1, s.size() - 2);
-    return s;
-}
-
-// Blank-separated words, quotes keeping blanks inside a value.
-std::vector<std::string> words(const std::string& line) {
-    std::vector<std::string> out;
+// Host lines are split as a POSIX shell would, '#' outside quotes ending the
+// line: that is how Ansible reads "edge1 ansible_host=192.0.2.7 # lab".
+bool shell_words(const std::string& line, std::vector<std::string>* out) {
     std::string word;
-    char quote = 0;
-    for (char c : line) {
-        if (quote) {
-            word += c;
-            if (c == quote) quote = 0;
-        } else if (c == ' ' || c == '\t') {
-            if (!word.empty()) out.push_back(word), word.clear();
+    bool in_word = false;
+    for (size_t i = 0; i < line.size(); i++) {
+        char c = line[i];
+        if (c == ' ' || c == '\t') {
+            if (in_word) out->push_back(word), word.clear(), in_word = false;
+        } else if (c == '#') {
+            break;
+        } else if (c == '\\' && i + 1 < line.size()) {
+            word += line[++i], in_word = true;
+        } else if (c == '\'' || c == '"') {
+            size_t close = i + 1;
+            for (; close < line.size() && line[close] != c; close++)
+                if (c == '"' && line[close] == '\\' && close + 1 < line.size() &&
+                    (line[close + 1] == '"' || line[close + 1] == '\\'))
+                    close++;
+            if (close >= line.size()) return false;
+            for (size_t j = i + 1; j < close; j++) {
+                if (c == '"' && line[j] == '\\' && (line[j + 1] == '"' || line[j + 1] == '\\')) j++;
+                word += line[j];
+            }
+            i = close, in_word = true;
         } else {
-            if (c == '"' || c == '\'') quote = c;
-            word += c;
+            word += c, in_word = true;
         }
     }
-    if (!word.empty()) out.push_back(word);
-    return out;
+    if (in_word) out->push_back(word);
+    return true;
+}
+
+// A value Ansible's literal evaluation takes as a Python literal: a quoted
+// string (which loses its quotes), a number, True, False or None.
+bool python_literal(const std::string& text, std::string* value) {
+    std::string s = trim(text);
+    static const std::regex number(R"([+-]?(0|[1-9][0-9]*)(\.[0-9]*)?([eE][+-]?[0-9]+)?|[+-]?\.[0-9]+)");
+    if (s.size() >= 2 && (s[0] == '"' || s[0] == '\'') && s.back() == s[0] &&
+        s.find(s[0], 1) == s.size() - 1) {
+        *value = s.substr(1, s.size() - 2);
+        return true;
+    }
+    if (s == "True" || s == "False" || s == "None" || std::regex_match(s, number)) {
+        *value = s;
+        return true;
+    }
+    return false;
+}
+
+// In a :vars line the whole rest is the value: a comment after a literal
+// goes, after a bare word it stays part of the value, as Ansible has it.
+std::string vars_value(const std::string& text) {
+    std::string literal;
+    if (python_literal(text, &literal)) return literal;
+    for (size_t hash = text.find('#'); hash != std::string::npos; hash = text.find('#', hash + 1))
+        if (python_literal(text.substr(0, hash), &literal)) return literal;
+    return text;
 }
 
 bool is_bool(const std::string& v) {
@@ -86,6 +128,33 @@ std::string check_value(const std::string& key, const std::string& value) {
         return key + " is empty";
     }
     return "";
+}
+
+// Keys that are neither ours nor Ansible's are most likely typos: said once,
+// where first written, never fatal.
+void note_key(parser& p, const std::string& key) {
+    if (key.rfind("ansible_", 0) == 0 || std::find(std::begin(our_keys), std::end(our_keys), key) != std::end(our_keys))
+        return;
+    if (!p.unknown_keys.insert(key).second) return;
+    std::string best;
+    size_t best_distance = 3;
+    for (const char* known : our_keys)
+        if (edit_distance(key, known) < best_distance) best = known, best_distance = edit_distance(key, known);
+    p.warnings.push_back(p.where(p.line) + ": kelputil does not know the key '" + key + "'" +
+                         (best.empty() ? "" : " (did you mean '" + best + "'?)") + "; it is ignored");
+}
+
+status add_var(parser& p, std::map<std::string, std::string>& vars, const std::string& key, const std::string& value,
+               bool in_vars_section) {
+    std::string wrong = check_value(key, value);
+    if (!wrong.empty())
+        return p.bad(wrong + (in_vars_section && value.find('#') != std::string::npos
+                                  ? " (in a :vars section a comment after a word is part of the value: put it on a "
+                                    "line of its own)"
+                                  : ""));
+    note_key(p, key);
+    vars[key] = value;
+    return kelp::ok();
 }
 
 // "r[01:03]" -> r01 r02 r03; "[a:c]x" -> ax bx cx; an optional third part
@@ -132,35 +201,60 @@ bool valid_name(const std::string& name) {
     return name.find_first_of("/\\ \t[]:=") == std::string::npos;
 }
 
+// "name:port", the inventory shorthand for ansible_port, also after a range.
+void split_port(std::string* pattern, std::map<std::string, std::string>* vars) {
+    size_t colon = pattern->rfind(':'), close = pattern->rfind(']');
+    if (colon == std::string::npos || (close != std::string::npos && colon < close)) return;
+    (*vars)["ansible_port"] = pattern->substr(colon + 1);
+    pattern->resize(colon);
+}
+
+// One address per host: a second line giving another is a mistake, and
+// which one wins would be a guess.
+status check_address(parser& p, const std::string& name, const std::map<std::string, std::string>& vars) {
+    auto it = vars.find("ansible_host");
+    if (it == vars.end()) return kelp::ok();
+    auto [known, fresh] = p.address_at.emplace(name, std::make_pair(it->second, p.line));
+    if (fresh || known->second.first == it->second) return kelp::ok();
+    return p.bad(name + " has ansible_host=" + it->second + " here and ansible_host=" + known->second.first + " at " +
+                 p.where(known->second.second) + ": a host has one address; remove one, or name them apart");
+}
+
+void add_member(parser& p, const std::string& group, const std::string& name, const std::map<std::string, std::string>& vars) {
+    if (!p.host_vars.count(name)) p.order.push_back(name);
+    std::map<std::string, std::string>& mine = p.host_vars[name];
+    for (const auto& [key, value] : vars) mine[key] = value;
+    group_def& g = p.groups[group];
+    if (std::find(g.hosts.begin(), g.hosts.end(), name) == g.hosts.end()) g.hosts.push_back(name);
+    if (group != "ungrouped" && group != "all") p.grouped.insert(name);
+}
+
 status host_line(parser& p, const std::string& group, const std::string& text) {
-    std::vector<std::string> parts = words(text);
+    std::vector<std::string> parts;
+    if (!shell_words(text, &parts)) return p.bad("a quote is not closed");
+    if (parts.empty()) return kelp::ok();
     std::string pattern = parts[0];
     std::map<std::string, std::string> vars;
-    // "name:port", the inventory shorthand for ansible_port.
-    size_t colon = pattern.rfind(':');
-    if (colon != std::string::npos && pattern.find('[') == std::string::npos) {
-        std::string port = pattern.substr(colon + 1);
-        pattern = pattern.substr(0, colon);
-        vars["ansible_port"] = port;
-    }
+    split_port(&pattern, &vars);
     for (size_t i = 1; i < parts.size(); i++) {
         size_t eq = parts[i].find('=');
         if (eq == std::string::npos || eq == 0) return p.bad("'" + parts[i] + "' is not key=value");
-        vars[parts[i].substr(0, eq)] = unquote(parts[i].substr(eq + 1));
+        std::string value = parts[i].substr(eq + 1), literal;
+        if (python_literal(value, &literal)) value = literal;
+        vars[parts[i].substr(0, eq)] = value;
     }
+    std::map<std::string, std::string> checked;
     for (const auto& [key, value] : vars) {
-        std::string wrong = check_value(key, value);
-        if (!wrong.empty()) return p.bad(wrong);
+        status st = add_var(p, checked, key, value, false);
+        if (!st) return st;
     }
     std::vector<std::string> names;
     if (!expand(pattern, &names)) return p.bad("'" + pattern + "' has a range that is not [FROM:TO] or [FROM:TO:STEP]");
     for (const std::string& name : names) {
         if (!valid_name(name)) return p.bad("'" + name + "' is not a usable host name");
-        if (!p.host_vars.count(name)) p.order.push_back(name);
-        for (const auto& [key, value] : vars) p.host_vars[name][key] = value;
-        group_def& g = p.groups[group];
-        if (std::find(g.hosts.begin(), g.hosts.end(), name) == g.hosts.end()) g.hosts.push_back(name);
-        if (group != "ungrouped") p.grouped.insert(name);
+        status st = check_address(p, name, vars);
+        if (!st) return st;
+        add_member(p, group, name, vars);
     }
     return kelp::ok();
 }
@@ -168,47 +262,67 @@ status host_line(parser& p, const std::string& group, const std::string& text) {
 status vars_line(parser& p, const std::string& group, const std::string& text) {
     size_t eq = text.find('=');
     if (eq == std::string::npos) return p.bad("'" + text + "' is not key=value");
-    std::string key = trim(text.substr(0, eq)), value = unquote(trim(text.substr(eq + 1)));
+    std::string key = trim(text.substr(0, eq)), value = vars_value(trim(text.substr(eq + 1)));
     if (key.empty() || key.find_first_of(" \t") != std::string::npos) return p.bad("'" + key + "' is not a variable name");
-    std::string wrong = check_value(key, value);
-    if (!wrong.empty()) return p.bad(wrong);
-    p.groups[group].vars[key] = value;
+    return add_var(p, p.groups[group].vars, key, value, true);
+}
+
+status children_line(parser& p, const std::string& group, const std::string& text) {
+    static const std::regex child(R"(([^:\]\s]+)\s*(#.*)?)");
+    std::smatch m;
+    if (!std::regex_match(text, m, child) || !valid_name(m[1])) return p.bad("'" + text + "' is not a group name");
+    std::vector<std::string>& children = p.groups[group].children;
+    if (std::find(children.begin(), children.end(), m[1]) == children.end()) children.push_back(m[1]);
+    p.referenced.emplace(m[1], p.line);
+    return kelp::ok();
+}
+
+status section_line(parser& p, const std::string& line, std::string* group, std::string* kind) {
+    static const std::regex section(R"(\[([^:\]\s]+)(?::(\w+))?\]\s*(#.*)?)");
+    std::smatch m;
+    if (!std::regex_match(line, m, section)) return p.bad("a section header is [GROUP], [GROUP:vars] or [GROUP:children]");
+    *group = m[1];
+    *kind = m[2].matched ? std::string(m[2]) : "hosts";
+    if (*kind != "hosts" && *kind != "vars" && *kind != "children")
+        return p.bad("unknown section kind ':" + *kind + "' (a group, GROUP:vars or GROUP:children)");
+    if (!valid_name(*group)) return p.bad("'" + *group + "' is not a usable group name");
+    if (!p.groups.count(*group)) p.group_order.push_back(*group);
+    p.groups[*group];
+    if (*kind == "vars") p.referenced.emplace(*group, p.line);
+    else p.declared.insert(*group);
     return kelp::ok();
 }
 
 status parse(parser& p, const std::string& text) {
     std::string group = "ungrouped", kind = "hosts";
     p.groups["all"], p.groups["ungrouped"];
-    for (size_t start = 0; start < text.size();) {
+    // Editors on Windows start a UTF-8 file with a byte-order mark.
+    size_t start = text.rfind("\xEF\xBB\xBF", 0) == 0 ? 3 : 0;
+    while (start < text.size()) {
         size_t end = text.find('\n', start);
         if (end == std::string::npos) end = text.size();
         std::string line = trim(text.substr(start, end - start));
         start = end + 1;
         p.line++;
         if (line.empty() || line[0] == '#' || line[0] == ';') continue;
-        if (line[0] == '[') {
-            if (line.back() != ']') return p.bad("a section header ends with ']'");
-            std::string inside = line.substr(1, line.size() - 2);
-            size_t colon = inside.find(':');
-            group = inside.substr(0, colon);
-            kind = colon == std::string::npos ? "hosts" : inside.substr(colon + 1);
-            if (kind != "hosts" && kind != "vars" && kind != "children")
-                return p.bad("unknown section kind ':" + kind + "' (a group, GROUP:vars or GROUP:children)");
-            if (!valid_name(group)) return p.bad("'" + group + "' is not a usable group name");
-            p.groups[group];
-            continue;
-        }
-        status st = kind == "vars"       ? vars_line(p, group, line)
-                    : kind == "children" ? kelp::ok()
+        status st = line[0] == '['      ? section_line(p, line, &group, &kind)
+                    : kind == "vars"     ? vars_line(p, group, line)
+                    : kind == "children" ? children_line(p, group, line)
                                          : host_line(p, group, line);
         if (!st) return st;
-        if (kind == "children") {
-            if (!valid_name(line)) return p.bad("'" + line + "' is not a group name");
-            p.groups[group].children.push_back(line);
-            p.groups[line];
-        }
     }
     return kelp::ok();
+}
+
+// As Ansible: [g:vars] and child lines may only name groups that a [g] or
+// [g:children] section declares somewhere.
+status check_declared(const parser& p) {
+    std::pair<int, std::string> first{0, ""};
+    for (const auto& [name, at] : p.referenced)
+        if (!p.declared.count(name) && (!first.first || at < first.first)) first = {at, name};
+    if (!first.first) return kelp::ok();
+    return fail(error_kind::local, p.where(first.first) + ": no [" + first.second + "] or [" + first.second +
+                                       ":children] section declares the group " + first.second);
 }
 
 // Depth of each group below all, and a check that no group contains itself.
@@ -237,12 +351,35 @@ status depths(const parser& p, std::map<std::string, int>* depth) {
     return kelp::ok();
 }
 
-void members(const parser& p, const std::string& group, std::set<std::string>& seen, std::vector<std::string>* out) {
-    if (!seen.insert(group).second) return;
-    const group_def& g = p.groups.at(group);
-    for (const std::string& h : g.hosts)
-        if (std::find(out->begin(), out->end(), h) == out->end()) out->push_back(h);
-    for (const std::string& child : g.children) members(p, child, seen, out);
+// all holds ungrouped and every group no other group holds, in the order
+// they were declared; ungrouped keeps only hosts of no other group.
+void settle_top(parser& p) {
+    std::set<std::string> held;
+    for (const auto& [name, g] : p.groups) held.insert(g.children.begin(), g.children.end());
+    std::vector<std::string>& top = p.groups["all"].children;
+    for (const std::string& name : p.group_order)
+        if (name != "all" && !held.count(name) && std::find(top.begin(), top.end(), name) == top.end())
+            top.push_back(name);
+    std::vector<std::string>& ungrouped = p.groups["ungrouped"].hosts;
+    for (const std::string& h : p.order)
+        if (!p.grouped.count(h) && std::find(ungrouped.begin(), ungrouped.end(), h) == ungrouped.end())
+            ungrouped.push_back(h);
+    ungrouped.erase(std::remove_if(ungrouped.begin(), ungrouped.end(), [&](const std::string& h) { return p.grouped.count(h); }),
+                    ungrouped.end());
+}
+
+// A group's hosts in Ansible's order: its own, then its children's, then
+// their children's, level by level.
+std::vector<std::string> members(const parser& p, const std::string& group) {
+    std::vector<std::string> levels{group}, out;
+    std::set<std::string> seen_groups{group}, seen_hosts;
+    for (size_t i = 0; i < levels.size(); i++)
+        for (const std::string& child : p.groups.at(levels[i]).children)
+            if (seen_groups.insert(child).second) levels.push_back(child);
+    for (const std::string& g : levels)
+        for (const std::string& h : p.groups.at(g).hosts)
+            if (seen_hosts.insert(h).second) out.push_back(h);
+    return out;
 }
 
 }  // namespace
@@ -254,84 +391,31 @@ status load_inventory(const std::string& path, inventory* out) {
     parser p;
     p.file = path;
     if (!(st = parse(p, std::string(raw.begin(), raw.end())))) return st;
+    if (!(st = check_declared(p))) return st;
     std::map<std::string, int> depth;
     if (!(st = depths(p, &depth))) return st;
+    settle_top(p);
 
     inventory inv;
-    for (const auto& [name, g] : p.groups) {
-        std::set<std::string> seen;
-        members(p, name, seen, &inv.groups[name]);
-    }
-    inv.groups["all"] = p.order;
-    std::vector<std::string>& ungrouped = inv.groups["ungrouped"];
-    ungrouped.erase(std::remove_if(ungrouped.begin(), ungrouped.end(), [&](const std::string& h) { return p.grouped.count(h); }),
-                    ungrouped.end());
+    for (const auto& [name, g] : p.groups) inv.groups[name] = members(p, name);
+    inv.group_order = p.group_order;
+    inv.defined = p.order;
+    inv.warnings = p.warnings;
     // Groups from the shallowest to the deepest, so that the deeper win.
     std::vector<std::string> by_depth;
     for (const auto& [name, g] : p.groups) by_depth.push_back(name);
     std::stable_sort(by_depth.begin(), by_depth.end(), [&](const std::string& a, const std::string& b) { return depth[a] < depth[b]; });
-    for (const std::string& name : p.order) {
+    for (const std::string& name : inv.groups["all"]) {
         inventory_host h;
         h.name = name;
         for (const std::string& g : by_depth) {
             const std::vector<std::string>& hosts = inv.groups[g];
-            if (g == "all" || std::find(hosts.begin(), hosts.end(), name) != hosts.end())
+            if (std::find(hosts.begin(), hosts.end(), name) != hosts.end())
                 for (const auto& [key, value] : p.groups[g].vars) h.vars[key] = value;
         }
         for (const auto& [key, value] : p.host_vars[name]) h.vars[key] = value;
         inv.hosts.push_back(h);
     }
     *out = std::move(inv);
-    return kelp::ok();
-}
-
-status select_hosts(const inventory& inv, const std::string& pattern, std::vector<const inventory_host*>* out) {
-    out->clear();
-    std::set<std::string> chosen;
-    bool any_plain_term = false;
-    std::vector<std::string> terms;
-    std::string term;
-    for (char c : pattern + ":") {
-        if (c == ':' || c == ',') {
-            if (!trim(term).empty()) terms.push_back(trim(term));
-            term.clear();
-        } else {
-            term += c;
-        }
-    }
-    // Unions first, then intersections, then exclusions, whatever the order written.
-    auto rank = [](const std::string& t) { return t[0] == '&' ? 1 : t[0] == '!' ? 2 : 0; };
-    std::stable_sort(terms.begin(), terms.end(), [&](const std::string& a, const std::string& b) { return rank(a) < rank(b); });
-    for (const std::string& t : terms) any_plain_term = any_plain_term || rank(t) == 0;
-    if (!any_plain_term)
-        for (const inventory_host& h : inv.hosts) chosen.insert(h.name);
-    auto matching = [&](const std::string& glob) {
-        std::set<std::string> found;
-        for (const auto& [group, hosts] : inv.groups)
-            if (fnmatch(glob.c_str(), group.c_str(), 0) == 0) found.insert(hosts.begin(), hosts.end());
-        for (const inventory_host& h : inv.hosts)
-            if (fnmatch(glob.c_str(), h.name.c_str(), 0) == 0) found.insert(h.name);
-        return found;
-    };
-    for (const std::string& t : terms) {
-        bool exclude = t[0] == '!', intersect = t[0] == '&';
-        std::string glob = exclude || intersect ? t.substr(1) : t;
-        std::set<std::string> found = matching(glob);
-        if (found.empty() && !exclude)
-            return fail(error_kind::local, "--limit: '" + glob + "' matches no host or group of the inventory");
-        if (exclude) {
-            for (const std::string& h : found) chosen.erase(h);
-        } else if (intersect) {
-            std::set<std::string> both;
-            for (const std::string& h : chosen)
-                if (found.count(h)) both.insert(h);
-            chosen = both;
-        } else {
-            chosen.insert(found.begin(), found.end());
-        }
-    }
-    for (const inventory_host& h : inv.hosts)
-        if (chosen.count(h.name)) out->push_back(&h);
-    if (out->empty()) return fail(error_kind::local, "no host of the inventory is selected" + (pattern.empty() ? std::string() : " by --limit " + pattern));
     return kelp::ok();
 }
