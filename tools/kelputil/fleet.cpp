@@ -32,9 +32,9 @@ int list_hosts(const invocation& inv, const std::vector<const inventory_host*>& 
         name_width = std::max(name_width, row["host"].get<std::string>().size());
         address_width = std::max(address_width, row["address"].get<std::string>().size());
     }
-    printf("%-*s  %-*s  %5s  %s\n", (int)name_width, "HOST", (int)address_width, "ADDRESS", "PORT", "MODE");
+    printf("%-*s  %-*s  %-5s  %s\n", (int)name_width, "HOST", (int)address_width, "ADDRESS", "PORT", "MODE");
     for (const json& row : o.data)
-        printf("%-*s  %-*s  %5d  %s\n", (int)name_width, terminal_text(row["host"]).c_str(), (int)address_width,
+        printf("%-*s  %-*s  %-5d  %s\n", (int)name_width, terminal_text(row["host"]).c_str(), (int)address_width,
                terminal_text(row["address"]).c_str(), row["port"].get<int>(), row["mode"].get<std::string>().c_str());
     printf("%s\n", o.message.c_str());
     fflush(stdout);
