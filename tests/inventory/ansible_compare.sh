@@ -4,7 +4,7 @@
 # give the same hosts, in the same order, at the same addresses and ports.
 # Usage: ansible_compare.sh KELPUTIL. Exit 77 (skipped) without ansible-core.
 set -eu
-kelputil=$1
+kelputil=$(realpath "$1")
 for tool in ansible ansible-playbook ansible-inventory python3; do
     command -v "$tool" >/dev/null || { echo "SKIP: no $tool here (the Debian package ansible-core has it)"; exit 77; }
 done
