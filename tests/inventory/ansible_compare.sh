@@ -22,51 +22,31 @@ kelputil, work = sys.argv[1:3]
 # groups; variables at every level. Patterns with every construct; those
 # Ansible finds nothing for must be refused. Only one group of each level
 # has children: below that, Ansible's order of sibling groups is a set's.
-inventories = [
-    ("""# edge routers first
-edge1 ansible_host=192.0.2.7 timeout=30 # lab
-edge2:8857
-[routers]
-r[01:02]
-r[02:03] password_env=ROUTER_PW
-r03 port=1857
-[lab] # the bench
-lab-[a:b] plain=yes
-r02
-[routers:vars]
-timeout = 20 # seconds
-tls=true
-[emea:children]
-routers # all of them
-[emea:vars]
-password_env=EMEA_PW
-""", [None, "routers", "emea", "r0*", "edge1:lab", "routers:!r02", "!r02:routers", "routers:&lab", "!routers",
-      "edge1,r01", "routers[0]", "routers[-1]", "routers[1:2]", "lab[1:]", "lab[1:0]", "routers[0:1],edge2",
-      "e*[3]", "~r0[13]", "~lab|edge", "all:!emea", "nosuch", "routers:&edge*"]),
-    ("""router[1:2]
+inventory = """router[1:2] # lab
 router[2:3]
 [core]
 r[01:12]
 r07 ansible_host=192.0.2.77 ansible_port=9857
-[edge]
+[edge] # the far end
 r01
-e[a:c] port=856 plain=true
+e[a:c] port=856 plain=true # lab
 r[11:12]
 [edge:vars]
-ansible_port=7000
+ansible_port=7000 # where edge listens
 [core:vars]
 ansible_port=8000
 [site:children]
-core
+core # all of it
 edge
 [site:vars]
 ansible_port=9000
 tls=false
 [all:vars]
 ansible_port=1000
-""", [None, "router*", "core[0:2]", "core[-1]", "core[10:]", "site:!core", "core:&edge", "~r0[1-3]", "~e[ab]",
-      "edge,router2", "r0?:!r07", "site[1]", "ungrouped", "ungrouped:edge[3]", "core[2-4]"]),
-]
+"""
+patterns = [None, "router*", "core[0:2]", "core[-1]", "core[10:]", "core[1:0]", "core[2-4]", "site[1]", "site:!core",
+            "!core", "core:&edge", "~r0[1-3]", "~e[ab]|router", "edge,router2", "r0?:!r07", "ungrouped:edge[3]",
+            "router1,core[0:1]", "nosuch", "core:&router*"]
 
 def run(*args):
     return subprocess.run(args, capture_output=True, text=True, timeout=20, cwd=work)
@@ -99,26 +79,23 @@ def expected_row(name, v):
     port = v.get("port", v.get("ansible_port", 856 if plain else 857))
     return {"host": name, "address": v.get("ansible_host", name), "port": int(port), "mode": "plain" if plain else "TLS"}
 
-failures, compared = [], 0
-for number, (text, patterns) in enumerate(inventories, 1):
-    path = "%s/inventory%d.ini" % (work, number)
-    with open(path, "w") as f:
-        f.write(text)
-    # Ansible 2.14 makes a byte-order mark part of the first line; kelputil
-    # skips it, so it gets the file with one.
-    with open(path + ".bom", "w", encoding="utf-8-sig") as f:
-        f.write(text)
-    hostvars = json.loads(run("ansible-inventory", "-i", path, "--list").stdout)["_meta"]["hostvars"]
-    for pattern, hosts in zip(patterns, ansible_hosts(path, patterns)):
-        limit = ["--limit", pattern] if pattern else []
-        got = run(kelputil, "--json", "fleet", "-i", path + ".bom", *limit, "--list-hosts")
-        answer = json.loads(got.stdout.splitlines()[-1])
-        want = [expected_row(h, hostvars.get(h, {})) for h in hosts]
-        compared += 1
-        if hosts and answer["data"] != want:
-            failures.append("inventory %d, --limit %s:\n  kelputil %s\n  Ansible  %s" % (number, pattern, answer["data"], want))
-        elif not hosts and got.returncode != 1:
-            failures.append("inventory %d, --limit %s: Ansible selects nothing, kelputil %s" % (number, pattern, answer["data"]))
-print("\n".join(failures) or "kelputil and Ansible agree on %d patterns" % compared)
+failures = []
+path = work + "/inventory.ini"
+with open(path, "w") as f:
+    f.write(inventory)
+# Ansible 2.14 takes a byte-order mark for part of the first line; kelputil
+# skips it, so it gets the file with one.
+with open(path + ".bom", "w", encoding="utf-8-sig") as f:
+    f.write(inventory)
+hostvars = json.loads(run("ansible-inventory", "-i", path, "--list").stdout)["_meta"]["hostvars"]
+for pattern, hosts in zip(patterns, ansible_hosts(path, patterns)):
+    got = run(kelputil, "--json", "fleet", "-i", path + ".bom", *(["--limit", pattern] if pattern else []), "--list-hosts")
+    answer = json.loads(got.stdout.splitlines()[-1])
+    want = [expected_row(h, hostvars.get(h, {})) for h in hosts]
+    if hosts and answer["data"] != want:
+        failures.append("--limit %s:\n  kelputil %s\n  Ansible  %s" % (pattern, answer["data"], want))
+    elif not hosts and got.returncode != 1:
+        failures.append("--limit %s: Ansible selects nothing, kelputil %s" % (pattern, answer["data"]))
+print("\n".join(failures) or "kelputil and Ansible agree on %d patterns" % len(patterns))
 sys.exit(1 if failures else 0)
 PY
