@@ -202,11 +202,12 @@ bool valid_name(const std::string& name) {
 }
 
 // "name:port", the inventory shorthand for ansible_port, also after a range.
-void split_port(std::string* pattern, std::map<std::string, std::string>* vars) {
+std::string split_port(std::string* pattern) {
     size_t colon = pattern->rfind(':'), close = pattern->rfind(']');
-    if (colon == std::string::npos || (close != std::string::npos && colon < close)) return;
-    (*vars)["ansible_port"] = pattern->substr(colon + 1);
+    if (colon == std::string::npos || (close != std::string::npos && colon < close)) return "";
+    std::string port = pattern->substr(colon + 1);
     pattern->resize(colon);
+    return port;
 }
 
 // One address per host: a second line giving another is a mistake, and
@@ -233,27 +234,21 @@ status host_line(parser& p, const std::string& group, const std::string& text) {
     std::vector<std::string> parts;
     if (!shell_words(text, &parts)) return p.bad("a quote is not closed");
     if (parts.empty()) return kelp::ok();
-    std::string pattern = parts[0];
+    std::string pattern = parts[0], port = split_port(&pattern);
     std::map<std::string, std::string> vars;
-    split_port(&pattern, &vars);
-    for (size_t i = 1; i < parts.size(); i++) {
+    status st = port.empty() ? kelp::ok() : add_var(p, vars, "ansible_port", port, false);
+    for (size_t i = 1; st && i < parts.size(); i++) {
         size_t eq = parts[i].find('=');
         if (eq == std::string::npos || eq == 0) return p.bad("'" + parts[i] + "' is not key=value");
         std::string value = parts[i].substr(eq + 1), literal;
-        if (python_literal(value, &literal)) value = literal;
-        vars[parts[i].substr(0, eq)] = value;
+        st = add_var(p, vars, parts[i].substr(0, eq), python_literal(value, &literal) ? literal : value, false);
     }
-    std::map<std::string, std::string> checked;
-    for (const auto& [key, value] : vars) {
-        status st = add_var(p, checked, key, value, false);
-        if (!st) return st;
-    }
+    if (!st) return st;
     std::vector<std::string> names;
     if (!expand(pattern, &names)) return p.bad("'" + pattern + "' has a range that is not [FROM:TO] or [FROM:TO:STEP]");
     for (const std::string& name : names) {
         if (!valid_name(name)) return p.bad("'" + name + "' is not a usable host name");
-        status st = check_address(p, name, vars);
-        if (!st) return st;
+        if (!(st = check_address(p, name, vars))) return st;
         add_member(p, group, name, vars);
     }
     return kelp::ok();
@@ -295,7 +290,8 @@ status section_line(parser& p, const std::string& line, std::string* group, std:
 
 status parse(parser& p, const std::string& text) {
     std::string group = "ungrouped", kind = "hosts";
-    p.groups["all"], p.groups["ungrouped"];
+    p.groups["all"];
+    p.groups["ungrouped"];
     // Editors on Windows start a UTF-8 file with a byte-order mark.
     size_t start = text.rfind("\xEF\xBB\xBF", 0) == 0 ? 3 : 0;
     while (start < text.size()) {
