@@ -167,8 +167,9 @@ void add_fleet(command_line& c) {
     fleet->add_option("-i,--inventory", inv.inventory, "INI inventory of hosts and groups")
         ->envname("KELP_INVENTORY")
         ->type_name("FILE");
-    // Kept from a second --limit to say what to do, not CLI11's count.
-    c.limit = fleet->add_option("--limit", inv.limit, "hosts and groups to run on, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
+    // A second --limit is let through, then refused with what to do
+    // instead (CLI11 would only count).
+    c.limit = fleet->add_option("--limit", inv.limit, "hosts and groups, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
                   ->type_name("PATTERN")
                   ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     fleet->add_flag("--list-hosts", inv.list_hosts, "list the hosts the command would run on, and run nothing");
