@@ -158,41 +158,47 @@ status add_var(parser& p, std::map<std::string, std::string>& vars, const std::s
 }
 
 // "r[01:03]" -> r01 r02 r03; "[a:c]x" -> ax bx cx; an optional third part
-// is the step.
-bool expand(const std::string& pattern, std::vector<std::string>* out) {
-    size_t open = pattern.find('[');
-    if (open == std::string::npos) {
-        out->push_back(pattern);
-        return true;
-    }
-    size_t close = pattern.find(']', open);
-    if (close == std::string::npos) return false;
-    std::string inside = pattern.substr(open + 1, close - open - 1);
-    size_t colon = inside.find(':');
-    if (colon == std::string::npos) return false;
-    std::string from = inside.substr(0, colon), to = inside.substr(colon + 1), step_text = "1";
-    size_t second = to.find(':');
-    if (second != std::string::npos) step_text = to.substr(second + 1), to = to.substr(0, second);
+// is the step; an empty start is 0. Returns what is wrong, or "".
+std::string expand(const std::string& pattern, std::vector<std::string>* out) {
+    static const std::string letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    const std::string usage = "'" + pattern + "' has a range that is not [FROM:TO] or [FROM:TO:STEP]";
+    size_t open = pattern.find('['), close = pattern.find(']', open);
+    if (open == std::string::npos) return out->push_back(pattern), "";
+    if (close == std::string::npos) return usage;
+    std::string inside = pattern.substr(open + 1, close - open - 1), from, to, step_text = "1";
+    size_t colon = inside.find(':'), second = inside.find(':', colon + 1);
+    if (colon == std::string::npos) return usage;
+    from = inside.substr(0, colon);
+    to = inside.substr(colon + 1, second == std::string::npos ? std::string::npos : second - colon - 1);
+    if (second != std::string::npos) step_text = inside.substr(second + 1);
+    if (from.empty()) from = "0";
     int step = atoi(step_text.c_str());
-    if (from.empty() || to.empty() || step < 1) return false;
-    std::string head = pattern.substr(0, open), tail = pattern.substr(close + 1);
-    bool letters = isalpha((unsigned char)from[0]);
-    if (letters) {
-        if (from.size() != 1 || to.size() != 1 || !isalpha((unsigned char)to[0]) || from[0] > to[0]) return false;
-        for (char c = from[0]; c <= to[0]; c = (char)(c + step))
-            if (!expand(head + c + tail, out)) return false;
-        return true;
+    if (to.empty() || step < 1 || step_text.find_first_not_of("0123456789") != std::string::npos) return usage;
+    std::string head = pattern.substr(0, open), tail = pattern.substr(close + 1), wrong;
+    std::vector<std::string> items;
+    size_t a = letters.find(from), b = letters.find(to);
+    if (from.size() == 1 && to.size() == 1 && a != std::string::npos && b != std::string::npos) {
+        if (a > b) return usage;
+        for (size_t i = a; i <= b; i += step) items.push_back(letters.substr(i, 1));
+    } else {
+        if (from.find_first_not_of("0123456789") != std::string::npos || to.find_first_not_of("0123456789") != std::string::npos)
+            return usage;
+        // Ansible pads to the width of a start with a leading zero, and
+        // refuses an end of another width.
+        if (from.size() > 1 && from[0] == '0' && from.size() != to.size())
+            return "'" + pattern + "' has a range whose ends differ in width: write [" + from + ":" +
+                   std::string(from.size() > to.size() ? from.size() - to.size() : 0, '0') + to + "]";
+        long x = atol(from.c_str()), y = atol(to.c_str());
+        if (x > y || y - x > 100000) return usage;
+        for (long n = x; n <= y; n += step) {
+            std::string number = std::to_string(n);
+            if (number.size() < from.size()) number.insert(0, from.size() - number.size(), '0');
+            items.push_back(number);
+        }
     }
-    if (from.find_first_not_of("0123456789") != std::string::npos || to.find_first_not_of("0123456789") != std::string::npos)
-        return false;
-    long a = atol(from.c_str()), b = atol(to.c_str());
-    if (a > b || b - a > 100000) return false;
-    for (long n = a; n <= b; n += step) {
-        std::string number = std::to_string(n);
-        if (number.size() < from.size()) number.insert(0, from.size() - number.size(), '0');
-        if (!expand(head + number + tail, out)) return false;
-    }
-    return true;
+    for (const std::string& item : items)
+        if (!(wrong = expand(head + item + tail, out)).empty()) return wrong;
+    return "";
 }
 
 bool valid_name(const std::string& name) {
@@ -245,7 +251,8 @@ status host_line(parser& p, const std::string& group, const std::string& text) {
     }
     if (!st) return st;
     std::vector<std::string> names;
-    if (!expand(pattern, &names)) return p.bad("'" + pattern + "' has a range that is not [FROM:TO] or [FROM:TO:STEP]");
+    std::string wrong = expand(pattern, &names);
+    if (!wrong.empty()) return p.bad(wrong);
     for (const std::string& name : names) {
         if (!valid_name(name)) return p.bad("'" + name + "' is not a usable host name");
         if (!(st = check_address(p, name, vars))) return st;
