@@ -1,6 +1,8 @@
 // --limit, evaluated as Ansible evaluates a --limit over the group all.
 #include <fnmatch.h>
 
+#include <string.h>
+
 #include <algorithm>
 #include <regex>
 #include <set>
@@ -30,8 +32,19 @@ std::vector<std::string> split_pattern(const std::string& pattern) {
         }
         return out;
     }
-    static const std::regex element(R"((?:[^\s:\[\]]|\[[^\]]*\])+)");
-    for (std::sregex_iterator it(pattern.begin(), pattern.end(), element), end; it != end; ++it) out.push_back(it->str());
+    std::string element;
+    for (size_t i = 0; i <= pattern.size(); i++) {
+        size_t close = i < pattern.size() && pattern[i] == '[' ? pattern.find(']', i) : std::string::npos;
+        if (close != std::string::npos) {
+            element += pattern.substr(i, close - i + 1);
+            i = close;
+        } else if (i == pattern.size() || strchr(" \t\r\n:[]", pattern[i])) {
+            if (!element.empty()) out.push_back(element);
+            element.clear();
+        } else {
+            element += pattern[i];
+        }
+    }
     return out;
 }
 
@@ -51,22 +64,28 @@ struct subscript {
     long start = 0, end = -1;  // end -1: to the last
 };
 
+bool digits(const std::string& s) { return !s.empty() && s.size() < 10 && s.find_first_not_of("0123456789") == std::string::npos; }
+
 // "name[N]", "name[A:B]", "name[A:]" (and the older "name[A-B]"); not for
 // a ~regex, whose brackets are its own.
 std::string split_subscript(const std::string& element, subscript* sub) {
-    static const std::regex with(R"((.+)\[(?:(-?[0-9]+)|([0-9]+)([:-])([0-9]*))\])");
-    std::smatch m;
-    if (element[0] == '~' || !std::regex_match(element, m, with)) return element;
-    sub->given = true;
-    if (m[2].matched) {
+    size_t open = element.rfind('[');
+    if (element[0] == '~' || element.back() != ']' || open == std::string::npos || open == 0) return element;
+    std::string inside = element.substr(open + 1, element.size() - open - 2);
+    size_t sep = inside.find_first_of(":-", 1);
+    if (digits(inside) || (inside[0] == '-' && digits(inside.substr(1)))) {
         sub->single = true;
-        sub->start = std::stol(m[2]);
-    } else {
-        sub->start = std::stol(m[3]);
-        sub->end = m[5].length() ? std::stol(m[5]) : -1;
+        sub->start = std::stol(inside);
+    } else if (sep != std::string::npos && digits(inside.substr(0, sep)) &&
+               (sep + 1 == inside.size() || digits(inside.substr(sep + 1)))) {
+        sub->start = std::stol(inside.substr(0, sep));
+        sub->end = sep + 1 == inside.size() ? -1 : std::stol(inside.substr(sep + 1));
         sub->single = sub->end == 0;  // Ansible reads [A:0] as [A]
+    } else {
+        return element;
     }
-    return m[1];
+    sub->given = true;
+    return element.substr(0, open);
 }
 
 // A glob as Python's fnmatch has it (no escapes), or a ~regex anchored at
@@ -123,6 +142,10 @@ status apply_subscript(const std::string& element, const subscript& sub, std::ve
 status one_element(const inventory& inv, const std::string& element, std::set<std::string>* found) {
     std::string bare = element[0] == '&' || element[0] == '!' ? element.substr(1) : element;
     if (bare.empty()) return fail(error_kind::local, "--limit: '" + element + "' names nothing");
+    // Longer than any host name could be; and a huge ~regex would exhaust
+    // the stack compiling it.
+    if (bare.size() > 1024)
+        return fail(error_kind::local, "--limit: an element of " + std::to_string(bare.size()) + " characters (at most 1024)");
     subscript sub;
     std::string expression = split_subscript(bare, &sub);
     std::vector<std::string> hosts;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <regex>
 #include <set>
 
 #include "cli.h"
@@ -79,17 +78,37 @@ bool shell_words(const std::string& line, std::vector<std::string>* out) {
     return true;
 }
 
+bool all_digits(const std::string& s, size_t from, size_t to) {
+    return from < to && std::all_of(s.begin() + from, s.begin() + to, [](char c) { return isdigit((unsigned char)c); });
+}
+
+// A Python number: 12, -3, 0.5, .5, 1e3; an integer with a leading zero is
+// not one.
+bool python_number(const std::string& s) {
+    size_t start = s[0] == '+' || s[0] == '-' ? 1 : 0, exponent = s.find_first_of("eE", start);
+    std::string mantissa = s.substr(start, exponent == std::string::npos ? std::string::npos : exponent - start);
+    size_t dot = mantissa.find('.');
+    bool whole = dot == std::string::npos ? all_digits(mantissa, 0, mantissa.size())
+                                          : (all_digits(mantissa, 0, dot) || dot == 0) &&
+                                                (all_digits(mantissa, dot + 1, mantissa.size()) || dot + 1 == mantissa.size()) &&
+                                                mantissa.size() > 1;
+    if (!whole || (dot == std::string::npos && exponent == std::string::npos && mantissa.size() > 1 && mantissa[0] == '0'))
+        return false;
+    if (exponent == std::string::npos) return true;
+    size_t digits = exponent + 1 + (s[exponent + 1] == '+' || s[exponent + 1] == '-');
+    return all_digits(s, digits, s.size());
+}
+
 // A value Ansible's literal evaluation takes as a Python literal: a quoted
 // string (which loses its quotes), a number, True, False or None.
 bool python_literal(const std::string& text, std::string* value) {
     std::string s = trim(text);
-    static const std::regex number(R"([+-]?(0|[1-9][0-9]*)(\.[0-9]*)?([eE][+-]?[0-9]+)?|[+-]?\.[0-9]+)");
     if (s.size() >= 2 && (s[0] == '"' || s[0] == '\'') && s.back() == s[0] &&
         s.find(s[0], 1) == s.size() - 1) {
         *value = s.substr(1, s.size() - 2);
         return true;
     }
-    if (s == "True" || s == "False" || s == "None" || std::regex_match(s, number)) {
+    if (!s.empty() && (s == "True" || s == "False" || s == "None" || python_number(s))) {
         *value = s;
         return true;
     }
@@ -203,7 +222,7 @@ std::string expand(const std::string& pattern, std::vector<std::string>* out) {
 
 bool valid_name(const std::string& name) {
     // Host names become folders of a backup: nothing that climbs or hides.
-    if (name.empty() || name[0] == '.' || name[0] == '-') return false;
+    if (name.empty() || name.size() > 255 || name[0] == '.' || name[0] == '-') return false;
     return name.find_first_of("/\\ \t[]:=") == std::string::npos;
 }
 
@@ -269,22 +288,34 @@ status vars_line(parser& p, const std::string& group, const std::string& text) {
     return add_var(p, p.groups[group].vars, key, value, true);
 }
 
+// What may follow a section header or a child group: nothing, or a comment.
+bool only_comment(const std::string& rest) {
+    std::string r = trim(rest);
+    return r.empty() || r[0] == '#';
+}
+
 status children_line(parser& p, const std::string& group, const std::string& text) {
-    static const std::regex child(R"(([^:\]\s]+)\s*(#.*)?)");
-    std::smatch m;
-    if (!std::regex_match(text, m, child) || !valid_name(m[1])) return p.bad("'" + text + "' is not a group name");
+    size_t end = text.find_first_of(":] \t");
+    std::string name = text.substr(0, end);
+    if (!only_comment(end == std::string::npos ? "" : text.substr(end)) || text[end] == ':' || text[end] == ']' ||
+        !valid_name(name))
+        return p.bad("'" + text + "' is not a group name");
     std::vector<std::string>& children = p.groups[group].children;
-    if (std::find(children.begin(), children.end(), m[1]) == children.end()) children.push_back(m[1]);
-    p.referenced.emplace(m[1], p.line);
+    if (std::find(children.begin(), children.end(), name) == children.end()) children.push_back(name);
+    p.referenced.emplace(name, p.line);
     return kelp::ok();
 }
 
+// "[GROUP]", "[GROUP:KIND]", then at most a comment.
 status section_line(parser& p, const std::string& line, std::string* group, std::string* kind) {
-    static const std::regex section(R"(\[([^:\]\s]+)(?::(\w+))?\]\s*(#.*)?)");
-    std::smatch m;
-    if (!std::regex_match(line, m, section)) return p.bad("a section header is [GROUP], [GROUP:vars] or [GROUP:children]");
-    *group = m[1];
-    *kind = m[2].matched ? std::string(m[2]) : "hosts";
+    size_t close = line.find(']'), colon = line.find(':');
+    if (colon > close) colon = close;
+    *group = line.substr(1, colon - 1);
+    *kind = colon < close ? line.substr(colon + 1, close - colon - 1) : "hosts";
+    bool word = !kind->empty() && std::all_of(kind->begin(), kind->end(), [](char c) { return isalnum((unsigned char)c) || c == '_'; });
+    if (close == std::string::npos || !only_comment(line.substr(close + 1)) || group->empty() ||
+        group->find_first_of(" \t") != std::string::npos || !word)
+        return p.bad("a section header is [GROUP], [GROUP:vars] or [GROUP:children]");
     if (*kind != "hosts" && *kind != "vars" && *kind != "children")
         return p.bad("unknown section kind ':" + *kind + "' (a group, GROUP:vars or GROUP:children)");
     if (!valid_name(*group)) return p.bad("'" + *group + "' is not a usable group name");
