@@ -18,6 +18,7 @@ const char* const our_keys[] = {"port", "tls", "plain", "pin", "password_file", 
 
 struct group_def {
     std::vector<std::string> hosts, children;
+    std::set<std::string> has;  // hosts, to keep them unique in a large inventory
     std::map<std::string, std::string> vars;
 };
 
@@ -120,8 +121,15 @@ bool python_literal(const std::string& text, std::string* value) {
 std::string vars_value(const std::string& text) {
     std::string literal;
     if (python_literal(text, &literal)) return literal;
-    for (size_t hash = text.find('#'); hash != std::string::npos; hash = text.find('#', hash + 1))
-        if (python_literal(text.substr(0, hash), &literal)) return literal;
+    char quote = 0;
+    for (size_t i = 0; i < text.size(); i++)
+        if (quote) {
+            quote = text[i] == quote ? 0 : quote;
+        } else if (text[i] == '"' || text[i] == '\'') {
+            quote = text[i];
+        } else if (text[i] == '#') {
+            return python_literal(text.substr(0, i), &literal) ? literal : text;
+        }
     return text;
 }
 
@@ -251,7 +259,7 @@ void add_member(parser& p, const std::string& group, const std::string& name, co
     std::map<std::string, std::string>& mine = p.host_vars[name];
     for (const auto& [key, value] : vars) mine[key] = value;
     group_def& g = p.groups[group];
-    if (std::find(g.hosts.begin(), g.hosts.end(), name) == g.hosts.end()) g.hosts.push_back(name);
+    if (g.has.insert(name).second) g.hosts.push_back(name);
     if (group != "ungrouped" && group != "all") p.grouped.insert(name);
 }
 
@@ -394,12 +402,12 @@ void settle_top(parser& p) {
     for (const std::string& name : p.group_order)
         if (name != "all" && !held.count(name) && std::find(top.begin(), top.end(), name) == top.end())
             top.push_back(name);
-    std::vector<std::string>& ungrouped = p.groups["ungrouped"].hosts;
+    group_def& ungrouped = p.groups["ungrouped"];
     for (const std::string& h : p.order)
-        if (!p.grouped.count(h) && std::find(ungrouped.begin(), ungrouped.end(), h) == ungrouped.end())
-            ungrouped.push_back(h);
-    ungrouped.erase(std::remove_if(ungrouped.begin(), ungrouped.end(), [&](const std::string& h) { return p.grouped.count(h); }),
-                    ungrouped.end());
+        if (!p.grouped.count(h) && ungrouped.has.insert(h).second) ungrouped.hosts.push_back(h);
+    ungrouped.hosts.erase(std::remove_if(ungrouped.hosts.begin(), ungrouped.hosts.end(),
+                                         [&](const std::string& h) { return p.grouped.count(h); }),
+                          ungrouped.hosts.end());
 }
 
 // A group's hosts in Ansible's order: its own, then its children's, then
@@ -435,20 +443,19 @@ status load_inventory(const std::string& path, inventory* out) {
     inv.group_order = p.group_order;
     inv.defined = p.order;
     inv.warnings = p.warnings;
-    // Groups from the shallowest to the deepest, so that the deeper win.
+    // Groups from the shallowest to the deepest, so that the deeper win;
+    // then the host's own.
     std::vector<std::string> by_depth;
     for (const auto& [name, g] : p.groups) by_depth.push_back(name);
     std::stable_sort(by_depth.begin(), by_depth.end(), [&](const std::string& a, const std::string& b) { return depth[a] < depth[b]; });
+    std::map<std::string, std::map<std::string, std::string>> vars;
+    for (const std::string& g : by_depth)
+        for (const std::string& host : inv.groups[g])
+            for (const auto& [key, value] : p.groups[g].vars) vars[host][key] = value;
     for (const std::string& name : inv.groups["all"]) {
-        inventory_host h;
-        h.name = name;
-        for (const std::string& g : by_depth) {
-            const std::vector<std::string>& hosts = inv.groups[g];
-            if (std::find(hosts.begin(), hosts.end(), name) != hosts.end())
-                for (const auto& [key, value] : p.groups[g].vars) h.vars[key] = value;
-        }
-        for (const auto& [key, value] : p.host_vars[name]) h.vars[key] = value;
-        inv.hosts.push_back(h);
+        std::map<std::string, std::string>& mine = vars[name];
+        for (const auto& [key, value] : p.host_vars[name]) mine[key] = value;
+        inv.hosts.push_back({name, std::move(mine)});
     }
     *out = std::move(inv);
     return kelp::ok();
