@@ -31,7 +31,7 @@ TEST_F(fleet, one_command_on_every_host) {
               "\"exit\":2,\"host\":\"router7\"", "/data/failed=[\"router3\",\"router5\",\"router7\"]", "/exit=20",
               "/data/hosts=50"}},
             // People get a table; the silent host costs its time-out, not everyone's.
-            {"kelputil fleet --timeout 5 --limit 'router[1-5]:!router2' -j 4 ppp", 20,
+            {"kelputil fleet --timeout 5 --limit 'routers[0:4]:!router2' -j 4 ppp", 20,
              {"router1: NAME   TYPE   INTERFACE  REMOTE     CBQ_RULE\n", "router4: bob    pptp   ppp1       10.64.0.2  none\n",
               "HOST     RESULT    TIME  MESSAGE\n", "router1  ok  ", "  2 PPP sessions\n", "router3  FAILED  ",
               "router5  FAILED    5.", "!router2 ", "fleet ppp: 4 hosts, 2 ok, 2 failed"}},
@@ -52,6 +52,20 @@ TEST_F(fleet, one_command_on_every_host) {
             {"unset KELPUTIL_PASSWORD; (sleep 2; echo pw) | script -qfec 'kelputil fleet --limit router1 report core' "
              "/dev/null > tty; echo first: $(tr '\\r' '\\n' < tty | grep -m1 -e 'password:' -e 'fleet:'); cat tty",
              0, {"first: admin password:", "router1  ok        0.", "\rrouter1: model: simulated kelp-v3 router"}},
+            // A host named on several lines and ranges is one host: one session.
+            {"printf '[a]\\nrouter[1:2]\\nrouter1 ansible_host=198.18.0.2\\n[b]\\nrouter1\\n"
+             "router2 ansible_host=198.18.0.3\\n' > dup.ini && log=/run/fleet/router1/messages && "
+             "b=$(grep -c 'our ppp list' $log); kelputil -q fleet -i dup.ini ppp; r=$?; for i in $(seq 50); do "
+             "[ $(grep -c 'our ppp list' $log) -gt $b ] && break; sleep 0.1; done; sleep 0.3; "
+             "echo sessions $(( $(grep -c 'our ppp list' $log) - b )); exit $r",
+             0, {"sessions 1\n"}},
+            // What a run would touch, with no password and nothing contacted.
+            {"env -u KELPUTIL_PASSWORD kelputil fleet --limit 'routers[0:1]' --plain --list-hosts", 0,
+             {"HOST     ADDRESS     PORT   MODE\nrouter1  198.18.0.2  856    plain\nrouter2  198.18.0.3  856    plain\n2 hosts\n"}},
+            {"kelputil --json fleet --limit router1 --list-hosts reboot; grep -c rebooting /run/fleet/router1/messages", 1,
+             {"/data=[{\"address\":\"198.18.0.2\",\"host\":\"router1\",\"mode\":\"TLS\",\"port\":857}]", "\n0\n"}},
+            {"kelputil fleet --limit '' check", 1, {"--limit '': an empty pattern selects nothing; leave --limit out"}},
+            {"kelputil fleet --limit router1 --limit router2 check", 1, {"--limit is given twice: join the patterns with ','"}},
             // A bad inventory or a missing password: nothing runs.
             {"printf '[routers]\\nrouter1 ansible_host=198.18.0.2 port=85x\\n' > bad.ini && kelputil fleet -i bad.ini check",
              1, {"bad.ini:2: port=85x is not a port"}},

@@ -80,6 +80,7 @@ struct command_line {
     std::string port, timeout = "15", seconds = "10", window, jobs = "16", settle = "120";
     bool tls = false, apply = false, reboot = false;
     std::vector<std::string> help_words;  // listed for --help; help_for reads argv
+    CLI::Option* limit = nullptr;
 
     explicit command_line(invocation& i) : inv(i) {}
 };
@@ -169,12 +170,16 @@ void add_fleet(command_line& c) {
     fleet->add_option("-i,--inventory", inv.inventory, "INI inventory of hosts and groups")
         ->envname("KELP_INVENTORY")
         ->type_name("FILE");
-    fleet->add_option("--limit", inv.limit, "hosts and groups to run on: names, globs, a:b, !excluded, &both")
-        ->type_name("PATTERN");
+    // A second --limit is let through, then refused with what to do
+    // instead (CLI11 would only count).
+    c.limit = fleet->add_option("--limit", inv.limit, "hosts and groups, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
+                  ->type_name("PATTERN")
+                  ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    fleet->add_flag("--list-hosts", inv.list_hosts, "list the hosts the command would run on, and run nothing");
     fleet->add_option("-j,--jobs", c.jobs, "hosts at a time (default 16, at most 256)")
         ->check(whole_number(1, 256, "job count"))
         ->type_name("N");
-    fleet->require_subcommand(1);
+    fleet->require_subcommand(0, 1);
     add_device_commands(c, *fleet, true);
     CLI::App* backup = add_command(*fleet, "backup", "back up every host into a git repository");
     backup->add_option("--into", inv.into, "the repository folder (created if new or empty)")->required();
@@ -386,6 +391,12 @@ std::string check_combinations(const command_line& c) {
     if (inv.is_fleet() && c.app.get_option("--host")->count() > 0)
         return "a fleet's hosts come from the inventory: leave out -H, or use --limit";
     std::string device = inv.device_command();
+    if (c.limit && c.limit->count() > 1) return "--limit is given twice: join the patterns with ',' (--limit 'a,b')";
+    if (c.limit && c.limit->count() && inv.limit.find_first_not_of(":, \t") == std::string::npos)
+        return "--limit '" + inv.limit + "': an empty pattern selects nothing; leave --limit out to run on every host";
+    if (inv.command == "fleet" && !inv.list_hosts) return "fleet needs a command, or --list-hosts";
+    if (inv.list_hosts && (device == "history" || device == "diff"))
+        return "--list-hosts shows the hosts of a run: history and diff read a backup repository";
     if (inv.is_fleet() && device != "history" && device != "diff" && inv.inventory.empty())
         return "a fleet run needs an inventory: -i FILE (or KELP_INVENTORY)";
     if (inv.is_fleet() && device == "get-script" && !inv.file.empty() && inv.file.find("{host}") == std::string::npos)
@@ -400,6 +411,8 @@ std::string check_combinations(const command_line& c) {
 long long parse_duration_ms(const std::string& text) {
     return parse_number_with_suffix(text, {{"", 1000}, {"s", 1000}, {"ms", 1}, {"m", 60000}, {"h", 3600000}});
 }
+
+size_t edit_distance(const std::string& a, const std::string& b) { return distance(a, b); }
 
 long long parse_size(const std::string& text) {
     long long n = parse_number_with_suffix(text, {{"", 1}, {"K", 1024}, {"k", 1024}, {"M", 1 << 20}, {"m", 1 << 20}});
