@@ -109,7 +109,7 @@ TEST_F(fleet, backups_in_git) {
              "kelputil -q fleet --limit router1 backup --into plain --init && git -C plain ls-files",
              0, {"plain is not empty and holds no backups (not a git repository)", "r=1\n", "router1/config.dat\n"}},
             {"kelputil --json fleet history router2 --into bk", 0, {"/message=\"router2: 2 backups with changes\""}},
-            {"kelputil --json fleet history router1 --into bk", 0, {"/message=\"router1: 1 backups with changes\""}},
+            {"kelputil --json fleet history router1 --into bk", 0, {"/message=\"router1: 1 backup with changes\""}},
             {"a=$(kelputil fleet history nosuch --into bk 2>&1; echo $?); b=$(kelputil fleet diff nosuch --into bk 2>&1; "
              "echo $?); [ \"$a\" = \"$b\" ] && echo \"$a\"",
              0, {"kelputil: the backups in bk hold no host 'nosuch'\n1\n"}},

@@ -164,9 +164,13 @@ void add_offline_commands(command_line& c) {
     unpack->add_option("OUT", inv.out, "the plain configuration to write (mode 600; - for stdout)")->required();
 }
 
-void add_fleet(command_line& c) {
+// Its options and commands only when the command line asks for them: the
+// tree is as large as all the others together, and building it would cost
+// every single-router command at start.
+void add_fleet(command_line& c, bool whole) {
     invocation& inv = c.inv;
     CLI::App* fleet = add_command(c.app, "fleet", "run a command on every host of an inventory");
+    if (!whole) return;
     fleet->add_option("-i,--inventory", inv.inventory, "INI inventory of hosts and groups")
         ->envname("KELP_INVENTORY")
         ->type_name("FILE");
@@ -426,12 +430,13 @@ int parse_command_line(int argc, char** argv, invocation* out) {
     add_global_options(c);
     add_device_commands(c, c.app, false);
     add_offline_commands(c);
-    add_fleet(c);
+    int at = typed_command_at(argc, argv);
+    std::string typed = at < argc ? argv[at] : "";
+    add_fleet(c, typed == "fleet" || typed == "help");
     add_command(c.app, "help", "show a command's help: help [COMMAND [SUBCOMMAND]]")
         ->add_option("COMMAND", c.help_words, "a command, and for fleet one of its commands");
     c.app.footer(std::string("\n") + footer + "\n");  // the main help only: subcommands exist already
-    int at = typed_command_at(argc, argv);
-    if (at < argc && std::string(argv[at]) == "help") return help_for(c, argc, argv, at);
+    if (typed == "help") return help_for(c, argc, argv, at);
     std::string wrong_word = misspelt_word(c.app, argc, argv);
     if (!wrong_word.empty()) return usage_error(*out, wrong_word, "kelputil [OPTIONS] COMMAND [ARGS]");
     try {

@@ -20,7 +20,7 @@ int list_hosts(const invocation& inv, const std::vector<const inventory_host*>& 
         kelp::target t = make_target(inv, settings_of(*h), nullptr, notes);
         o.data.push_back({{"host", h->name}, {"address", t.host}, {"port", t.port}, {"mode", t.tls ? "TLS" : "plain"}});
     }
-    o.message = std::to_string(hosts.size()) + (hosts.size() == 1 ? " host" : " hosts");
+    o.message = plural(hosts.size(), "host");
     if (inv.json) {
         print_outcome(o, true, false);
         return 0;

@@ -176,7 +176,7 @@ int run_fleet_history(const invocation& inv) {
     if (st) st = store->require_folder(inv.name);
     if (st) st = store->history(inv.name, &entries);
     if (!st) return local_error(inv, st);
-    outcome o = success(inv.name + ": " + std::to_string(entries.size()) + " backups with changes", entries);
+    outcome o = success(inv.name + ": " + plural(entries.size(), "backup") + " with changes", entries);
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
                   std::to_string(e["files"].size()) + " files  " + terminal_text(e["subject"].get<std::string>()) + "\n";
