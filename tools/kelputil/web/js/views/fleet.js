@@ -79,15 +79,20 @@ class FleetTable {
         el('thead', {}, this.head), this.body));
   }
 
+  // Built once and then only marked, so that a focused sort button keeps
+  // its focus across refreshes.
   header(sort, dir) {
-    fill(this.head, columns.map((c) => {
+    if (!this.head.children.length) {
+      fill(this.head, columns.map((c) => el('th', { scope: 'col' },
+        el('button', { type: 'button', onclick: () => this.onSort(c.key) }, c.label, el('span', { 'aria-hidden': 'true' })))));
+    }
+    columns.forEach((c, i) => {
+      const th = this.head.children[i];
       const active = c.key === sort;
-      const aria = active ? (dir === 'desc' ? 'descending' : 'ascending') : undefined;
-      const arrow = active ? (dir === 'desc' ? ' ▼' : ' ▲') : '';
-      return el('th', { scope: 'col', 'aria-sort': aria },
-        el('button', { type: 'button', onclick: () => this.onSort(c.key) }, c.label,
-          el('span', { 'aria-hidden': 'true' }, arrow)));
-    }));
+      if (active) th.setAttribute('aria-sort', dir === 'desc' ? 'descending' : 'ascending');
+      else th.removeAttribute('aria-sort');
+      th.querySelector('span').textContent = active ? (dir === 'desc' ? ' ▼' : ' ▲') : '';
+    });
   }
 
   row(h, at) {
