@@ -107,6 +107,11 @@ class Page(unittest.TestCase):
         self.assertEqual(self.b.texts('main ins, main del'), [
             '-/ip firewall filter add chain=input action=accept src-address=198.18.3.2\n',
             '+/ip firewall filter add chain=input action=accept src-address=198.18.3.9\n'])
+        # Each change in a host's history links to its diff against the one before.
+        self.open('#/hosts/router3', fresh=True)
+        newest, first = self.b.wait('the history', lambda: self.b.js(
+            "return [...document.querySelectorAll('main tbody a[href*=\"/diff?\"]')].map(a => a.getAttribute('href'))"))
+        self.assertEqual(first, '#/hosts/router3/diff?to=' + re.match(r'#/hosts/router3/diff\?from=(\w+)&to=\w+$', newest)[1])
 
     def test_back_up_now_shows_the_changed_line_in_the_diff(self):
         self.target.change_file('router4', 'scripts/fw.scr', 'src-address=198.18.4.3', 'src-address=203.0.113.77')
@@ -145,15 +150,16 @@ class Page(unittest.TestCase):
         try:
             self.open('#/', fresh=True)
             self.b.find('#fleet-filter').send_keys('ROUTER1')
-            self.b.wait('the filter', lambda: len(self.fleet_rows()) == 11)
+            # Both answer at once: a refresh, seconds later, must not be what puts them right.
+            names = lambda: [r[0] for r in self.fleet_rows()]  # noqa: E731
+            self.b.wait('the filter', lambda: names() == ['router1'] + [f'router{k}' for k in range(10, 20)], 1)
             self.b.find('table.fleet th button').send_keys(Keys.ENTER)
-            expected = ['router19', 'router18', 'router17', 'router16', 'router15', 'router14', 'router13',
-                        'router12', 'router11', 'router10', 'router1']
-            self.b.wait('the sort', lambda: [r[0] for r in self.fleet_rows()] == expected)
+            expected = [f'router{k}' for k in range(19, 9, -1)] + ['router1']
+            self.b.wait('the sort', lambda: names() == expected, 1)
             self.b.js('window.scrollTo(0, 120)')
             before = self.b.texts('main p.muted')[0]
             self.b.wait('a refresh', lambda: self.b.texts('main p.muted')[0] != before, timeout=15)
-            self.assertEqual([r[0] for r in self.fleet_rows()], expected)
+            self.assertEqual(names(), expected)
             self.assertEqual(self.b.js("""return [document.getElementById('fleet-filter').value, scrollY,
                 document.activeElement.textContent, location.hash]"""),
                              ['ROUTER1', 120, 'Name ▼', '#/?q=ROUTER1&dir=desc'])

@@ -14,7 +14,8 @@ def rule(k, i):
 
 class Fleet:
     """routerK for K in 1..size: router7 is down, router12 never backed up,
-    router13's texts are hostile; every third host has changed once."""
+    router13's texts are hostile, router17 is late by one interval; every
+    third host has changed once."""
 
     def __init__(self, size, token=None):
         self.token, self.requests, self.revs, self.hosts, self.staged = token, [], {}, {}, {}
@@ -31,6 +32,8 @@ class Fleet:
                 h.update(state='pending', last_attempt=None, last_success=None, last_duration=None)
                 continue
             self.commit(name, files, now - 3 * 86400, 'fleet backup: first run')
+            if k == 17:  # late, but not yet by two intervals
+                h.update(last_success=now - INTERVAL * 3 // 2)
             if k == 7:
                 h.update(state='failed', failures=5, last_error='connection refused', last_success=now - 5 * INTERVAL)
             if k == 13:
