@@ -9,6 +9,7 @@ import standin  # noqa: E402
 
 ARGS = None
 TOKEN = 's3cret'
+ASSETS = tempfile.TemporaryDirectory(prefix='kelp-web-assets-')
 
 
 class Target:
@@ -28,11 +29,13 @@ class Target:
         self.server.server_close()
 
 
-def dump_assets():
-    folder = tempfile.mkdtemp(prefix='kelp-web-assets-')
-    os.mkdir(os.path.join(folder, 'files'))
-    subprocess.run([ARGS.dump, folder], check=True)
-    return folder
+def setUpModule():
+    os.mkdir(os.path.join(ASSETS.name, 'files'))
+    subprocess.run([ARGS.dump, ASSETS.name], check=True)
+
+
+def tearDownModule():
+    ASSETS.cleanup()
 
 
 def get(url, token=None):
@@ -47,8 +50,7 @@ def get(url, token=None):
 class Page(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.assets = dump_assets()
-        cls.target = Target(20, cls.assets)
+        cls.target = Target(20, ASSETS.name)
         cls.b = browser.Browser()
         cls.open('#/')
         cls.b.find('#token').send_keys(TOKEN + '\n')
@@ -60,9 +62,9 @@ class Page(unittest.TestCase):
         cls.target.close()
 
     @classmethod
-    def open(cls, address, fresh=False):
-        if fresh:
-            cls.b.driver.get('about:blank')
+    def open(cls, address):
+        """As when pasted into the address bar: a new load, not a hash change."""
+        cls.b.driver.get('about:blank')
         cls.b.driver.get(cls.target.url + address)
 
     def fleet_rows(self):
@@ -70,7 +72,7 @@ class Page(unittest.TestCase):
             [...r.cells].map(c => c.textContent).concat(r.querySelector('.state').className))""")
 
     def test_fleet_lists_every_host_and_marks_the_down_one(self):
-        self.open('#/', fresh=True)
+        self.open('#/')
         rows = self.b.wait('20 hosts', lambda: len(self.fleet_rows()) == 20 and self.fleet_rows())
         self.assertEqual([r[0] for r in rows], [f'router{k}' for k in range(1, 21)])
         by_name = {r[0]: r for r in rows}
@@ -96,26 +98,26 @@ class Page(unittest.TestCase):
                 ('#/hosts/router3/history', 'No such page', 'a[href="#/"]'),
                 ('#/hosts/router3/diff', 'router3: change', 'ins')]:
             with self.subTest(address=address):
-                self.open(address, fresh=True)
+                self.open(address)
                 self.b.find(f'main {shows}')
                 self.assertEqual(self.b.heading(), title)
         # A diff's address is completed with both revisions and still shows
         # the same change when pasted into a fresh browser tab.
         self.assertRegex(self.b.driver.current_url, r'#/hosts/router3/diff\?from=[0-9a-f]{40}&to=[0-9a-f]{40}$')
-        self.open(self.b.driver.current_url[len(self.target.url):], fresh=True)
+        self.open(self.b.driver.current_url[len(self.target.url):])
         self.b.find('main ins')
         self.assertEqual(self.b.texts('main ins, main del'), [
             '-/ip firewall filter add chain=input action=accept src-address=198.18.3.2\n',
             '+/ip firewall filter add chain=input action=accept src-address=198.18.3.9\n'])
         # Each change in a host's history links to its diff against the one before.
-        self.open('#/hosts/router3', fresh=True)
+        self.open('#/hosts/router3')
         newest, first = self.b.wait('the history', lambda: self.b.js(
             "return [...document.querySelectorAll('main tbody a[href*=\"/diff?\"]')].map(a => a.getAttribute('href'))"))
         self.assertEqual(first, '#/hosts/router3/diff?to=' + re.match(r'#/hosts/router3/diff\?from=(\w+)&to=\w+$', newest)[1])
 
     def test_back_up_now_shows_the_changed_line_in_the_diff(self):
         self.target.change_file('router4', 'scripts/fw.scr', 'src-address=198.18.4.3', 'src-address=203.0.113.77')
-        self.open('#/hosts/router4', fresh=True)
+        self.open('#/hosts/router4')
         self.b.find('main table')
         self.b.wait('the button', lambda: [b for b in self.b.driver.find_elements('css selector', 'main button')
                                            if b.text == 'Back up now'])[0].click()
@@ -132,7 +134,7 @@ class Page(unittest.TestCase):
 
     def test_search_finds_the_line_and_its_link_opens_the_file_at_it(self):
         from selenium.webdriver.common.keys import Keys
-        self.open('#/search', fresh=True)
+        self.open('#/search')
         self.b.find('#search-text').send_keys('SRC-address=198.18.5.4' + Keys.ENTER)
         self.b.wait('a result', lambda: self.b.texts('main tbody tr'))
         self.assertEqual(self.b.js("""return [...document.querySelectorAll('main tbody td')].map(c => c.textContent)"""),
@@ -148,7 +150,7 @@ class Page(unittest.TestCase):
         from selenium.webdriver.common.keys import Keys
         self.b.driver.set_window_size(900, 420)
         try:
-            self.open('#/', fresh=True)
+            self.open('#/')
             self.b.find('#fleet-filter').send_keys('ROUTER1')
             # Both answer at once: a refresh, seconds later, must not be what puts them right.
             names = lambda: [r[0] for r in self.fleet_rows()]  # noqa: E731
@@ -174,7 +176,7 @@ class Page(unittest.TestCase):
                                 ('#/hosts/router13/files/scripts/fw.scr', [img, script]),
                                 ('#/search?q=%3Cimg', [img])]:
             with self.subTest(address=address):
-                self.open(address, fresh=True)
+                self.open(address)
                 text = self.b.wait('the texts', lambda: all(w in self.b.js(
                     "return document.querySelector('main').textContent") for w in wanted))
                 self.assertTrue(text)
@@ -218,7 +220,7 @@ class Page(unittest.TestCase):
                 with self.subTest(address=address, scheme=scheme):
                     self.b.driver.execute_cdp_cmd('Emulation.setEmulatedMedia', {
                         'features': [{'name': 'prefers-color-scheme', 'value': scheme}]})
-                    self.open(address, fresh=True)
+                    self.open(address)
                     self.b.find('main table, main ins')
                     self.assertEqual(self.b.js("""return [getComputedStyle(document.body).backgroundColor,
                         document.documentElement.scrollWidth <= innerWidth]"""), [background, True])
@@ -230,12 +232,11 @@ class Page(unittest.TestCase):
 
 class Scale(unittest.TestCase):
     def test_a_thousand_hosts_within_a_second_and_small_files(self):
-        assets = dump_assets()
-        with open(os.path.join(assets, 'assets.tsv')) as index:
-            sizes = [os.path.getsize(os.path.join(assets, line.split('\t')[2].strip()))
+        with open(os.path.join(ASSETS.name, 'assets.tsv')) as index:
+            sizes = [os.path.getsize(os.path.join(ASSETS.name, line.split('\t')[2].strip()))
                      for line in index if not line.startswith('/\t')]
         self.assertLessEqual(sum(sizes), 100 * 1024)
-        target, b = Target(1000, assets), browser.Browser()
+        target, b = Target(1000, ASSETS.name), browser.Browser()
         try:
             b.driver.get(target.url)
             b.js("sessionStorage.setItem('kelputil.token', arguments[0])", TOKEN)
