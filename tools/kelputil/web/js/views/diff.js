@@ -57,7 +57,7 @@ export function renderDiff(view, route) {
 
   async function load() {
     const { from, to } = await resolve(name, route.params);
-    if (to) replaceAddress(links.diff(name, from, to));
+    if (to && view.isConnected) replaceAddress(links.diff(name, from, to));
     const d = diffFromApi(await request(paths.diff(name, from, to)));
     fill(where, from ? `From ${shortRev(d.from ?? from)} to ${shortRev(d.to ?? to)}` : `First backup, ${shortRev(d.to ?? to)}`);
     const parts = d.patch ? splitFiles(d.patch) : [];

@@ -141,6 +141,8 @@ export function renderFleet(view, route, ctx) {
   });
 
   function update() {
+    // An answer that arrives after the view was left must not touch the address.
+    if (!view.isConnected) return;
     replaceAddress(links.fleet({ q: state.filter, sort: state.sort === 'name' ? '' : state.sort,
       dir: state.dir === 'asc' ? '' : state.dir }));
     table.header(state.sort, state.dir);
