@@ -18,7 +18,7 @@ class Fleet:
     third host has changed once."""
 
     def __init__(self, size, token=None):
-        self.token, self.requests, self.revs, self.hosts, self.staged = token, [], {}, {}, {}
+        self.token, self.revs, self.hosts, self.staged = token, {}, {}, {}
         now = int(time.time())
         for k in range(1, size + 1):
             name = f'router{k}'
@@ -53,7 +53,8 @@ class Fleet:
 
     # What a router's operator would do between two backups.
     def change_file(self, name, path, old, new):
-        self.staged[name] = self.replaced(name, old, new)
+        files = dict(self.revs[name][-1]['files'])
+        self.staged[name] = dict(files, **{path: files[path].replace(old, new)})
 
     def host(self, name, history=False):
         revs, h = self.revs[name], dict(self.hosts[name])
@@ -141,7 +142,6 @@ def serve(fleet, asset_dir):
 
         def handle_any(self, method):
             url = urllib.parse.urlsplit(self.path)
-            fleet.requests.append((method, url.path, self.headers.get('Authorization')))
             if not url.path.startswith('/api/'):
                 ctype, body = assets.get(url.path, ('text/plain', None))
                 return self.reply(200, ctype, body) if body else self.reply(404, 'text/plain', b'not found')
