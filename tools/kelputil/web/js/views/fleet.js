@@ -130,7 +130,8 @@ export function renderFleet(view, route, ctx) {
     fleet: null,
   };
   const summary = el('div');
-  const shown = el('p', { class: 'muted', role: 'status', 'aria-live': 'polite' });
+  // Not a live region: it changes with every refresh, and would be read out each time.
+  const shown = el('p', { class: 'muted' });
   const problem = el('div');
   const input = el('input', { type: 'search', id: 'fleet-filter', value: state.filter,
     placeholder: 'name, address, state, error', autocomplete: 'off' });
