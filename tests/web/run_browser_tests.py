@@ -109,6 +109,11 @@ class Page(unittest.TestCase):
         self.assertEqual(self.b.texts('main ins, main del'), [
             '-/ip firewall filter add chain=input action=accept src-address=198.18.3.2\n',
             '+/ip firewall filter add chain=input action=accept src-address=198.18.3.9\n'])
+        # Changes: every host's latest, newest first.
+        self.open('#/changes')
+        times = self.b.wait('the changes', lambda: self.b.js(
+            "return [...document.querySelectorAll('main time')].map(t => t.getAttribute('datetime'))"))
+        self.assertEqual((len(times) >= 6, times), (True, sorted(times, reverse=True)))
         # Each change in a host's history links to its diff against the one before.
         self.open('#/hosts/router3')
         newest, first = self.b.wait('the history', lambda: self.b.js(
