@@ -163,10 +163,7 @@ void note_key(parser& p, const std::string& key) {
     if (key.rfind("ansible_", 0) == 0 || std::find(std::begin(our_keys), std::end(our_keys), key) != std::end(our_keys))
         return;
     if (!p.unknown_keys.insert(key).second) return;
-    std::string best;
-    size_t best_distance = 3;
-    for (const char* known : our_keys)
-        if (edit_distance(key, known) < best_distance) best = known, best_distance = edit_distance(key, known);
+    std::string best = closest(key, std::vector<std::string>(std::begin(our_keys), std::end(our_keys)));
     p.warnings.push_back(p.where(p.line) + ": kelputil does not know the key '" + key + "'" +
                          (best.empty() ? "" : " (did you mean '" + best + "'?)") + "; it is ignored");
 }
