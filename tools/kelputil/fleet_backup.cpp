@@ -179,7 +179,7 @@ int run_fleet_history(const invocation& inv) {
     outcome o = success(inv.name + ": " + plural(entries.size(), "backup") + " with changes", entries);
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
-                  std::to_string(e["files"].size()) + " files  " + terminal_text(e["subject"].get<std::string>()) + "\n";
+                  plural(e["files"].size(), "file") + "  " + terminal_text(e["subject"].get<std::string>()) + "\n";
     print_outcome(o, inv.json, inv.quiet);
     return 0;
 }
@@ -191,7 +191,7 @@ int run_fleet_diff(const invocation& inv) {
     status st = git_store::open(store_dir(inv), false, false, &store);
     if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
     if (!st) return local_error(inv, st);
-    outcome o = success(inv.name + ": " + std::to_string(files.size()) + " files changed",
+    outcome o = success(inv.name + ": " + plural(files.size(), "file") + " changed",
                         {{"files", files}, {"patch", json_text(patch)}});
     o.text = patch;
     o.content = true;
