@@ -148,6 +148,7 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     std::vector<host_result> results = runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter&) {
         return back_up_host(inv, staging, h, t, &staged);
     });
+    runner.end_status_line();  // what follows, a stop or the commit, speaks in its place
     if (runner.stopped_by() || staged.disk_failed) {
         remove_tree(staging);
         int sig = runner.stopped_by();
