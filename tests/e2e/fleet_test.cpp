@@ -122,6 +122,11 @@ TEST_F(fleet, backups_in_git) {
              "WRONG=nope kelputil fleet -i one.ini backup --into bk; r=$?; cd bk && md5sum -c --quiet ../before && "
              "echo same; exit $r",
              20, {"router1  FAILED", "nothing to commit", "same"}},
+            // A host's own local failure (an address it cannot have) is not
+            // a full disk: the others are still committed.
+            {"printf 'router1 ansible_host=::1\\nrouter2 ansible_host=198.18.0.3\\n' > six.ini && "
+             "kelputil fleet -i six.ini backup --into bk",
+             20, {"router1  FAILED", "is an IPv6 address", "2 hosts, 1 ok, 1 failed"}},
             {"kelputil fleet --limit router1 backup --into bk --scripts && ls bk/router1/scripts && "
              "git -C bk show --name-only --format= HEAD | grep -vc '^router1/'",
              1, {"commit ", "cbq.scr\ndhcpd.conf\nfw.scr\nnat.scr\n0\n"}},
