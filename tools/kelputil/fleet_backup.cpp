@@ -85,7 +85,7 @@ outcome back_up_host(const invocation& inv, const std::string& staging, const in
     }
     staged->folders.emplace_back(h.name, folder);
     return success("backed up: " + std::to_string(config_bytes) + " bytes of configuration",
-                   {{"folder", json_text(h.name)}, {"config_bytes", config_bytes}});
+                   {{"folder", h.name}, {"config_bytes", config_bytes}});
 }
 
 std::string commit_message(const std::vector<host_result>& results, const std::vector<std::string>& changed) {
@@ -196,7 +196,7 @@ int run_fleet_diff(const invocation& inv) {
     if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
     if (!st) return local_error(inv, st);
     outcome o = success(inv.name + ": " + plural(files.size(), "file") + " changed",
-                        {{"files", files}, {"patch", json_text(patch)}});
+                        {{"files", files}, {"patch", patch}});
     o.text = patch;
     o.content = true;
     print_outcome(o, inv.json, inv.quiet);

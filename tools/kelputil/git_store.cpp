@@ -116,7 +116,7 @@ json changed_files(git_diff* diff) {
     json files = json::array();
     for (size_t i = 0; i < git_diff_num_deltas(diff); i++) {
         const git_diff_delta* d = git_diff_get_delta(diff, i);
-        files.push_back({{"path", json_text(d->new_file.path ? d->new_file.path : d->old_file.path)},
+        files.push_back({{"path", d->new_file.path ? d->new_file.path : d->old_file.path},
                          {"status", std::string(1, git_diff_status_char(d->status))}});
     }
     return files;
@@ -403,7 +403,7 @@ status git_store::history(const std::string& folder, json* out) {
         const char* summary = git_commit_summary(c);
         out->push_back({{"commit", short_id(&id)},
                         {"date", date_text(git_commit_time(c))},
-                        {"subject", json_text(summary ? summary : "")},
+                        {"subject", summary ? summary : ""},
                         {"files", changed_files(diff)}});
     }
     return kelp::ok();
