@@ -12,6 +12,11 @@ using kelp::error_kind;
 using kelp::fail;
 using kelp::status;
 
+std::string trim(const std::string& s) {
+    size_t a = s.find_first_not_of(" \t\r\n\v\f"), b = s.find_last_not_of(" \t\r\n\v\f");
+    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
+}
+
 namespace {
 
 const char* const our_keys[] = {"port", "tls", "plain", "pin", "password_file", "password_env", "timeout"};
@@ -39,12 +44,6 @@ struct parser {
     std::string where(int at) const { return file + ":" + std::to_string(at); }
     status bad(const std::string& what) const { return fail(error_kind::local, where(line) + ": " + what); }
 };
-
-// Python's str.strip(), as Ansible strips its lines.
-std::string trim(const std::string& s) {
-    size_t a = s.find_first_not_of(" \t\r\n\v\f"), b = s.find_last_not_of(" \t\r\n\v\f");
-    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
-}
 
 // Host lines are split as a POSIX shell would, '#' outside quotes ending the
 // line: that is how Ansible reads "edge1 ansible_host=192.0.2.7 # lab".
