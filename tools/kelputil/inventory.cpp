@@ -180,13 +180,19 @@ status add_var(parser& p, std::map<std::string, std::string>& vars, const std::s
     return kelp::ok();
 }
 
+constexpr size_t hosts_max = 100000;
+
 // "r[01:03]" -> r01 r02 r03; "[a:c]x" -> ax bx cx; an optional third part
 // is the step; an empty start is 0. Returns what is wrong, or "".
 std::string expand(const std::string& pattern, std::vector<std::string>* out) {
     static const std::string letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
     const std::string usage = "'" + pattern + "' has a range that is not [FROM:TO] or [FROM:TO:STEP]";
     size_t open = pattern.find('['), close = pattern.find(']', open);
-    if (open == std::string::npos) return out->push_back(pattern), "";
+    if (open == std::string::npos) {
+        // Each range is bounded, but ranges multiply: "r[0:9999][0:9999]".
+        if (out->size() >= hosts_max) return "its ranges make more than " + std::to_string(hosts_max) + " hosts";
+        return out->push_back(pattern), "";
+    }
     if (close == std::string::npos) return usage;
     std::string inside = pattern.substr(open + 1, close - open - 1), from, to, step_text = "1";
     size_t colon = inside.find(':'), second = inside.find(':', colon + 1);
@@ -212,7 +218,7 @@ std::string expand(const std::string& pattern, std::vector<std::string>* out) {
             return "'" + pattern + "' has a range whose ends differ in width: write [" + from + ":" +
                    std::string(from.size() > to.size() ? from.size() - to.size() : 0, '0') + to + "]";
         long x = atol(from.c_str()), y = atol(to.c_str());
-        if (x > y || y - x > 100000) return usage;
+        if (x > y || y - x > (long)hosts_max) return usage;
         for (long n = x; n <= y; n += step) {
             std::string number = std::to_string(n);
             if (number.size() < from.size()) number.insert(0, from.size() - number.size(), '0');
