@@ -271,6 +271,7 @@ status git_store::open(const std::string& dir, bool create, bool init, std::uniq
                         not_folder ? "cannot keep backups in " + dir + ": it is not a folder"
                                    : dir + " is not empty and holds no backups (not a git repository): give a new or "
                                            "empty folder, or add --init to keep the backups there beside its files");
+        if (!out) return kelp::ok();  // a look only: nothing is made
         mkdir(dir.c_str(), 0700);  // the backups are secrets; parents, if missing, as the umask has them
         git_repository_init_options options;
         git_repository_init_options_init(&options, GIT_REPOSITORY_INIT_OPTIONS_VERSION);
@@ -281,9 +282,10 @@ status git_store::open(const std::string& dir, bool create, bool init, std::uniq
         return fail(error_kind::local, dir + " holds no backups (not a git repository): give the folder of a "
                                              "fleet backup with --into");
     if (r != 0) return git_failure("opening the backups in " + dir);
-    out->reset(new git_store(repo, dir));
+    std::unique_ptr<git_store> store(new git_store(repo, dir));
     if (!git_repository_workdir(repo))
         return fail(error_kind::local, dir + " is a bare repository: backups need one with a work tree");
+    if (out) *out = std::move(store);
     return kelp::ok();
 }
 
