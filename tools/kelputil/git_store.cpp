@@ -181,7 +181,9 @@ std::string file_text(const std::string& path) {
     return std::string(data.begin(), data.end());
 }
 
-// Objects this run added, so that a run that commits nothing leaves none.
+// Blobs and the commit this run added, so that a run that fails leaves none
+// of them (trees it wrote stay, unreferenced, for git gc: a tree's id is
+// known only once written, so whether it is new cannot be told).
 struct new_objects {
     git_repository* repo;
     std::vector<git_oid> ids;
