@@ -154,6 +154,10 @@ TEST_F(fleet, staged_firmware_rollout) {
             {": > zero.bin && kelputil fleet firmware zero.bin --upgrade; a=$?; kelputil fleet firmware zero.bin; "
              "echo \"$a $?\"; cat /run/fleet/router*/messages | grep -c 'firmware received'",
              1, {"zero.bin is 0 bytes, less than the 1 KiB of any firmware image: a truncated download?", "1 1\n0\n"}},
+            // Without --upgrade, every host gets the one image read.
+            {"kelputil fleet --limit 'router6,router8' firmware fw.bin; r=$?; "
+             "cat /run/fleet/router6/messages /run/fleet/router8/messages | grep -c 'firmware received'; exit $r",
+             0, {"fleet firmware: 2 hosts, 2 ok, 0 failed", "\n2\n"}},
             {"kelputil --json fleet " + limit + "firmware fw.bin --upgrade --batch 2 --settle 20 > out; r=$?; tail -1 out; "
              "exit $r", 20,
              {"/data/halted=true", "/data/succeeded=[\"router1\",\"router2\",\"router4\",\"router12\"]",

@@ -37,7 +37,7 @@ int list_hosts(const invocation& inv, const std::vector<const inventory_host*>& 
 
 }  // namespace
 
-int run_on_fleet(const invocation& inv, const fleet_job& job) {
+int run_on_fleet(const invocation& inv, const fleet_job& job, kelp::bytes* image) {
     std::string cmd = inv.device_command();
     inventory hosts_file;
     std::vector<const inventory_host*> hosts;
@@ -53,10 +53,9 @@ int run_on_fleet(const invocation& inv, const fleet_job& job) {
     // A roll-out checks its image before the passwords, and its dry run
     // needs none.
     bool rollout = cmd == "firmware" && inv.upgrade;
-    if (st && cmd == "firmware" && !rollout && inv.file.find("{host}") == std::string::npos) {
-        kelp::bytes image;  // one image for all: refused once, not once a host
-        st = read_image(inv.file, &image);
-    }
+    kelp::bytes unused;
+    if (st && cmd == "firmware" && !rollout && inv.file.find("{host}") == std::string::npos)
+        st = read_image(inv.file, image ? image : &unused);  // one image for all: refused once, not once a host
     if (st && !rollout) st = runner.check_passwords(hosts);
     if (!st) {
         print_outcome(failure(st), inv.json, inv.quiet);
@@ -67,12 +66,19 @@ int run_on_fleet(const invocation& inv, const fleet_job& job) {
 
 int run_fleet(const invocation& inv) {
     std::string cmd = inv.device_command();
-    return run_on_fleet(inv, [&](fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
-        if (cmd == "firmware" && inv.upgrade) return run_rollout(inv, runner, hosts);
-        std::vector<host_result> results =
-            runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter& r) {
-                return run_device_command(inv, t, h.name, r);
-            });
-        return runner.finish(results, "fleet " + cmd);
-    });
+    // Firmware without {host}: the image read once, held once, not once a
+    // running host.
+    kelp::bytes image;
+    return run_on_fleet(
+        inv,
+        [&](fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+            if (cmd == "firmware" && inv.upgrade) return run_rollout(inv, runner, hosts);
+            std::vector<host_result> results =
+                runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter& r) {
+                    if (!image.empty()) return upload_image(t, image, inv.upgrade, inv.file, r);
+                    return run_device_command(inv, t, h.name, r);
+                });
+            return runner.finish(results, "fleet " + cmd);
+        },
+        &image);
 }
