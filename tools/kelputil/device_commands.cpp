@@ -243,15 +243,8 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
 kelp::status make_host_folders(const invocation& inv, const std::vector<std::string>& hosts) {
     if (inv.device_command() != "get-script" || inv.file.find("{host}") == std::string::npos) return kelp::ok();
     for (const std::string& host : hosts) {
-        std::string path = for_host(inv.file, host);
-        for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-            std::string folder = path.substr(0, slash);
-            struct stat st;
-            if (mkdir(folder.c_str(), 0700) == 0 || (stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode))) continue;
-            int err = errno == EEXIST || errno == 0 ? ENOTDIR : errno;
-            return kelp::fail(kelp::error_kind::local, "cannot create the folder " + folder + ": " + strerror(err) +
-                                                           "; no host was contacted");
-        }
+        status st = make_parent_folders(for_host(inv.file, host));
+        if (!st) return kelp::fail(st.kind, st.message + "; no host was contacted");
     }
     return kelp::ok();
 }
