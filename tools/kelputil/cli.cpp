@@ -186,6 +186,13 @@ void add_fleet(command_line& c) {
     diff->add_option("--into", inv.into, "the repository folder (default: the current one)");
 }
 
+// Its options are kelputil-serve's to check: kelputil hands them on.
+void add_serve(command_line& c) {
+    add_command(c.app, "serve", "back up an inventory's hosts on a schedule, with an HTTP API and metrics")
+        ->prefix_command()
+        ->set_help_flag();
+}
+
 void add_global_options(command_line& c) {
     CLI::App& app = c.app;
     invocation& inv = c.inv;
@@ -315,6 +322,7 @@ int parse_command_line(int argc, char** argv, invocation* out) {
     add_device_commands(c, c.app, false);
     add_offline_commands(c);
     add_fleet(c);
+    add_serve(c);
     c.app.footer(std::string("\n") + footer + "\n");  // the main help only: subcommands exist already
     std::string typed = typed_command(argc, argv);
     if (!typed.empty()) {

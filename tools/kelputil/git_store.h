@@ -37,7 +37,15 @@ public:
     kelp::status diff(const std::string& folder, const std::string& from, const std::string& to, std::string* patch,
                       json* files);
 
+    // For kelputil serve's API and --push: the files under folder at rev,
+    // one file's content at rev, and sending the current branch to remote
+    // (a path or URL) as a fast-forward.
+    kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths);
+    kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
+    kelp::status push(const std::string& remote);
+
 private:
     explicit git_store(git_repository* repo) : repo_(repo) {}
     git_repository* repo_;
 };
+

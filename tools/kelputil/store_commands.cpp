@@ -1,5 +1,6 @@
 #include "fleet.h"
 #include "fleet_backup.h"
+#include "outcome.h"
 #include "store_command.h"
 
 int run_store_command(const invocation& inv, char**) {
@@ -9,4 +10,10 @@ int run_store_command(const invocation& inv, char**) {
     return run_on_fleet(inv, [&](fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
         return run_fleet_backup(inv, runner, hosts);
     });
+}
+
+// kelputil sends serve to its own helper, never here.
+int run_serve_command(const invocation& inv, char**) {
+    print_outcome(local_failure("serve runs in kelputil-serve, not kelputil-store"), inv.json, inv.quiet);
+    return exit_usage;
 }
