@@ -189,6 +189,7 @@ void add_fleet(command_line& c) {
 // Its options are kelputil-serve's to check: kelputil hands them on.
 void add_serve(command_line& c) {
     add_command(c.app, "serve", "back up an inventory's hosts on a schedule, with an HTTP API and metrics")
+        ->fallthrough(false)
         ->prefix_command()
         ->set_help_flag();
 }

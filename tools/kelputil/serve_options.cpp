@@ -125,17 +125,13 @@ std::string settle(serve_line& s) {
 
 // argv without the word "serve", so that the options before and after it
 // are one set, as in the configuration file.
-std::vector<std::string> without_command(int argc, char** argv) {
-    std::vector<std::string> args;
+std::vector<char*> without_command(int argc, char** argv) {
+    std::vector<char*> args = {argv[0]};
     bool dropped = false;
     for (int i = 1; i < argc; i++) {
-        if (!dropped && strcmp(argv[i], "serve") == 0) {
-            dropped = true;
-            continue;
-        }
-        args.push_back(argv[i]);
+        if (!dropped && strcmp(argv[i], "serve") == 0) dropped = true;
+        else args.push_back(argv[i]);
     }
-    std::reverse(args.begin(), args.end());  // CLI11 takes them last first
     return args;
 }
 
@@ -157,8 +153,8 @@ int parse_serve_command_line(int argc, char** argv, serve_options* out) {
     for (int i = 1; i < argc; i++)
         if (strcmp(argv[i], "--json") == 0) out->conn.json = true;
     try {
-        std::vector<std::string> args = without_command(argc, argv);
-        s.app.parse(args);
+        std::vector<char*> args = without_command(argc, argv);
+        s.app.parse((int)args.size(), args.data());
     } catch (const CLI::CallForHelp& e) {
         return s.app.exit(e);
     } catch (const CLI::ParseError& e) {
