@@ -80,6 +80,8 @@ json host_json(const host_state& h) {
             {"last_change", seconds_or_null(h.last_change)},
             {"commit", text_or_null(h.last_commit)},
             {"consecutive_failures", h.consecutive_failures},
+            {"attempts", h.attempts},
+            {"failures", h.failures},
             {"last_error", text_or_null(h.last_error)},
             {"last_duration", h.last_attempt > 0 ? json(h.last_duration) : json(nullptr)},
             {"next_due", seconds_or_null(h.next_due)},
@@ -134,7 +136,11 @@ void api_server::add_routes() {
         return httplib::Server::HandlerResponse::Unhandled;
     });
     h.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
-        if (res.body.empty()) error(res, res.status, res.status == 404 ? "no such resource: " + req.path : "request failed");
+        if (!res.body.empty()) return;
+        if (res.status == 404) error(res, 404, "no such resource: " + req.path);
+        // cpp-httplib refuses a POST without a length before our handler sees it.
+        else if (req.method == "POST") error(res, res.status, "send the POST with a body or Content-Length: 0 (curl -d '')");
+        else error(res, res.status, "the request could not be read");
     });
     h.Get("/healthz", [&s](const httplib::Request&, httplib::Response& res) {
         if (s.schedule().running()) res.set_content("ok\n", "text/plain");
