@@ -10,6 +10,15 @@ if(TARGET kelputil AND NOT CMAKE_CROSSCOMPILING)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/kelputil.bash-completion
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kelputil COMPONENT client)
 
+  # kelputil serve as a service: its unit, an example of its settings and
+  # Prometheus alert rules for it.
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/kelputil-serve.service.in
+    ${PROJECT_BINARY_DIR}/packaging/kelputil-serve.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/kelputil-serve.service
+    DESTINATION lib/systemd/system COMPONENT client)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/serve.conf ${PROJECT_SOURCE_DIR}/packaging/kelputil-serve-alerts.yml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kelputil/examples COMPONENT client)
+
   # The man page is the tool's own --help. The version is given, not asked:
   # a tool without --version still gets its page.
   find_program(KELP_HELP2MAN help2man)
@@ -18,9 +27,10 @@ if(TARGET kelputil AND NOT CMAKE_CROSSCOMPILING)
     set(man ${PROJECT_BINARY_DIR}/packaging/kelputil.1)
     add_custom_command(OUTPUT ${man}.gz
       COMMAND ${KELP_HELP2MAN} --no-info --version-string=${PROJECT_VERSION}
-              "--name=management client for kelputild routers" --output=${man} $<TARGET_FILE:kelputil>
+              "--name=management client for kelputild routers"
+              --include=${PROJECT_SOURCE_DIR}/packaging/kelputil-serve.h2m --output=${man} $<TARGET_FILE:kelputil>
       COMMAND ${KELP_GZIP} -9nf ${man}
-      DEPENDS kelputil
+      DEPENDS kelputil ${PROJECT_SOURCE_DIR}/packaging/kelputil-serve.h2m
       VERBATIM)
     add_custom_target(kelputil_man ALL DEPENDS ${man}.gz)
     install(FILES ${man}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT client)

@@ -297,7 +297,9 @@ deb)
 
   # Exactly the client's files: nothing of the router's.
   mapfile -t files < <(dpkg-deb --contents "$deb" | grep -v '^d' | awk '{print $6}' | sort)
-  expected=(./usr/bin/kelputil ./usr/libexec/kelputil/kelputil-store ./usr/share/bash-completion/completions/kelputil
+  expected=(./usr/bin/kelputil ./usr/lib/systemd/system/kelputil-serve.service ./usr/libexec/kelputil/kelputil-serve
+    ./usr/libexec/kelputil/kelputil-store ./usr/share/bash-completion/completions/kelputil
+    ./usr/share/doc/kelputil/examples/kelputil-serve-alerts.yml ./usr/share/doc/kelputil/examples/serve.conf
     ./usr/share/man/man1/kelputil.1.gz)
   [[ ${files[*]} == "${expected[*]}" ]] || fail "the package holds ${files[*]}, not ${expected[*]}"
 
@@ -315,6 +317,7 @@ deb)
   [[ $man == *'.TH KELPUTIL "1"'*"kelputil $version"* ]] || fail "the man page has no title line for kelputil $version"
   [[ $man == *'.SH NAME'*'kelputil \-'* ]] || fail "the man page has no NAME section"
   [[ $man == *put\\-script* ]] || fail "the man page does not show the tool's help"
+  [[ $man == *'.SH SERVE'*'/api/v1/hosts'* ]] || fail "the man page has no SERVE section with the API"
 
   # Completion as bash would ask for it, from a folder with known entries.
   script=$root/usr/share/bash-completion/completions/kelputil

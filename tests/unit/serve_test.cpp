@@ -73,9 +73,10 @@ TEST(serve, loopback_addresses) {
 TEST(serve, metrics_escape_label_values) {
     scheduler s(60, 1, [](const inventory_host&) { return host_run{}; }, [](const host_state&, const host_run&) {});
     s.set_hosts({host("a\"b\\c")}, {}, 1000);
-    std::string text = metrics_text(s, 1000);
+    std::string text = metrics_text(s, 1000, 60);
     EXPECT_NE(text.find("kelputil_host_up{host=\"a\\\"b\\\\c\"} 0\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\nkelputil_hosts 1\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nkelputil_backup_interval_seconds 60\n"), std::string::npos) << text;
 }
 
 }  // namespace

@@ -147,7 +147,7 @@ void api_server::add_routes() {
         else error(res, 503, "the scheduler is not running");
     });
     h.Get("/metrics", [&s](const httplib::Request&, httplib::Response& res) {
-        res.set_content(metrics_text(s.schedule(), now_seconds()), "text/plain; version=0.0.4");
+        res.set_content(metrics_text(s.schedule(), now_seconds(), s.options().interval_ms / 1000.0), "text/plain; version=0.0.4");
     });
     h.Get("/api/v1/hosts", [&s](const httplib::Request&, httplib::Response& res) {
         json hosts = json::array();

@@ -31,7 +31,7 @@ void family(std::string* out, const char* name, const char* type, const char* he
 
 }  // namespace
 
-std::string metrics_text(const scheduler& s, double now) {
+std::string metrics_text(const scheduler& s, double now, double interval) {
     std::vector<host_state> hosts = s.hosts();
     std::string out;
     family(&out, "kelputil_host_up", "gauge", "1 when the host's last backup attempt succeeded.", hosts,
@@ -49,6 +49,9 @@ std::string metrics_text(const scheduler& s, double now) {
            [](const host_state& h) { return (double)h.failures; });
     out += "# HELP kelputil_hosts Hosts served.\n# TYPE kelputil_hosts gauge\nkelputil_hosts " +
            std::to_string(hosts.size()) + "\n";
+    out += "# HELP kelputil_backup_interval_seconds How often each host is backed up.\n"
+           "# TYPE kelputil_backup_interval_seconds gauge\nkelputil_backup_interval_seconds " +
+           number(interval) + "\n";
     out += "# HELP kelputil_schedule_lag_seconds How far the most overdue host is behind its due time.\n"
            "# TYPE kelputil_schedule_lag_seconds gauge\nkelputil_schedule_lag_seconds " +
            number(s.lag(now)) + "\n";
