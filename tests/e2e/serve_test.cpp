@@ -130,6 +130,15 @@ TEST_F(serve, config_file_and_push) {
             {"kelputil serve -i $KELP_INVENTORY --into bk2 --interval 2s --push missing.git --listen 127.0.0.1:8754 2> log & "
              "echo $! > pid; until_in 'trying again' log; until_in 'router2: backed up' log; " + stop_serve + "cat log",
              0, {"pushing to missing.git: ", "; trying again in 5 s", "router1: backed up, changed"}},
+            // A real Prometheus scrapes the service: one series per host.
+            {"kelputil serve -i $KELP_INVENTORY --into bk3 --interval 2s 2> log & echo $! > pid; "
+             "printf 'scrape_configs:\\n  - job_name: kelputil\\n    scrape_interval: 1s\\n    static_configs:\\n"
+             "      - targets: [\"127.0.0.1:8750\"]\\n' > prom.yml; prometheus --config.file=prom.yml "
+             "--storage.tsdb.path=tsdb --web.listen-address=127.0.0.1:9090 2> prom.log & p=$!; n=0; "
+             "q=http://127.0.0.1:9090/api/v1/query?query=kelputil_host_up; "
+             "until [ \"$(curl -s $q | jq '.data.result | length' 2>/dev/null)\" = 2 ] || [ $n -gt 200 ]; do "
+             "n=$((n+1)); sleep 0.1; done; curl -s $q | jq -r '.data.result[].metric.host' | sort; kill $p; " + stop_serve,
+             0, {"router1\nrouter2\n"}},
         },
         {"--fleet", "2"}, limit_ms);
 }
