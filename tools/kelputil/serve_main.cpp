@@ -5,6 +5,7 @@
 #include <git2.h>
 #include <signal.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <exception>
 
@@ -55,7 +56,7 @@ int serve(const serve_options& o) {
         return start_failure(o, st);
     }
     serve_until_stopped(svc, set);
-    svc.stop();
+    if (!svc.stop()) _exit(0);  // threads still in a host's time-out: nothing more to wait for
     api.stop();
     log_event("stopped");
     return 0;

@@ -78,12 +78,11 @@ bool scheduler::running() const {
 // when to look again otherwise.
 scheduler::entry* scheduler::pick(double now, double* wake) {
     entry* best = nullptr;
-    long long best_front = 0;
     *wake = now + interval_;
     for (auto& [name, e] : hosts_) {
         if (e.running) continue;
         if (e.front) {
-            if (!best || !best->front || e.runs < best_front) best = &e, best_front = e.runs;
+            if (!best || !best->front || e.front < best->front) best = &e;
             continue;
         }
         if (e.state.next_due > now) {
@@ -107,7 +106,7 @@ void scheduler::work() {
             continue;
         }
         e->running = true;
-        e->front = false;
+        e->front = 0;
         in_flight_++;
         inventory_host host = e->host;
         hold.unlock();
@@ -182,7 +181,7 @@ bool scheduler::run_now(const std::string& name, long long* ticket) {
     entry& e = it->second;
     // A run already going started before the request: wait for the next.
     *ticket = e.runs + (e.running ? 2 : 1);
-    e.front = true;
+    if (!e.front) e.front = ++front_order_;
     wake_.notify_all();
     return true;
 }

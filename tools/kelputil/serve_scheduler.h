@@ -62,7 +62,8 @@ private:
     struct entry {
         inventory_host host;
         host_state state;
-        bool running = false, front = false;
+        bool running = false;
+        long long front = 0;  // when asked for out of turn: its place in that queue, else 0
         long long runs = 0;
         host_run last;
     };
@@ -80,7 +81,7 @@ private:
     std::vector<std::thread> workers_;
     bool stopping_ = false, started_ = false;
     int in_flight_ = 0;
-    long long front_order_ = 0;
+    long long front_order_ = 0;  // the last place given in the out-of-turn queue
 };
 
 double now_seconds();

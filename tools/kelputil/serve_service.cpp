@@ -69,14 +69,16 @@ kelp::status service::reload() {
     return kelp::ok();
 }
 
-void service::stop() {
-    if (!schedule_) return;
+bool service::stop() {
+    if (!schedule_) return true;
     if (!schedule_->stop(o_.stop_deadline_ms)) {
-        log_event("hosts still running at the deadline are left: their last good files stay");
         store_->freeze();
+        log_event("hosts still running at the deadline are left: their last good files stay");
+        return false;
     }
     hooks_.drain(o_.stop_deadline_ms);
     if (push_) push_->stop();
+    return true;
 }
 
 host_run service::run_host(const inventory_host& host) {

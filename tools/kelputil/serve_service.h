@@ -24,7 +24,9 @@ public:
     // inventory changes nothing.
     kelp::status reload();
     // Lets runs in flight finish within the deadline and the hooks end.
-    void stop();
+    // False when some runs were still going: the repository is then held
+    // shut, and the process must end without waiting for anything more.
+    bool stop();
 
     const serve_options& options() const { return o_; }
     scheduler& schedule() { return *schedule_; }
