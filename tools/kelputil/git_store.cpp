@@ -1,6 +1,9 @@
 #include "git_store.h"
 
+#include <dirent.h>
+#include <errno.h>
 #include <git2.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -303,5 +306,59 @@ status git_store::push(const std::string& remote_url) {
     git_push_options options;
     git_push_options_init(&options, GIT_PUSH_OPTIONS_VERSION);
     if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + remote_url);
+    return kelp::ok();
+}
+
+namespace {
+
+// Every regular file under dir/folder, as paths relative to dir.
+status files_on_disk(const std::string& dir, const std::string& folder, std::vector<std::string>* out) {
+    DIR* d = opendir((dir + "/" + folder).c_str());
+    if (!d) return fail(error_kind::local, "cannot read " + dir + "/" + folder + ": " + strerror(errno));
+    status st;
+    while (struct dirent* e = readdir(d)) {
+        std::string name = e->d_name, path = folder + "/" + name;
+        struct stat info;
+        if (name == "." || name == ".." || lstat((dir + "/" + path).c_str(), &info) != 0) continue;
+        if (S_ISDIR(info.st_mode)) st = files_on_disk(dir, path, out);
+        else if (S_ISREG(info.st_mode)) out->push_back(path);
+        if (!st) break;
+    }
+    closedir(d);
+    return st;
+}
+
+}  // namespace
+
+status git_store::commit_folder(const std::string& folder, const std::string& message, std::string* commit_out) {
+    commit_out->clear();
+    index_ptr index;
+    std::vector<std::string> files;
+    const char* workdir = git_repository_workdir(repo_);
+    std::string dir = workdir ? std::string(workdir) : ".";
+    if (git_repository_index(index.out(), repo_) != 0) return git_failure("opening the index");
+    status st = files_on_disk(dir, folder, &files);
+    if (!st) return st;
+    if (git_index_remove_directory(index, folder.c_str(), 0) != 0) return git_failure("staging " + folder);
+    for (const std::string& f : files)
+        if (git_index_add_bypath(index, f.c_str()) != 0) return git_failure("staging " + f);
+    git_oid tree_id, head_id;
+    if (git_index_write_tree(&tree_id, index) != 0) return git_failure("writing the tree");
+    tree_ptr tree, head_tree;
+    commit_ptr head;
+    bool born = git_reference_name_to_id(&head_id, repo_, "HEAD") == 0;
+    if (born && (git_commit_lookup(head.out(), repo_, &head_id) != 0 || git_commit_tree(head_tree.out(), head) != 0))
+        return git_failure("reading the last commit");
+    if (born && git_oid_equal(&tree_id, git_tree_id(head_tree))) return kelp::ok();
+    if (git_tree_lookup(tree.out(), repo_, &tree_id) != 0) return git_failure("reading the tree");
+    if (git_index_write(index) != 0) return git_failure("writing the index");
+    signature_ptr who;
+    if (git_signature_default(who.out(), repo_) != 0 && git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
+        return git_failure("making the commit's signature");
+    const git_commit* parents[] = {head};
+    git_oid commit_id;
+    if (git_commit_create(&commit_id, repo_, "HEAD", who, who, nullptr, message.c_str(), tree, born ? 1 : 0, parents) != 0)
+        return git_failure("committing the backups");
+    *commit_out = short_id(&commit_id);
     return kelp::ok();
 }

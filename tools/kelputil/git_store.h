@@ -43,6 +43,9 @@ public:
     kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths);
     kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
     kelp::status push(const std::string& remote);
+    // commit() for one folder, staging only its own files: its cost does not
+    // grow with the other folders (commit()'s staging walks the whole tree).
+    kelp::status commit_folder(const std::string& folder, const std::string& message, std::string* commit);
 
 private:
     explicit git_store(git_repository* repo) : repo_(repo) {}

@@ -116,7 +116,6 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
         remove_tree(staged);
         return r;
     }
-    std::vector<std::string> changed;
-    r.st = git_->commit({host}, "backup " + host + ": configuration changed\n\nby kelputil serve\n", &changed, &r.commit);
+    r.st = git_->commit_folder(host, "backup " + host + ": configuration changed\n\nby kelputil serve\n", &r.commit);
     return r;
 }
