@@ -27,6 +27,3 @@ private:
     std::unique_ptr<httplib::Server> http_;
     std::thread thread_;
 };
-
-// A host's state as the API and its metrics show it.
-nlohmann::json host_json(const host_state& h);

@@ -71,7 +71,8 @@ status swap_in(const std::string& dir, const std::string& host, const std::strin
 // fails does not fail the backup, which is already safe.
 void fetch_core_report(const kelp::target& t, backup_result* r) {
     bytes text;
-    if (kelp::fetch_report(t, action_core_sysinfo, 0, &text)) read_core_report(std::string(text.begin(), text.end()), &r->model, &r->firmware);
+    if (kelp::fetch_report(t, action_core_sysinfo, 0, &text))
+        read_core_report(std::string(text.begin(), text.end()), &r->model, &r->firmware);
 }
 
 }  // namespace

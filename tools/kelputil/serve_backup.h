@@ -12,7 +12,7 @@
 
 struct backup_result {
     kelp::status st;
-    std::string commit;  // empty: nothing changed (or it failed)
+    std::string commit;           // empty: nothing changed (or it failed)
     std::string model, firmware;  // from the core report; empty when it gave none
     size_t config_bytes = 0;
 };

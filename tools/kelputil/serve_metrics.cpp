@@ -11,8 +11,10 @@ std::string label(const std::string& value) {
     std::string out;
     for (char c : value) {
         if (c == '\\' || c == '"') out += '\\';
-        if (c == '\n') out += "\\n";
-        else out += c;
+        if (c == '\n')
+            out += "\\n";
+        else
+            out += c;
     }
     return out;
 }
@@ -23,10 +25,11 @@ std::string number(double v) {
     return text;
 }
 
-void family(std::string* out, const char* name, const char* type, const char* help, const std::vector<host_state>& hosts,
-            const std::function<double(const host_state&)>& value) {
+void family(std::string* out, const char* name, const char* type, const char* help,
+            const std::vector<host_state>& hosts, const std::function<double(const host_state&)>& value) {
     *out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
-    for (const host_state& h : hosts) *out += std::string(name) + "{host=\"" + label(h.name) + "\"} " + number(value(h)) + "\n";
+    for (const host_state& h : hosts)
+        *out += std::string(name) + "{host=\"" + label(h.name) + "\"} " + number(value(h)) + "\n";
 }
 
 }  // namespace
@@ -49,11 +52,13 @@ std::string metrics_text(const scheduler& s, double now, double interval) {
            [](const host_state& h) { return (double)h.failures; });
     out += "# HELP kelputil_hosts Hosts served.\n# TYPE kelputil_hosts gauge\nkelputil_hosts " +
            std::to_string(hosts.size()) + "\n";
-    out += "# HELP kelputil_backup_interval_seconds How often each host is backed up.\n"
-           "# TYPE kelputil_backup_interval_seconds gauge\nkelputil_backup_interval_seconds " +
-           number(interval) + "\n";
-    out += "# HELP kelputil_schedule_lag_seconds How far the most overdue host is behind its due time.\n"
-           "# TYPE kelputil_schedule_lag_seconds gauge\nkelputil_schedule_lag_seconds " +
-           number(s.lag(now)) + "\n";
+    out +=
+        "# HELP kelputil_backup_interval_seconds How often each host is backed up.\n"
+        "# TYPE kelputil_backup_interval_seconds gauge\nkelputil_backup_interval_seconds " +
+        number(interval) + "\n";
+    out +=
+        "# HELP kelputil_schedule_lag_seconds How far the most overdue host is behind its due time.\n"
+        "# TYPE kelputil_schedule_lag_seconds gauge\nkelputil_schedule_lag_seconds " +
+        number(s.lag(now)) + "\n";
     return out;
 }

@@ -17,8 +17,7 @@ struct serve_line {
     CLI::App app{"kelputil serve: back up every host of an inventory on a schedule, with an HTTP API and metrics",
                  "kelputil serve"};
     serve_options& o;
-    std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30",
-                token_file;
+    std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30", token_file;
     bool tls = false;
     explicit serve_line(serve_options& opts) : o(opts) {}
 };
@@ -31,7 +30,8 @@ void add_connection_options(serve_line& s) {
         ->type_name("DURATION");
     s.app.add_flag("--plain", inv.plain, "the plain protocol on port 856 for hosts that do not say");
     s.app.add_flag("--tls", s.tls, "TLS on port 857 (the default)");
-    s.app.add_option("--pin", inv.pin, "accept only the certificate with this SHA-256 fingerprint")->type_name("SHA256");
+    s.app.add_option("--pin", inv.pin, "accept only the certificate with this SHA-256 fingerprint")
+        ->type_name("SHA256");
     s.app.add_option("--known-hosts", inv.known_hosts, "remembered certificates")->type_name("FILE");
     s.app.add_flag("-v,--verbose", inv.verbose, "log every connection's steps");
 }
@@ -76,8 +76,9 @@ std::string split_listen(const std::string& text, std::string* host, int* port) 
 
 std::string duration_of(const char* option, const std::string& text, long long min_ms, long long* out) {
     long long ms = parse_duration_ms(text);
-    if (ms < min_ms) return std::string(option) + " " + text + ": give a duration of at least " +
-                            std::to_string(min_ms / 1000) + " s (e.g. 90s, 15m, 1h)";
+    if (ms < min_ms)
+        return std::string(option) + " " + text + ": give a duration of at least " + std::to_string(min_ms / 1000) +
+               " s (e.g. 90s, 15m, 1h)";
     *out = ms;
     return "";
 }
@@ -101,7 +102,8 @@ std::string check_security(const serve_line& s) {
     if (o.tls_cert.empty() != o.tls_key.empty()) return "--tls-cert and --tls-key go together: give both";
     if (is_loopback(o.listen_host)) return "";
     if (s.token_file.empty() || o.tls_cert.empty())
-        return "--listen " + s.listen + " is reachable from other machines: it needs --token-file and "
+        return "--listen " + s.listen +
+               " is reachable from other machines: it needs --token-file and "
                "--tls-cert with --tls-key, or listen on 127.0.0.1";
     return "";
 }
@@ -129,8 +131,10 @@ std::vector<char*> without_command(int argc, char** argv) {
     std::vector<char*> args = {argv[0]};
     bool dropped = false;
     for (int i = 1; i < argc; i++) {
-        if (!dropped && strcmp(argv[i], "serve") == 0) dropped = true;
-        else args.push_back(argv[i]);
+        if (!dropped && strcmp(argv[i], "serve") == 0)
+            dropped = true;
+        else
+            args.push_back(argv[i]);
     }
     return args;
 }
@@ -158,7 +162,8 @@ int parse_serve_command_line(int argc, char** argv, serve_options* out) {
     } catch (const CLI::CallForHelp& e) {
         return s.app.exit(e);
     } catch (const CLI::ParseError& e) {
-        print_usage_error(out->conn.json, std::string("serve: ") + e.what(), "kelputil serve -i INVENTORY --into DIR [OPTIONS]");
+        print_usage_error(out->conn.json, std::string("serve: ") + e.what(),
+                          "kelputil serve -i INVENTORY --into DIR [OPTIONS]");
         return exit_usage;
     }
     std::string wrong = settle(s);

@@ -63,8 +63,10 @@ bool scheduler::stop(long long deadline_ms) {
     std::vector<std::thread> workers = std::move(workers_);
     hold.unlock();
     for (std::thread& t : workers) {
-        if (all) t.join();
-        else t.detach();  // it ends with its host's time-out; the process will not wait
+        if (all)
+            t.join();
+        else
+            t.detach();  // it ends with its host's time-out; the process will not wait
     }
     return all;
 }
@@ -100,8 +102,7 @@ void scheduler::work() {
         double now = now_seconds(), wake = 0;
         entry* e = pick(now, &wake);
         if (!e) {
-            auto until = std::chrono::system_clock::time_point(
-                std::chrono::microseconds((long long)(wake * 1e6)));
+            auto until = std::chrono::system_clock::time_point(std::chrono::microseconds((long long)(wake * 1e6)));
             wake_.wait_until(hold, until);
             continue;
         }

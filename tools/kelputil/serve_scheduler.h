@@ -38,7 +38,8 @@ public:
     // are spread over one interval from now, as are known ones already due,
     // so that neither a start nor a restart is a burst; hosts missing from
     // the new list leave the schedule (a run in flight finishes).
-    void set_hosts(const std::vector<inventory_host>& hosts, const std::map<std::string, host_state>& saved, double now);
+    void set_hosts(const std::vector<inventory_host>& hosts, const std::map<std::string, host_state>& saved,
+                   double now);
 
     void start();
     // No new runs; waits for the runs in flight up to deadline_ms. False

@@ -15,8 +15,9 @@ std::string credential_password_file() {
 
 kelp::status serve_targets::provider_for(const password_source& src, kelp::password_fn* out) {
     if (src.file.empty() && !getenv(src.env.c_str()))
-        return kelp::fail(kelp::error_kind::local, "no password: set " + src.env +
-                                                       ", give --password-file FILE, or a systemd credential 'password'");
+        return kelp::fail(
+            kelp::error_kind::local,
+            "no password: set " + src.env + ", give --password-file FILE, or a systemd credential 'password'");
     std::string key = src.file.empty() ? "env:" + src.env : "file:" + src.file;
     std::lock_guard<std::mutex> hold(lock_);
     kelp::password_fn& p = providers_[key];
