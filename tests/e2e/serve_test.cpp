@@ -122,10 +122,10 @@ TEST_F(serve, config_file_and_push) {
             {"printf 'inventory = %s\\ninto = bk\\nlisten = \"0.0.0.0:8751\"\\n' $KELP_INVENTORY > serve.conf; "
              "kelputil serve --config serve.conf",
              1, {"--listen 0.0.0.0:8751 is reachable from other machines"}},
-            {"git init -q --bare remote.git; printf 'inventory = %s\\ninto = bk\\ninterval = 2s\\npush = remote.git\\n' $KELP_INVENTORY > "
+            {"git init -q --bare remote.git; printf 'inventory = %s\\ninto = bk\\ninterval = 2s\\npush = remote.git\\npush-branch = east\\n' $KELP_INVENTORY > "
              "serve.conf; kelputil serve --config serve.conf 2> log & echo $! > pid; "
-             "n=0; until [ \"$(git -C remote.git log --format=%s 2>/dev/null | wc -l)\" = 2 ] || [ $n -gt 100 ]; do "
-             "n=$((n+1)); sleep 0.1; done; " + stop_serve + "git -C remote.git log --format=%s | sort",
+             "n=0; until [ \"$(git -C remote.git log --format=%s east 2>/dev/null | wc -l)\" = 2 ] || [ $n -gt 100 ]; do "
+             "n=$((n+1)); sleep 0.1; done; " + stop_serve + "git -C remote.git log --format=%s east | sort",
              0, {"backup router1: configuration changed\nbackup router2: configuration changed\n"}},
             {"kelputil serve -i $KELP_INVENTORY --into bk2 --interval 2s --push missing.git --listen 127.0.0.1:8754 2> log & "
              "echo $! > pid; until_in 'trying again' log; until_in 'router2: backed up' log; " + stop_serve + "cat log",

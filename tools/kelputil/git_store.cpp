@@ -293,14 +293,14 @@ status git_store::read_at(const std::string& rev, const std::string& path, std::
     return kelp::ok();
 }
 
-status git_store::push(const std::string& remote_url) {
+status git_store::push(const std::string& remote_url, const std::string& remote_branch) {
     owned<git_reference, git_reference_free> head;
     if (git_repository_head(head.out(), repo_) != 0) return git_failure("finding the branch to push");
     std::string branch = git_reference_name(head);
     owned<git_remote, git_remote_free> remote;
     if (git_remote_create_anonymous(remote.out(), repo_, remote_url.c_str()) != 0)
         return git_failure("pushing to " + remote_url);
-    std::string refspec = branch + ":" + branch;
+    std::string refspec = branch + ":" + (remote_branch.empty() ? branch : "refs/heads/" + remote_branch);
     char* specs[] = {refspec.data()};
     git_strarray refspecs = {specs, 1};
     git_push_options options;

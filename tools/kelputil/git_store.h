@@ -39,10 +39,11 @@ public:
 
     // For kelputil serve's API and --push: the files under folder at rev,
     // one file's content at rev, and sending the current branch to remote
-    // (a path or URL) as a fast-forward.
+    // (a path or URL) as a fast-forward, to remote_branch (empty: the same
+    // name).
     kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths);
     kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
-    kelp::status push(const std::string& remote);
+    kelp::status push(const std::string& remote, const std::string& remote_branch);
     // commit() for one folder, staging only its own files: its cost does not
     // grow with the other folders (commit()'s staging walks the whole tree).
     kelp::status commit_folder(const std::string& folder, const std::string& message, std::string* commit);

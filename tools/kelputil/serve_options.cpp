@@ -58,6 +58,8 @@ void add_serve_options(serve_line& s) {
     s.app.add_option("--hook-timeout", s.hook_timeout, "end a hook after this long (default 30 s)")
         ->type_name("DURATION");
     s.app.add_option("--push", o.push, "push to this git remote after each commit")->type_name("REMOTE");
+    s.app.add_option("--push-branch", o.push_branch, "the remote's branch (default: the same as here)")
+        ->type_name("BRANCH");
 }
 
 // "127.0.0.1:8750", "[::1]:8750", ":8750" (every address).

@@ -18,7 +18,7 @@ struct serve_options {
     std::string tls_cert, tls_key;
     std::string on_change, on_failure;
     long long hook_timeout_ms = 30000;
-    std::string push;
+    std::string push, push_branch;
     long long stop_deadline_ms = 10000;
 };
 

@@ -6,7 +6,8 @@
 #include "serve_backup.h"
 #include "serve_log.h"
 
-pusher::pusher(backup_store& store, std::string remote) : store_(store), remote_(std::move(remote)) {
+pusher::pusher(backup_store& store, std::string remote, std::string branch)
+    : store_(store), remote_(std::move(remote)), branch_(std::move(branch)) {
     thread_ = std::thread([this] { work(); });
 }
 
@@ -36,7 +37,7 @@ void pusher::work() {
         if (!pending_) return;
         pending_ = false;
         hold.unlock();
-        kelp::status st = store_.read([&](git_store& git) { return git.push(remote_); });
+        kelp::status st = store_.read([&](git_store& git) { return git.push(remote_, branch_); });
         hold.lock();
         if (st) {
             if (failing) log_event("push to " + remote_ + " works again");

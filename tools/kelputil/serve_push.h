@@ -12,7 +12,7 @@ class backup_store;
 
 class pusher {
 public:
-    pusher(backup_store& store, std::string remote);
+    pusher(backup_store& store, std::string remote, std::string branch);
     ~pusher();
     // There is something new to push.
     void notify();
@@ -22,7 +22,7 @@ public:
 private:
     void work();
     backup_store& store_;
-    std::string remote_;
+    std::string remote_, branch_;
     std::mutex lock_;
     std::condition_variable wake_;
     bool pending_ = false, stopping_ = false;

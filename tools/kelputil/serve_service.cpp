@@ -47,7 +47,7 @@ kelp::status service::start() {
     if (st) st = state_db::open(state_path(o_), &db_);
     if (st) st = db_->load(&saved);
     if (!st) return st;
-    if (!o_.push.empty()) push_ = std::make_unique<pusher>(*store_, o_.push);
+    if (!o_.push.empty()) push_ = std::make_unique<pusher>(*store_, o_.push, o_.push_branch);
     schedule_ = std::make_unique<scheduler>(
         o_.interval_ms / 1000.0, o_.jobs, [this](const inventory_host& h) { return run_host(h); },
         [this](const host_state& s, const host_run& r) { after_run(s, r); });
