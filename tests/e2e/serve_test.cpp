@@ -80,12 +80,15 @@ TEST_F(serve, schedule_api_signals_and_restart) {
              "[ $(curl -s " + api + "/hosts/router1 | jq .attempts) -le $(($(cat a1) + 1)) ] && echo undisturbed",
              0, {"30\nextra\nundisturbed"}},
             // SIGTERM mid-run: a clean repository; a restart keeps every host's state, with no burst.
-            {stop_serve + "tail -1 log; git -C bk status --porcelain | wc -l; git -C bk fsck && echo fsck clean", 0,
-             {"stopped\n0\n", "fsck clean"}},
+            {"curl -s -d '' " + api + "/hosts/router5/backup > /dev/null; sleep 0.3; " + stop_serve +
+                 "sed -n '/stopping/,$p' log | grep -c 'router5: failed'; tail -1 log; "
+                 "git -C bk status --porcelain | wc -l; git -C bk fsck && echo fsck clean",
+             0, {"1\nkelputil serve: stopped\n0\n", "fsck clean"}},
             {backup_counts + " > before; " + start_serve("log2") + "sleep 1; curl -s " + api +
-                 "/hosts/router1 | jq -r '.state, .attempts > 1'; " + backup_counts + " | paste - before | "
+                 "/hosts | jq -r '.hosts[] | select(.name == \"router1\") | .state'; curl -s " + api +
+                 "/hosts | jq '[.hosts[] | select(.attempts == 0)] | length'; " + backup_counts + " | paste - before | "
                  "awk '$1 > $2 {n++} END {print (n <= 10 ? \"no burst\" : \"burst of \" n)}'; " + stop_serve,
-             0, {"ok\ntrue\nno burst"}},
+             0, {"ok\n0\nno burst"}},
         },
         fleet_of_30, limit_ms);
 }
@@ -106,9 +109,9 @@ TEST_F(serve, token_and_tls) {
              0, {"401 401 200 200 200 "}},
             {"openssl req -x509 -newkey rsa:2048 -nodes -keyout k.pem -out c.pem -days 1 -subj /CN=kelp 2>/dev/null; "
              "kelputil serve -i $KELP_INVENTORY --into bk --token-file tok --tls-cert c.pem --tls-key k.pem "
-             "--listen 198.18.0.1:8753 2> log & echo $! > pid; until_in 'API on' log; " +
+             "--listen 198.18.0.1:8753 2> tls.log & echo $! > pid; until_in 'API on' tls.log; " +
                  code_of("-k -H \"Authorization: Bearer $(cat tok)\" https://198.18.0.1:8753/api/v1/hosts") +
-                 code_of("http://198.18.0.1:8753/api/v1/hosts") + stop_serve + "grep -c \"$(cat tok)\" log",
+                 code_of("http://198.18.0.1:8753/api/v1/hosts") + stop_serve + "cat log tls.log | grep -c \"$(cat tok)\"",
              1, {"200 000 0"}},
         },
         {"--fleet", "2"}, limit_ms);
@@ -127,9 +130,18 @@ TEST_F(serve, config_file_and_push) {
              "n=0; until [ \"$(git -C remote.git log --format=%s east 2>/dev/null | wc -l)\" = 2 ] || [ $n -gt 100 ]; do "
              "n=$((n+1)); sleep 0.1; done; " + stop_serve + "git -C remote.git log --format=%s east | sort",
              0, {"backup router1: configuration changed\nbackup router2: configuration changed\n"}},
-            {"kelputil serve -i $KELP_INVENTORY --into bk2 --interval 2s --push missing.git --listen 127.0.0.1:8754 2> log & "
-             "echo $! > pid; until_in 'trying again' log; until_in 'router2: backed up' log; " + stop_serve + "cat log",
+            {"kelputil serve -i $KELP_INVENTORY --into bk2 --interval 2s --push missing.git --listen 127.0.0.1:8754 2> push.log & "
+             "echo $! > pid; until_in 'trying again' push.log; until_in 'router2: backed up' push.log; " + stop_serve +
+                 "cat push.log",
              0, {"pushing to missing.git: ", "; trying again in 5 s", "router1: backed up, changed"}},
+            // No prompt: a systemd credential, or a host that fails saying what to set.
+            {"mkdir -m 700 creds; echo pw > creds/password; chmod 600 creds/password; "
+             "env -u KELPUTIL_PASSWORD CREDENTIALS_DIRECTORY=$PWD/creds kelputil serve -i $KELP_INVENTORY --into bk4 "
+             "--interval 2s 2> cred.log & echo $! > pid; until_in 'router2: backed up' cred.log; " + stop_serve +
+                 "env -u KELPUTIL_PASSWORD kelputil serve -i $KELP_INVENTORY --into bk5 2> none.log & echo $! > pid; "
+                 "until_in 'router1: failed' none.log; " + stop_serve + "cat cred.log none.log",
+             0, {"router2: backed up, changed", "router1: failed (no password: set KELPUTIL_PASSWORD, give --password-file FILE, or a systemd "
+                 "credential 'password')"}},
             // A real Prometheus scrapes the service: one series per host.
             {"kelputil serve -i $KELP_INVENTORY --into bk3 --interval 2s 2> log & echo $! > pid; "
              "printf 'scrape_configs:\\n  - job_name: kelputil\\n    scrape_interval: 1s\\n    static_configs:\\n"

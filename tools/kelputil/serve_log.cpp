@@ -16,6 +16,6 @@ void log_event(const std::string& line) {
 
 std::string seconds_text(double seconds) {
     char text[32];
-    snprintf(text, sizeof text, "%.3g s", seconds);
+    snprintf(text, sizeof text, seconds >= 100 ? "%.0f s" : "%.3g s", seconds);
     return text;
 }
