@@ -2,6 +2,7 @@
 // fall in the interval at a start and a restart, the core report's lines,
 // which listening addresses count as loopback, and the metrics' labels.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "serve_backup.h"
 #include "serve_metrics.h"
@@ -41,6 +42,34 @@ TEST(serve, hosts_spread_over_the_interval_and_keep_their_place) {
     want = {{"b", 1030}, {"c", 1020}, {"d", 1040}, {"e", 1010}};
     EXPECT_EQ(due_times(s), want);
     EXPECT_DOUBLE_EQ(s.lag(1012), 2);
+}
+
+// A run in turn moves the host one interval on from its slot; a run out of
+// turn leaves its slot; a failure counts and waits the back-off.
+TEST(serve, runs_keep_each_hosts_place) {
+    auto runner = [](const inventory_host& h) {
+        host_run r;
+        if (h.name == "c") r.error = "refused";
+        return r;
+    };
+    scheduler s(60, 2, runner, [](const host_state&, const host_run&) {});
+    double start = now_seconds();
+    s.set_hosts({host("a"), host("b"), host("c")}, {}, start);  // a at start, b +20, c +40
+    s.start();
+    long long ticket;
+    host_state st;
+    host_run r;
+    ASSERT_TRUE(s.run_now("c", &ticket) && s.wait_for("c", ticket, 5000, &st, &r));
+    EXPECT_EQ(st.consecutive_failures, 1);
+    EXPECT_EQ(st.last_error, "refused");
+    EXPECT_NEAR(st.next_due, now_seconds() + 3.75, 0.5);
+    ASSERT_TRUE(s.run_now("b", &ticket) && s.wait_for("b", ticket, 5000, &st, &r));
+    EXPECT_DOUBLE_EQ(st.next_due, start + 20);
+    ASSERT_TRUE(s.find("a", &st));
+    for (int i = 0; i < 100 && st.attempts == 0; i++) usleep(20000), s.find("a", &st);
+    EXPECT_DOUBLE_EQ(st.next_due, start + 60);
+    EXPECT_EQ(scheduler::verdict(st), "ok");
+    s.stop(5000);
 }
 
 TEST(serve, core_report_lines) {
