@@ -5,7 +5,8 @@
 #   bash bench/run.sh
 # Environment: BENCH_REPEAT (3), BENCH_THR_REPEAT throughput rounds (7),
 # BENCH_THR_SECONDS per throughput run (5), BENCH_SESSIONS (200), BENCH_FLEET
-# routers (200), BENCH_BUILD (build-bench).
+# routers (200), BENCH_BUILD (build-bench), BENCH_ONLY (parts: throughput bulk
+# syscalls sessions memory bundle fleet; default all).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
@@ -75,12 +76,15 @@ load
 CERT=$ROOT/src/core/default_cert/cert.pem
 KEY=$ROOT/src/core/default_cert/key.pem
 sock() { echo "socat -u $1 $2"; }
+# BENCH_ONLY="sessions fleet" measures those parts alone.
+part() { [[ -z ${BENCH_ONLY:-} || " $BENCH_ONLY " == *" $1 "* ]]; }
 step() { printf '%s %s\n' "$(date +%T)" "$*" >&2; }
 
 # Throughput swings with whatever else the machine does: ours and iperf3's
 # runs alternate within each round (which goes first alternates too), so that
 # each round's pair saw the same machine, and the table gives the median of
 # the pairs' ratios with their spread.
+if part throughput; then
 TR=$BENCH_THR_REPEAT TS=$BENCH_THR_SECONDS
 step "throughput: ${TR} rounds x rx/tx x (daemon, iperf3) x (64K, default buffers), ${TS} s each"
 thr_ours() {  # round, direction, figure suffix, window option
@@ -104,7 +108,9 @@ for r in $(seq "$TR"); do
     fi
   done
 done
+fi
 
+if part bulk; then
 step "bulk: firmware 32 MiB and backup 512 KiB vs socat, ${BENCH_REPEAT} times"
 for r in $(seq "$BENCH_REPEAT"); do
   $M pair "$RAW" fw_ours --port 856 --server "$D" --client "$U $W/fw.bin"
@@ -117,7 +123,9 @@ for r in $(seq "$BENCH_REPEAT"); do
   $M pair "$RAW" backup_socat --port 9000 --server "$(sock OPEN:$W/config.bin TCP-LISTEN:9000,reuseaddr)" \
     --client "$(sock TCP:127.0.0.1:9000 OPEN:$W/recv.bin,creat,trunc)"
 done
+fi
 
+if part syscalls; then
 step "system calls: one run of each under strace -c -f"
 st() { echo "strace -c -f -o $W/$1.st"; }
 $M pair "$RAW" strace_fw --port 856 --server "$(st d) $D" --client "$(st c) $U $W/fw.bin"
@@ -137,17 +145,23 @@ $M pair "$RAW" strace_backup_socat --port 9000 \
   --client "$(st c) $(sock TCP:127.0.0.1:9000 OPEN:$W/recv.bin,creat,trunc)"
 $M strace "$RAW" st_backup_socat_sender "$W/d.st" $((512 << 10))
 $M strace "$RAW" st_backup_socat_receiver "$W/c.st" $((512 << 10))
+fi
 
+if part sessions; then
 N=$BENCH_SESSIONS
-step "connection cost: $N sessions each (plain, TLS, /bin/true, openssl)"
-$M pair "$RAW" sess_plain --count "$N" --from-server --port 856 --server "$D" --client "$C -q --plain check"
-$M pair "$RAW" sess_tls --count "$N" --from-server --port 857 --server "$W/kelputild-tls" --client "$C -q check"
-$M pair "$RAW" sess_true --count "$N" --client /bin/true
+step "connection cost: $N sessions each (plain, TLS, /bin/true, openssl), in 10 alternating rounds"
+for r in $(seq 10); do
+  $M pair "$RAW" sess_plain --count $((N / 10)) --from-server --port 856 --server "$D" --client "$C -q --plain check"
+  $M pair "$RAW" sess_true --count $((N / 10)) --client /bin/true
+  $M pair "$RAW" sess_tls --count $((N / 10)) --from-server --port 857 --server "$W/kelputild-tls" --client "$C -q check"
+done
 # The daemon speaks TLS 1.2 (mbedTLS 2.28): the baseline does the same.
 $M pair "$RAW" sess_openssl --count "$N" --from-server --port 4433 \
   --server "openssl s_server -accept 4433 -naccept 1 -cert $CERT -key $KEY" \
   --client "openssl s_client -connect 127.0.0.1:4433 -tls1_2 -brief"
+fi
 
+if part memory; then
 step "peak memory: ${BENCH_REPEAT} x (32 MiB and 1 MiB upload, TLS and plain login, baselines)"
 for r in $(seq "$BENCH_REPEAT"); do
   $M pair "$RAW" mem_fw --rss --port 856 --server "$D" --client "$U $W/fw.bin"
@@ -162,7 +176,9 @@ for r in $(seq "$BENCH_REPEAT"); do
     --server "$(sock TCP-LISTEN:9000,reuseaddr OPEN:$W/recv.bin,creat,trunc)" \
     --client "$(sock OPEN:$W/fw.bin TCP:127.0.0.1:9000)"
 done
+fi
 
+if part bundle; then
 step "size and bundle"
 strip -o "$W/kelputild.stripped" "$D"
 $M put "$RAW" size_daemon kib "$(($(stat -c %s "$W/kelputild.stripped") / 1024))"
@@ -176,10 +192,13 @@ for r in $(seq "$BENCH_REPEAT"); do
   $M pair "$RAW" ossl_rc4 --bytes $((32 << 20)) \
     --client "openssl enc -rc4 -provider legacy -provider default -K $key -in $W/fw.bin -out /dev/null"
 done
+fi
 
+if part fleet; then
 step "fleet: backup of $BENCH_FLEET simulated routers, -j 32 and one by one, ${BENCH_REPEAT} times"
 PATH=$B/tools:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_FLEET" \
   -- bash "$ROOT/bench/fleet.sh" "$M" "$RAW" "$BENCH_REPEAT"
+fi
 
 load
 step "done"

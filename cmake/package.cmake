@@ -19,23 +19,22 @@ if(TARGET kelputil AND NOT CMAKE_CROSSCOMPILING)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/serve.conf ${PROJECT_SOURCE_DIR}/packaging/kelputil-serve-alerts.yml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kelputil/examples COMPONENT client)
 
-  # The man page is the tool's own --help. The version is given, not asked:
-  # a tool without --version still gets its page.
-  find_program(KELP_HELP2MAN help2man)
+  # The man page is written as a page (docs/kelputil.1.scd), not taken from
+  # --help: it has the inventory, patterns, files and examples --help lacks.
+  find_program(KELP_SCDOC scdoc)
   find_program(KELP_GZIP gzip)
-  if(KELP_HELP2MAN AND KELP_GZIP)
+  if(KELP_SCDOC AND KELP_GZIP)
     set(man ${PROJECT_BINARY_DIR}/packaging/kelputil.1)
+    configure_file(${PROJECT_SOURCE_DIR}/docs/kelputil.1.scd ${man}.scd @ONLY)
     add_custom_command(OUTPUT ${man}.gz
-      COMMAND ${KELP_HELP2MAN} --no-info --version-string=${PROJECT_VERSION}
-              "--name=management client for kelputild routers"
-              --include=${PROJECT_SOURCE_DIR}/packaging/kelputil-serve.h2m --output=${man} $<TARGET_FILE:kelputil>
+      COMMAND sh -c "\"$1\" <\"$2\" >\"$3\"" sh ${KELP_SCDOC} ${man}.scd ${man}
       COMMAND ${KELP_GZIP} -9nf ${man}
-      DEPENDS kelputil ${PROJECT_SOURCE_DIR}/packaging/kelputil-serve.h2m
+      DEPENDS ${man}.scd
       VERBATIM)
     add_custom_target(kelputil_man ALL DEPENDS ${man}.gz)
     install(FILES ${man}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT client)
   else()
-    message(WARNING "help2man or gzip not found: the kelputil package gets no man page")
+    message(WARNING "scdoc or gzip not found: the kelputil package gets no man page")
   endif()
 endif()
 

@@ -16,8 +16,19 @@ status file_error(const std::string& what, const std::string& file) {
     return fail(error_kind::local, "cannot " + what + " " + file + ": " + strerror(errno));
 }
 
-// Creates the missing folders of file, private as ssh's are.
+// Creates the missing folders of the default file, private as ssh's are.
+// A file the operator named must be in a folder that exists: a typo there
+// should not leave a trail of new folders.
 status make_parents(const std::string& file) {
+    if (file != default_known_hosts_file()) {
+        size_t slash = file.find_last_of('/');
+        std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+        struct stat st;
+        if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+            return fail(error_kind::local, "cannot use " + file + ": the folder " + dir +
+                                               " does not exist; create it, or name a file in another folder");
+        return ok();
+    }
     for (size_t slash = file.find('/', 1); slash != std::string::npos; slash = file.find('/', slash + 1)) {
         std::string dir = file.substr(0, slash);
         if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return file_error("create", dir);
@@ -42,7 +53,17 @@ struct entry {
     int line = 0;
 };
 
-entry find(const std::string& text, const std::string& where) {
+// "host:port" and 64 hex digits, one blank apart.
+bool well_formed(const std::string& line) {
+    size_t space = line.find(' ');
+    if (space == 0 || space == std::string::npos || line.size() - space - 1 != 64) return false;
+    if (line.find(':') > space) return false;
+    return line.find_first_not_of("0123456789abcdef", space + 1) == std::string::npos;
+}
+
+// A line that is not one of ours stops the check: trusting on first
+// contact past a damaged line could accept a certificate the line refused.
+status find(const std::string& text, const std::string& file, const std::string& where, entry* out) {
     int number = 0;
     for (size_t start = 0; start < text.size();) {
         size_t end = text.find('\n', start);
@@ -50,11 +71,15 @@ entry find(const std::string& text, const std::string& where) {
         std::string line = text.substr(start, end - start);
         start = end + 1;
         number++;
+        if (line.empty() || line[0] == '#') continue;
+        if (!well_formed(line))
+            return fail(error_kind::local, file + ":" + std::to_string(number) +
+                                               " is not a known host (HOST:PORT and a SHA-256 of 64 hex digits): "
+                                               "correct or delete that line");
         size_t space = line.find(' ');
-        if (line.empty() || line[0] == '#' || space == std::string::npos) continue;
-        if (line.compare(0, space, where) == 0) return {line.substr(space + 1), number};
+        if (line.compare(0, space, where) == 0 && out->line == 0) *out = {line.substr(space + 1), number};
     }
-    return {};
+    return ok();
 }
 
 }  // namespace
@@ -80,8 +105,11 @@ status check_known_host(const std::string& file, const std::string& where, const
         return st;
     }
     std::string text = read_all(fd);
-    entry known = find(text, where);
-    if (known.line == 0) {
+    entry known;
+    st = find(text, file, where, &known);
+    if (!st) {
+        // The damaged line says what to do.
+    } else if (known.line == 0) {
         // A line cut short by a crash must not swallow this one.
         std::string line = (text.empty() || text.back() == '\n' ? "" : "\n") + where + " " + sha256 + "\n";
         if (write(fd, line.data(), line.size()) != (ssize_t)line.size()) st = file_error("write", file);

@@ -1,5 +1,6 @@
 #include "net.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -29,6 +30,24 @@ int wait_for(int fd, short events, int timeout_ms) {
 
 std::string errno_text(const char* what) { return std::string(what) + ": " + strerror(errno); }
 
+// Forms of address an operator may well try that the router cannot take:
+// it listens on IPv4 only, and the port is given on its own.
+status check_address_form(const std::string& host) {
+    bool bracketed = host.size() > 2 && host.front() == '[';
+    std::string bare = bracketed ? host.substr(1, host.find(']') - 1) : host;
+    in6_addr ipv6;
+    if (bracketed || inet_pton(AF_INET6, bare.c_str(), &ipv6) == 1)
+        return fail(error_kind::local,
+                    host + " is an IPv6 address: the router speaks IPv4 only; give its IPv4 address or name");
+    size_t colon = host.rfind(':');
+    if (colon != std::string::npos && colon + 1 < host.size() &&
+        host.find_first_not_of("0123456789", colon + 1) == std::string::npos)
+        return fail(error_kind::local, host + " looks like HOST:PORT: give the host alone and the port on its own " +
+                                           "(-H " + host.substr(0, colon) + " -p " + host.substr(colon + 1) +
+                                           ", or port= in an inventory)");
+    return ok();
+}
+
 }  // namespace
 
 long long monotonic_ms() {
@@ -42,6 +61,8 @@ status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_ou
     bool ignored = false;
     if (!refused) refused = &ignored;
     *refused = false;
+    status form = check_address_form(host);
+    if (!form) return form;
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;

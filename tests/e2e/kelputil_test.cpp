@@ -23,7 +23,7 @@ TEST_F(kelputil, every_command) {
         {"kelputil apply && until_in 'monitor: apply' /run/sim/events", 0, {"the device applies its settings"}},
         {"kelputil backup b.dat && stat -c %a b.dat", 0, {" bytes of configuration to b.dat\n600\n"}},
         // Offline: port 1 would refuse any connection.
-        {"kelputil -p 1 bundle-verify b.dat && kelputil -p 1 bundle-unpack b.dat b.tar && tar -tf b.tar", 0,
+        {"kelputil -p 1 bundle-verify b.dat && kelputil -p 1 bundle-unpack b.dat - | tar -tf -", 0,
          {"b.dat: bundle ok, ", "config/fw.scr"}},
         {"kelputil -q restore b.dat && cat /run/sim/events", 0, {"configuration installed"}},
         {"kelputil get-script fw fw.scr && echo 'iptables -A INPUT -j LOG' >> fw.scr && "
@@ -72,6 +72,20 @@ TEST_F(kelputil, careless_use) {
          "&& ls -a small; exit $r",
          1,
          {"cannot write small/b.dat: No space left on device", "\n.\n..\nb.dat\nfill\n"}},
+        {"kelputil get-script fw > small/fw.scr", 1, {"kelputil: cannot write standard output: No space left on device"}},
+        {"for c in 'report core' ppp hotspot '--json check'; do kelputil $c > /dev/full; echo \"status $?\"; done", 0,
+         {"kelputil: cannot write standard output: No space left on device\nstatus 1\n", "!status 0"}},
+        // Binary on a terminal: refused before connecting (port 1 would refuse).
+        {"script -qfec 'kelputil -p 1 backup -; echo status $?; kelputil bundle-unpack good -; echo status $?' /dev/null",
+         0, {"binary output can mess up your terminal: redirect it (> FILE) or give a FILE", "status 1", "!status 0",
+             "!refused"}},
+        // A replaced file keeps its owner and mode; a link stays a link.
+        {"kelputil -q get-script fw s.scr && chown 65534 s.scr && chmod 640 s.scr && kelputil -q get-script fw s.scr && "
+         "stat -c '%a %u' s.scr && mkdir real sub && echo old > real/fw.scr && ln -s ../real/fw.scr sub/fw.link && "
+         "kelputil -q get-script fw sub/fw.link && [ -L sub/fw.link ] && head -2 real/fw.scr",
+         0, {"640 65534\n#!/bin/sh\n# firewall"}},
+        {"(umask 027; kelputil -q get-script fw a.scr); (umask 022; kelputil -q get-script fw b.scr); stat -c %a a.scr b.scr",
+         0, {"640\n644\n"}},
         {"mkdir d; for c in 'restore d' 'put-script fw d' 'firmware d' 'bundle-verify d' 'bundle-pack d out' "
          "'backup d' 'bundle-unpack good d'; do kelputil $c; [ $? -eq 1 ] || echo BAD; done",
          0,
@@ -94,13 +108,33 @@ TEST_F(kelputil, careless_use) {
          {"has mode 0644, readable by others: chmod 600 open"}},
         {"grep -c 'authentication failed' /run/sim/messages", 1, {"0\n"}},
         {"for o in '-p 66392' '-p 856abc' '-p abc' '--timeout abc' '--timeout -1' '--timeout 0'; do kelputil $o check; "
-         "done; kelputil throughput rx 100000",
+         "done; kelputil fleet -i x firmware f --upgrade --batch 0; kelputil throughput rx 100000",
          1,
-         {"--port: '66392' is out of range: 1 to 65535", "--port: '856abc' is not a port",
+         {"--port: '66392' is out of range: 1 to 65535", "--batch: '0' is out of range: 1 to 256", "--port: '856abc' is not a port",
           "--port: 'abc' is not a port", "--timeout: 'abc' is not a duration", "--timeout: '-1' is not a duration",
           "--timeout: '0' is out of range", "SECONDS: '100000' is out of range",
           "usage: kelputil throughput [OPTIONS] DIRECTION [SECONDS]"}},
-        {"kelputil bakup x", 1, {"'bakup' is not a kelputil command. Did you mean 'backup'?"}},
+        {"for a in 'bakup x' '--password s3cret check' '--password=s3cret check' '--tiemout 5 check' 'check --jsn' "
+         "'-H 127.0.0.1 fleet -i x check' '-H 127.0.0.1:857 check' '-H [::1] check' '-H ::1 check'; do kelputil $a; "
+         "[ $? -eq 1 ] || echo BAD; done",
+         0,
+         {"'bakup' is not a kelputil command. Did you mean 'backup'?",
+          "kelputil: --password: the password never comes from the command line, where other users could read it: set "
+          "KELPUTIL_PASSWORD, give --password-file FILE, or run on a terminal to be asked\n",
+          "unknown option --tiemout. Did you mean --timeout?", "unknown option --jsn. Did you mean --json?",
+          "a fleet's hosts come from the inventory: leave out -H, or use --limit",
+          "127.0.0.1:857 looks like HOST:PORT: give the host alone and the port on its own (-H 127.0.0.1 -p 857",
+          "[::1] is an IPv6 address: the router speaks IPv4 only", "\nkelputil: ::1 is an IPv6 address", "!s3cret",
+          "!BAD"}},
+        {"kelputil -V", 0, {"kelputil 1.0.0\n"}},
+        // Only the default folder is made; a damaged trust file trusts nothing.
+        {"kelputil --known-hosts /run/nodir/kh check; r=$?; ls -d /run/nodir; exit $r", 1,
+         {"cannot use /run/nodir/kh: the folder /run/nodir does not exist", "No such file"}},
+        {"echo garbage > kh && kelputil --known-hosts kh check", 1,
+         {"kh:1 is not a known host (HOST:PORT and a SHA-256 of 64 hex digits): correct or delete that line"}},
+        {"kelputil help fleet backup > a && kelputil fleet backup --help > b && cmp a b && cat a", 0,
+         {"Usage: kelputil fleet backup [OPTIONS]", "--scripts"}},
+        {"kelputil help fleet bakup", 1, {"'bakup' is not a kelputil fleet command. Did you mean 'backup'?"}},
         // Checked here first: nothing travels that the device would refuse.
         {"cp good bad.dat && printf X | dd of=bad.dat bs=1 seek=2000 conv=notrunc 2>/dev/null && kelputil restore bad.dat",
          1, {"bad.dat: bundle digest check failed", "nothing was sent"}},
@@ -111,6 +145,10 @@ TEST_F(kelputil, careless_use) {
          "\\354\\370\\102\\176\\001\\0\\0\\040\\060\\0\\0\\0' > empty.dat && kelputil bundle-verify empty.dat",
          1, {"empty.dat: the bundle is 48 bytes; the device takes 1024 to 524288"}},
         {"grep -c 'uploading new configuration' /run/sim/messages", 1, {"0\n"}},
+        {": > zero.bin && printf x > one.bin && kelputil firmware zero.bin --upgrade; a=$?; kelputil firmware one.bin; "
+         "echo \"$a $?\"; grep -c 'firmware received' /run/sim/messages",
+         1, {"zero.bin is 0 bytes, less than the 1 KiB of any firmware image: a truncated download? Nothing was sent",
+             "one.bin is 1 byte, less than", "1 1\n0\n"}},
     });
 }
 
@@ -145,7 +183,13 @@ TEST_F(kelputil, json_schema) {
         {"kelputil --json ppp", 0, {"/data/0:name,type,interface,remote,cbq_rule", "/data/1/cbq_rule=null"}},
         // A name that is not UTF-8 (Latin-1 ö) still makes valid JSON.
         {"printf 'J\\366rg|10.0.0.9|00:11:22:33:44:77|1|2|3|4\\n' >> /run/sim/hotspot && kelputil --json hotspot", 0,
-         {"/data/0:user,ip,mac,bytes_in,bytes_out,session_s,idle_s", "/data/2/user=\"J\xC3\xB6rg\""}},
+         {"/data/0:user,ip,mac,bytes_in,bytes_out,session_s,idle_s", "/data/2/user=\"J\xC3\xB6rg\"", "/data/2/user_base64=\"SvZyZw==\""}},
+        // Bytes that are not UTF-8 come back exactly from the base64 beside their Latin-1 reading.
+        {"printf 'a\\377b\\n' > odd.scr && kelputil -q put-script fw odd.scr && kelputil --json get-script fw > got && "
+         "sed -n 's/.*\"text_base64\":\"\\([^\"]*\\)\".*/\\1/p' got | base64 -d | cmp - odd.scr && cat got",
+         0, {"/data/text=\"a\xC3\xBF" "b\\n\"", "/data/text_base64=\"Yf9iCg==\""}},
+        {"kelputil --json bundle-verify \"$(printf 'n\\377')\"", 1,
+         {"/message_base64=\"Y2Fubm90IHJlYWQgbv86IE5vIHN1Y2ggZmlsZSBvciBkaXJlY3Rvcnk=\""}},
         {"kelputil --json kick-ppp nobody", 16, {"/code=6", "/data:user"}},
         {"kelputil --json kick-ip 10.0.0.9", 0, {"/data:address"}},
         {"head -c 5000 /dev/zero > fw.bin && kelputil --json firmware fw.bin", 0,

@@ -34,8 +34,8 @@ struct step {
 };
 
 // Runs the steps in order in one router (each in the same scratch folder)
-// and checks them. Every JSON line a step prints must be an event (with
-// "event") or a result with exactly the schema's keys.
+// and checks them. Every JSON line the steps print must validate against
+// docs/kelputil.schema.json.
 void run_steps(const std::vector<step>& steps, const std::vector<std::string>& router_args = {},
                int limit_ms = 60000);
 

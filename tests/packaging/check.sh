@@ -7,6 +7,7 @@
 #   check.sh switch CMAKE SOURCE_DIR WORK_DIR SBIN SUPERVISORS TO_LOG [CMAKE_ARGS...]
 #   check.sh tls_pair CMAKE SOURCE_DIR WORK_DIR OPENSSL [CMAKE_ARGS...]
 #   check.sh deb CPACK BUILD_DIR WORK_DIR VERSION
+#   check.sh completion SCRIPT WORK_DIR
 set -euo pipefail
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
@@ -313,27 +314,59 @@ deb)
     said=$(timeout 10 "$tool" --version) || fail "kelputil --version fails"
     [[ $said == *"$version"* ]] || fail "kelputil --version says '$said', not $version"
   fi
+  # The man page as man shows it: its sections, every command, and every
+  # option that any command's --help lists.
   man=$(gzip -dc "$root/usr/share/man/man1/kelputil.1.gz") || fail "the man page is not gzip"
-  [[ $man == *'.TH KELPUTIL "1"'*"kelputil $version"* ]] || fail "the man page has no title line for kelputil $version"
-  [[ $man == *'.SH NAME'*'kelputil \-'* ]] || fail "the man page has no NAME section"
-  [[ $man == *put\\-script* ]] || fail "the man page does not show the tool's help"
-  [[ $man == *'.SH SERVE'*'/api/v1/hosts'* ]] || fail "the man page has no SERVE section with the API"
+  [[ $man == *'.TH "kelputil" "1" '*"\"kelputil $version\""* ]] || fail "the man page has no title line for kelputil $version"
+  page=$(MANWIDTH=100 timeout 20 man --warnings -l "$root/usr/share/man/man1/kelputil.1.gz" 2>"$work/man.err") ||
+    fail "man cannot show the page: $(cat "$work/man.err")"
+  [[ ! -s $work/man.err ]] || fail "man warns about the page: $(cat "$work/man.err")"
+  for section in NAME SYNOPSIS DESCRIPTION 'GLOBAL OPTIONS' COMMANDS INVENTORY PATTERNS ENVIRONMENT FILES \
+    'EXIT STATUS' EXAMPLES SECURITY; do
+    grep -qx "$section" <<<"$page" || fail "the man page has no $section section"
+  done
+  words=" $(tr -s '[:space:],[]/$' ' ' <<<"$page") "
+  for word in check apply reboot backup restore get-script put-script report ppp hotspot kick-ppp kick-hotspot \
+    kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet history diff help \
+    KELPUTIL_PASSWORD KELP_INVENTORY XDG_CONFIG_HOME HOME COLUMNS known_hosts '~regex' 'a:&b' 'a:!b' group[N] \
+    group[A:B]; do
+    want=$(tr -s '[]' ' ' <<<"$word")
+    [[ $words == *" ${want% } "* ]] || fail "the man page does not name $word"
+  done
+  options() { timeout 10 "$tool" "$@" --help | grep -o -- ' --\?[a-zA-Z][a-z-]*' | sort -u; }
+  mapfile -t commands < <(timeout 10 "$tool" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z-]*\) .*/\1/p')
+  mapfile -t fleet_commands < <(timeout 10 "$tool" fleet --help | sed -n '/^Commands:/,/^$/s/^  \([a-z-]*\) .*/\1/p')
+  ((${#commands[@]} > 15 && ${#fleet_commands[@]} > 15)) || fail "--help lists no commands to check"
+  for command in "${commands[@]}" "${fleet_commands[@]/#/fleet }"; do
+    [[ $words == *" ${command#fleet } "* ]] || fail "the man page does not name the command $command"
+    for option in $(options $command); do
+      [[ $words == *" $option "* ]] || fail "the man page does not show $command's option $option"
+    done
+  done
 
-  # Completion as bash would ask for it, from a folder with known entries.
   script=$root/usr/share/bash-completion/completions/kelputil
+  bash -c 'source "$1" && complete -p kelputil' _ "$script" | grep -q ' -F _kelputil kelputil$' ||
+    fail "the completion script does not register _kelputil for kelputil"
+  ;;
+
+completion)
+  # Completion as bash would ask for it, from a folder with known entries and
+  # an inventory, KELP_INVENTORY naming it unless the line has -i.
+  script=$2 work=$3
+  rm -rf "$work"
   mkdir -p "$work/cwd/nightly.d"
-  touch "$work/cwd/nightly.dat" "$work/cwd/fw.scr"
-  function=$(bash -c 'source "$1" && complete -p kelputil' _ "$script" | sed -n 's/.* -F \([^ ]*\) kelputil$/\1/p') ||
-    true
-  [[ -n $function ]] || fail "the completion script does not register a function for kelputil"
+  touch "$work/cwd/nightly.dat" "$work/cwd/fw.scr" "$work/cwd/my file.dat"
+  printf '%s\n' 'edge1 ansible_host=192.0.2.7' '[routers]' 'r[08:11] tls=true' '[routers:vars]' 'tls=true' \
+    '[emea:children]' 'routers' >"$work/cwd/hosts.ini"
+  printf '%s\n' '# another' 'core1' '[lab]' 'lab-[a:b]' >"$work/cwd/lab.ini"
   complete_line() {  # line
-    (cd "$work/cwd" && COMP_LINE=$1 COMP_POINT=${#1} timeout 10 bash -c \
-      'source "$1" && COMP_WORDS=() COMP_CWORD=0 && "$2" kelputil && printf "%s\n" "${COMPREPLY[@]}"' \
-      _ "$script" "$function")
+    (cd "$work/cwd" && KELP_INVENTORY=hosts.ini COMP_LINE=$1 COMP_POINT=${#1} timeout 10 bash -c \
+      'source "$1" && COMP_WORDS=() COMP_CWORD=0 && _kelputil kelputil && printf "%s\n" "${COMPREPLY[@]}"' \
+      _ "$script")
   }
   all_commands="check apply reboot backup restore get-script put-script report ppp hotspot kick-ppp \
-kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet"
-  # command line | offered (all of) | not offered (none of); "-" for none
+kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet help"
+  # command line | offered (all of) | not offered (none of); "-" for none, "%" a blank in a word
   rows=(
     "kelputil |$all_commands|-H --help"
     "kelputil ch|check|apply"
@@ -348,7 +381,7 @@ kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack
     "kelputil --password-file=ni|nightly.dat nightly.d|fw.scr"
     "kelputil --known-hosts n|nightly.dat|check"
     "kelputil report |full core kernel|fw nightly.dat"
-    "kelputil --json report k|kernel|full core"
+    "kelputil --json report  k|kernel|full core"
     "kelputil report kernel |-|full"
     "kelputil get-script |cbq fw nat dhcp|full nightly.dat"
     "kelputil -H h put-script n|nat|cbq fw"
@@ -363,34 +396,44 @@ kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack
     "kelputil bundle-unpack nightly.dat |nightly.dat fw.scr|check"
     "kelputil kick-ppp |-|nightly.dat check"
     "kelputil fleet |backup history diff firmware check report get-script kick-ppp throughput|fleet bundle-pack bundle-verify bundle-unpack"
-    "kelputil fleet --|--inventory --limit --jobs --into --scripts --canary --batch --settle --dry-run --host --help|--upgrade --window"
+    "kelputil fleet --|--inventory --limit --jobs --list-hosts --host --help|--into --scripts --canary --upgrade --window"
     "kelputil fleet -|-i -j -H -q|-"
     "kelputil fleet -i |nightly.dat|backup"
     "kelputil fleet --inventory=f|fw.scr|nightly.dat"
     "kelputil fleet -i hosts.ini --limit core -j 4 |backup history diff firmware|kernel"
-    "kelputil fleet -i hosts.ini backup --|--into --scripts|--upgrade"
+    "kelputil fleet -i hosts.ini backup --|--into --scripts --init --limit|--upgrade --canary --batch --settle --dry-run --window"
     "kelputil fleet backup --into |nightly.d|nightly.dat"
     "kelputil fleet firmware --|--upgrade --canary --batch --settle --dry-run|--window"
     "kelputil fleet report |full core kernel|backup"
     "kelputil fleet get-script |cbq fw nat dhcp|backup"
     "kelputil fleet throughput |rx tx|backup"
-    "kelputil fleet history |-|backup full"
+    "kelputil fleet history |edge1 r08 r11|routers backup full"
+    "kelputil fleet -i lab.ini diff l|lab-a lab-b|lab core1"
+    "kelputil backup my\\ f|my%file.dat|my file.dat nightly.dat"
+    "kelputil restore 'my f|my%file.dat|nightly.dat"
+    "kelputil fleet --limit |edge1 r08 r09 r10 r11 routers emea all|nightly.dat core1"
+    "kelputil fleet -i lab.ini --limit |core1 lab-a lab-b lab all|edge1 r08"
+    "kelputil fleet --limit emea:!r1|!r10 !r11|r08 emea:!r10"
+    "kelputil fleet --limit 'emea:r0|emea:r08 emea:r09|r08"
+    "kelputil fleet --limit=r1|r10 r11|--limit=r10"
+    "kelputil help |backup fleet|nightly.dat"
+    "kelputil help fleet b|backup|bundle-pack"
   )
   for row in "${rows[@]}"; do
     IFS='|' read -r line offered refused <<<"$row"
     got=$(complete_line "$line") || fail "completing '$line' failed"
     mapfile -t words <<<"$got"
-    got=" ${words[*]} "
+    got="|$(IFS='|' && echo "${words[*]}")|"
     if [[ $offered == - ]]; then
-      [[ $got == "  " ]] || fail "'$line' offers$got, expected nothing"
+      [[ $got == "||" ]] || fail "'$line' offers $got, expected nothing"
     else
       for word in $offered; do
-        [[ $got == *" $word "* ]] || fail "'$line' does not offer $word:$got"
+        [[ $got == *"|${word//%/ }|"* ]] || fail "'$line' does not offer ${word//%/ }: $got"
       done
     fi
     [[ $refused == - ]] && continue
     for word in $refused; do
-      [[ $got != *" $word "* ]] || fail "'$line' offers $word:$got"
+      [[ $got != *"|$word|"* ]] || fail "'$line' offers $word: $got"
     done
   done
   echo "${#rows[@]} completions as expected"

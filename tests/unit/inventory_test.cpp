@@ -36,21 +36,26 @@ std::string vars_of(const inventory& inv, const std::string& host) {
 }
 
 const std::string pin(64, 'a');
+// A byte-order mark, comments after lines, a host in two ranges and two
+// groups, unknown keys: all as Ansible reads them.
 const std::string fleet = std::string() +
-    "# edge routers first\n"
-    "edge1 ansible_host=192.0.2.7 timeout=30\n"
+    "\xEF\xBB\xBF# edge routers first\n"
+    "edge1 ansible_host=192.0.2.7 timeout=30 # lab\n"
     "edge2:8857\n"
     "[routers]\n"
-    "r[01:03] password_env=ROUTER_PW\n"
+    "r[01:02]\n"
+    "r[02:03] password_env=ROUTER_PW\n"
     "r03 port=1857 pin=\"" + pin + "\"\n" +
-    "[lab]\n"
+    "[lab] # the bench\n"
     "lab-[a:b] plain=yes\n"
+    "lab-a prot=856 pasword_env=PW colour=\"red # blue\" ansible_user=admin\n"
+    "lab-b prot=857\n"
     "r02\n"
     "[routers:vars]\n"
-    "timeout = 20\n"
+    "timeout = 20 # seconds\n"
     "tls=true\n"
     "[emea:children]\n"
-    "routers\n"
+    "routers # all of them\n"
     "[emea:vars]\n"
     "timeout=40\n"
     "password_env=EMEA_PW\n"
@@ -61,11 +66,14 @@ const std::string fleet = std::string() +
 
 TEST(Inventory, ConstructsAndPrecedence) {
     inventory inv;
-    kelp::status st = load(fleet, &inv);
+    std::string path;
+    kelp::status st = load(fleet, &inv, &path);
     ASSERT_TRUE(st) << st.message;
     std::vector<std::string> names;
     for (const inventory_host& h : inv.hosts) names.push_back(h.name);
-    EXPECT_EQ(names, (std::vector<std::string>{"edge1", "edge2", "r01", "r02", "r03", "lab-a", "lab-b"}));
+    // Each host once, in Ansible's order: ungrouped, then the top groups as
+    // declared, then the groups they hold.
+    EXPECT_EQ(names, (std::vector<std::string>{"edge1", "edge2", "lab-a", "lab-b", "r02", "r01", "r03"}));
     struct {
         const char* host;
         std::string vars;
@@ -73,23 +81,29 @@ TEST(Inventory, ConstructsAndPrecedence) {
         {"edge1", "ansible_host=192.0.2.7 password_file=/etc/kelp/pw timeout=30 "},
         {"edge2", "ansible_port=8857 password_file=/etc/kelp/pw "},
         // routers (depth 2) over emea (depth 1) over all; the host's own last.
-        {"r01", "password_env=ROUTER_PW password_file=/etc/kelp/pw timeout=20 tls=true "},
+        {"r01", "password_env=EMEA_PW password_file=/etc/kelp/pw timeout=20 tls=true "},
+        {"r02", "password_env=ROUTER_PW password_file=/etc/kelp/pw timeout=20 tls=true "},
         {"r03", "password_env=ROUTER_PW password_file=/etc/kelp/pw pin=" + std::string(64, 'a') +
                     " port=1857 timeout=20 tls=true "},
-        {"lab-b", "password_file=/etc/kelp/pw plain=yes "},
+        {"lab-a", "ansible_user=admin colour=red # blue password_file=/etc/kelp/pw pasword_env=PW plain=yes prot=856 "},
+        {"lab-b", "password_file=/etc/kelp/pw plain=yes prot=857 "},
     };
     for (const auto& row : rows) EXPECT_EQ(vars_of(inv, row.host), row.vars) << row.host;
     EXPECT_EQ(inv.groups["emea"], (std::vector<std::string>{"r01", "r02", "r03"}));
     EXPECT_EQ(inv.groups["lab"], (std::vector<std::string>{"lab-a", "lab-b", "r02"}));
     EXPECT_EQ(inv.groups["ungrouped"], (std::vector<std::string>{"edge1", "edge2"}));
+    EXPECT_EQ(inv.warnings, (std::vector<std::string>{
+                                path + ":10: kelputil does not know the key 'prot' (did you mean 'port'?); it is ignored",
+                                path + ":10: kelputil does not know the key 'pasword_env' (did you mean 'password_env'?); it is ignored",
+                                path + ":10: kelputil does not know the key 'colour'; it is ignored"}));
 }
 
 TEST(Inventory, BadLinesNameFileAndLine) {
     struct {
-        const char* text;
-        const char* says;  // after "FILE:"
+        std::string text;
+        const char* says;  // after "FILE:"; '@' stands for FILE
     } rows[] = {
-        {"[routers\nr1\n", "1: a section header ends with ']'"},
+        {"[routers\nr1\n", "1: a section header is [GROUP], [GROUP:vars] or [GROUP:children]"},
         {"r1\n[routers:hosts2]\n", "2: unknown section kind ':hosts2'"},
         {"r1 port=abc\n", "1: port=abc is not a port (1 to 65535)"},
         {"r1 ansible_port=70000\n", "1: ansible_port=70000 is not a port"},
@@ -97,19 +111,32 @@ TEST(Inventory, BadLinesNameFileAndLine) {
         {"r1 timeout=forever\n", "1: timeout=forever is not a duration"},
         {"r1 pin=xyz\n", "1: pin=xyz is not a SHA-256 fingerprint"},
         {"r1 junk\n", "1: 'junk' is not key=value"},
+        {"r1 x=\"open\n", "1: a quote is not closed"},
         {"[g:vars]\nnovalue\n", "2: 'novalue' is not key=value"},
+        // In a :vars section Ansible keeps a comment after a word in the value.
+        {"[g]\nr1\n[g:vars]\ntls=true # lab\n", "4: tls=true # lab is not true or false (in a :vars section"},
+        {"r1\n[g:vars]\nk=1\n", "2: no [g] or [g:children] section declares the group g"},
+        {"[a:children]\nb\n", "2: no [b] or [b:children] section declares the group b"},
         {"r[3:1]\n", "1: 'r[3:1]' has a range that is not [FROM:TO]"},
+        {"r[01:3]\n", "1: 'r[01:3]' has a range whose ends differ in width: write [01:03]"},
         {"../evil\n", "1: '../evil' is not a usable host name"},
         {"[a:children]\nb c\n", "2: 'b c' is not a group name"},
         {"[a:children]\nb\n[b:children]\na\n", " group "},
+        // Long lines are read, not recursed over.
+        {"[g] # " + std::string(200000, 'x') + "\n[g:children] # " + std::string(200000, 'x') + "\nr1 x\n",
+         "3: 'r1 x' is not a group name"},
+        {"r1 ansible_host=192.0.2.1\n[g]\nr[0:1] ansible_host=192.0.2.2\n",
+         "3: r1 has ansible_host=192.0.2.2 here and ansible_host=192.0.2.1 at @:1: a host has one address"},
     };
     for (const auto& row : rows) {
         inventory inv;
         std::string path;
         kelp::status st = load(row.text, &inv, &path);
-        EXPECT_FALSE(st) << row.text;
+        std::string says = row.says;
+        if (size_t at = says.find('@'); at != std::string::npos) says.replace(at, 1, path);
+        EXPECT_FALSE(st) << row.text.substr(0, 80);
         EXPECT_EQ(st.message.rfind(path + ":", 0), 0u) << st.message;
-        EXPECT_NE(st.message.find(row.says), std::string::npos) << st.message;
+        EXPECT_NE(st.message.find(says), std::string::npos) << st.message;
     }
 }
 
@@ -117,21 +144,37 @@ TEST(Inventory, LimitPatterns) {
     inventory inv;
     ASSERT_TRUE(load(fleet, &inv));
     struct {
-        const char* pattern;
-        const char* hosts;  // empty: an error naming the term
+        std::string pattern;
+        const char* hosts;  // empty: an error naming the element
     } rows[] = {
-        {"", "edge1 edge2 r01 r02 r03 lab-a lab-b"},
-        {"routers", "r01 r02 r03"},
-        {"emea", "r01 r02 r03"},
-        {"r0*", "r01 r02 r03"},
-        {"edge1:lab", "edge1 r02 lab-a lab-b"},
+        {"", "edge1 edge2 lab-a lab-b r02 r01 r03"},
+        {"routers", "r02 r01 r03"},
+        {"emea", "r02 r01 r03"},
+        {"r0*", "r02 r01 r03"},
+        {"edge1:lab", "edge1 lab-a lab-b r02"},
         {"routers:!r02", "r01 r03"},
         {"!r02:routers", "r01 r03"},
         {"routers:&lab", "r02"},
         {"!routers", "edge1 edge2 lab-a lab-b"},
         {"edge1,r01", "edge1 r01"},
+        // Subscripts count the group's own order; [A:B] includes B.
+        {"routers[0]", "r01"},
+        {"routers[-1]", "r03"},
+        {"routers[1:2]", "r02 r03"},
+        {"lab[1:]", "lab-b r02"},
+        {"lab[1:0]", "lab-b"},  // Ansible reads [A:0] as [A]
+        {"routers[0:1],edge2", "edge2 r02 r01"},
+        // A glob's groups' hosts come before the hosts it names itself.
+        {"e*[3]", "edge1"},
+        {"~r0[13]", "r01 r03"},
+        {"~lab|edge", "edge1 edge2 lab-a lab-b r02"},
         {"nosuch", ""},
         {"routers:&edge*", ""},
+        {"routers:!nosuch", ""},
+        {"routers[3]", ""},
+        {"routers[:2]", ""},
+        {"~(", ""},
+        {"~" + std::string(100000, 'r'), ""},
     };
     for (const auto& row : rows) {
         std::vector<const inventory_host*> chosen;
@@ -142,7 +185,7 @@ TEST(Inventory, LimitPatterns) {
             EXPECT_TRUE(st) << row.pattern << ": " << st.message;
             EXPECT_EQ(names, row.hosts) << row.pattern;
         } else {
-            EXPECT_FALSE(st) << row.pattern;
+            EXPECT_FALSE(st) << row.pattern.substr(0, 80);
         }
     }
 }

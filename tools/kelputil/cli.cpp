@@ -79,6 +79,8 @@ struct command_line {
     // Values kept as text until the validators have passed.
     std::string port, timeout = "15", seconds = "10", window, jobs = "16", settle = "120";
     bool tls = false, apply = false, reboot = false;
+    std::vector<std::string> help_words;  // listed for --help; help_for reads argv
+    CLI::Option* limit = nullptr;
 
     explicit command_line(invocation& i) : inv(i) {}
 };
@@ -133,8 +135,10 @@ void add_device_commands(command_line& c, CLI::App& parent, bool fleet) {
     fw->add_option("IMAGE", inv.file, "the firmware image")->required();
     fw->add_flag("--upgrade", inv.upgrade, "start the flash upgrade and follow it");
     if (fleet) {
-        fw->add_option("--canary", inv.canary, "hosts upgraded first, one after another")->check(CLI::Range(0, 1000));
-        fw->add_option("--batch", inv.batch, "hosts upgraded at once after the canaries")->check(CLI::Range(1, 256));
+        fw->add_option("--canary", inv.canary, "hosts upgraded first, one after another")
+            ->check(whole_number(0, 1000, "canary count"));
+        fw->add_option("--batch", inv.batch, "hosts upgraded at once after the canaries")
+            ->check(whole_number(1, 256, "batch size"));
         fw->add_option("--settle", c.settle, "how long a host may take to answer again after its upgrade")
             ->check(duration(1000, 3600 * 1000));
         fw->add_flag("--dry-run", inv.dry_run, "show the plan and touch nothing");
@@ -160,22 +164,31 @@ void add_offline_commands(command_line& c) {
     unpack->add_option("OUT", inv.out, "the plain configuration to write (mode 600; - for stdout)")->required();
 }
 
-void add_fleet(command_line& c) {
+// Its options and commands only when the command line asks for them: the
+// tree is as large as all the others together, and building it would cost
+// every single-router command at start.
+void add_fleet(command_line& c, bool whole) {
     invocation& inv = c.inv;
     CLI::App* fleet = add_command(c.app, "fleet", "run a command on every host of an inventory");
+    if (!whole) return;
     fleet->add_option("-i,--inventory", inv.inventory, "INI inventory of hosts and groups")
         ->envname("KELP_INVENTORY")
         ->type_name("FILE");
-    fleet->add_option("--limit", inv.limit, "hosts and groups to run on: names, globs, a:b, !excluded, &both")
-        ->type_name("PATTERN");
+    // A second --limit is let through, then refused with what to do
+    // instead (CLI11 would only count).
+    c.limit = fleet->add_option("--limit", inv.limit, "hosts and groups, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
+                  ->type_name("PATTERN")
+                  ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    fleet->add_flag("--list-hosts", inv.list_hosts, "list the hosts the command would run on, and run nothing");
     fleet->add_option("-j,--jobs", c.jobs, "hosts at a time (default 16, at most 256)")
         ->check(whole_number(1, 256, "job count"))
         ->type_name("N");
-    fleet->require_subcommand(1);
+    fleet->require_subcommand(0, 1);
     add_device_commands(c, *fleet, true);
     CLI::App* backup = add_command(*fleet, "backup", "back up every host into a git repository");
-    backup->add_option("--into", inv.into, "the repository folder (created if new)")->required();
+    backup->add_option("--into", inv.into, "the repository folder (created if new or empty)")->required();
     backup->add_flag("--scripts", inv.scripts, "fetch the four scripts too");
+    backup->add_flag("--init", inv.init, "make the repository in a folder that already holds other files");
     CLI::App* history = add_command(*fleet, "history", "one host's backups");
     history->add_option("HOST", inv.name, "a host of the inventory")->required();
     history->add_option("--into", inv.into, "the repository folder (default: the current one)");
@@ -217,7 +230,7 @@ void add_global_options(command_line& c) {
     app.add_flag("--json", inv.json, "one JSON object per result (JSON lines while running)");
     app.add_flag("-q,--quiet", inv.quiet, "no progress, no message on success");
     app.add_flag("-v,--verbose", inv.verbose, "show the connection's steps");
-    app.set_version_flag("--version", "kelputil " KELP_VERSION);
+    app.set_version_flag("-V,--version", "kelputil " KELP_VERSION);
     app.fallthrough();
     app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.get_formatter()->label("TEXT", "VALUE");
@@ -250,32 +263,130 @@ size_t distance(const std::string& a, const std::string& b) {
     return row[b.size()];
 }
 
-// The first word that is not an option or an option's value: the command.
-std::string typed_command(int argc, char** argv) {
+// Where the first word that is not an option or an option's value, the
+// command, is in argv; argc when there is none.
+int typed_command_at(int argc, char** argv) {
     static const char* const with_value[] = {"-H", "--host", "-p", "--port", "--pin", "--known-hosts",
                                              "--password-file", "--timeout"};
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
-        if (a.empty() || a[0] != '-') return a;
+        if (a.empty() || a[0] != '-') return i;
         if (std::find(std::begin(with_value), std::end(with_value), a) != std::end(with_value)) i++;
     }
-    return "";
+    return argc;
 }
 
-std::string unknown_command(CLI::App& app, const std::string& typed) {
+// The closest of names to typed, when it is close enough to be a typo.
+std::string closest(const std::string& typed, const std::vector<std::string>& names) {
     std::string best;
     size_t best_distance = 3;
-    for (const CLI::App* sub : app.get_subcommands({})) {
-        size_t d = distance(typed, sub->get_name());
-        if (d < best_distance) best = sub->get_name(), best_distance = d;
+    for (const std::string& name : names) {
+        size_t d = distance(typed, name);
+        if (d < best_distance) best = name, best_distance = d;
     }
-    return "'" + typed + "' is not a kelputil command." + (best.empty() ? "" : " Did you mean '" + best + "'?") +
+    return best;
+}
+
+// path: the command typed so far ("" or "fleet"), for the message.
+std::string unknown_command(CLI::App& app, const std::string& typed, const std::string& path = "") {
+    std::vector<std::string> names;
+    for (const CLI::App* sub : app.get_subcommands({})) names.push_back(sub->get_name());
+    std::string best = closest(typed, names);
+    std::string kelputil = "kelputil" + (path.empty() ? "" : " " + path);
+    return "'" + typed + "' is not a " + kelputil + " command." + (best.empty() ? "" : " Did you mean '" + best + "'?") +
+           " (" + kelputil + " --help lists them)";
+}
+
+// The option called name where the parser stands: its own or a parent's
+// (options fall through to the commands above).
+const CLI::Option* option_at(CLI::App* at, const std::string& name) {
+    for (; at; at = at->get_parent())
+        if (const CLI::Option* o = at->get_option_no_throw(name)) return o;
+    return nullptr;
+}
+
+std::string unknown_option(CLI::App* at, const std::string& typed) {
+    std::vector<std::string> names;
+    for (; at; at = at->get_parent())
+        for (const CLI::Option* o : at->get_options())
+            for (const std::string& l : o->get_lnames()) names.push_back("--" + l);
+    std::string best = typed[1] == '-' ? closest(typed, names) : "";
+    return "unknown option " + typed + (best.empty() ? "" : ". Did you mean " + best + "?") +
            " (kelputil --help lists them)";
+}
+
+const char password_answer[] =
+    "--password: the password never comes from the command line, where other users could read it: set "
+    "KELPUTIL_PASSWORD, give --password-file FILE, or run on a terminal to be asked";
+
+// Walks the words as the parser will, before it does, so that a wrong word
+// gets an answer that names it: a password given on the command line, an
+// option that does not exist, a command that does not. "" when all is well.
+std::string misspelt_word(CLI::App& app, int argc, char** argv) {
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "--password" || a.rfind("--password=", 0) == 0) return password_answer;
+    }
+    CLI::App* at = &app;
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "--") break;
+        if (a.size() < 2 || a[0] != '-') {
+            CLI::App* sub = nullptr;
+            for (CLI::App* candidate : at->get_subcommands({}))
+                if (candidate->get_name() == a) sub = candidate;
+            if (sub) at = sub;
+            else if (at == &app) return unknown_command(app, a);
+            if (at->get_prefix_command()) break;  // serve: its helper checks the rest
+            continue;
+        }
+        bool inline_value = a.find('=') != std::string::npos || (a[1] != '-' && a.size() > 2);
+        std::string name = a[1] == '-' ? a.substr(0, a.find('=')) : a.substr(0, 2);
+        const CLI::Option* o = option_at(at, name);
+        if (!o) return unknown_option(at, name);
+        if (o->get_items_expected_min() > 0 && !inline_value) i++;  // its value
+    }
+    return "";
 }
 
 int usage_error(const invocation& inv, const std::string& message, const std::string& usage) {
     print_usage_error(inv.json, message, usage);
     return 1;
+}
+
+// "kelputil help fleet backup" is "kelputil fleet backup --help": the words
+// after help, each a command of the one before, become that command line.
+int help_for(command_line& c, int argc, char** argv, int at) {
+    std::vector<std::string> args(argv, argv + at);
+    CLI::App* level = &c.app;
+    std::string path;
+    for (int i = at + 1; i < argc; i++) {
+        std::string word = argv[i];
+        if (!word.empty() && word[0] == '-') continue;
+        CLI::App* sub = nullptr;
+        for (CLI::App* s : level->get_subcommands({})) sub = s->get_name() == word ? s : sub;
+        if (!sub)
+            return usage_error(c.inv,
+                               level->get_subcommands({}).empty() ? "kelputil " + path + " has no command '" + word + "'"
+                                                                  : unknown_command(*level, word, path),
+                               "kelputil help [COMMAND [SUBCOMMAND]]");
+        args.push_back(word);
+        path += (path.empty() ? "" : " ") + word;
+        level = sub;
+        if (sub->get_prefix_command()) {  // serve: its helper answers
+            c.inv.command = path;
+            return -1;
+        }
+    }
+    args.push_back("--help");
+    std::vector<char*> line;
+    for (std::string& a : args) line.push_back(a.data());
+    try {
+        c.app.parse((int)line.size(), line.data());
+    } catch (const CLI::ParseError& e) {
+        return c.app.exit(e);
+    }
+    return 0;
 }
 
 // Text options become numbers once checked.
@@ -294,7 +405,15 @@ std::string check_combinations(const command_line& c) {
     const invocation& inv = c.inv;
     if (inv.plain && c.tls) return "--plain and --tls exclude each other";
     if (inv.plain && !inv.pin.empty()) return "--pin checks a TLS certificate: it cannot go with --plain";
+    if (inv.is_fleet() && c.app.get_option("--host")->count() > 0)
+        return "a fleet's hosts come from the inventory: leave out -H, or use --limit";
     std::string device = inv.device_command();
+    if (c.limit && c.limit->count() > 1) return "--limit is given twice: join the patterns with ',' (--limit 'a,b')";
+    if (c.limit && c.limit->count() && inv.limit.find_first_not_of(":, \t") == std::string::npos)
+        return "--limit '" + inv.limit + "': an empty pattern selects nothing; leave --limit out to run on every host";
+    if (inv.command == "fleet" && !inv.list_hosts) return "fleet needs a command, or --list-hosts";
+    if (inv.list_hosts && (device == "history" || device == "diff"))
+        return "--list-hosts shows the hosts of a run: history and diff read a backup repository";
     if (inv.is_fleet() && device != "history" && device != "diff" && inv.inventory.empty())
         return "a fleet run needs an inventory: -i FILE (or KELP_INVENTORY)";
     if (inv.is_fleet() && device == "get-script" && !inv.file.empty() && inv.file.find("{host}") == std::string::npos)
@@ -310,6 +429,8 @@ long long parse_duration_ms(const std::string& text) {
     return parse_number_with_suffix(text, {{"", 1000}, {"s", 1000}, {"ms", 1}, {"m", 60000}, {"h", 3600000}});
 }
 
+size_t edit_distance(const std::string& a, const std::string& b) { return distance(a, b); }
+
 long long parse_size(const std::string& text) {
     long long n = parse_number_with_suffix(text, {{"", 1}, {"K", 1024}, {"k", 1024}, {"M", 1 << 20}, {"m", 1 << 20}});
     return n;
@@ -322,15 +443,16 @@ int parse_command_line(int argc, char** argv, invocation* out) {
     add_global_options(c);
     add_device_commands(c, c.app, false);
     add_offline_commands(c);
-    add_fleet(c);
+    int at = typed_command_at(argc, argv);
+    std::string typed = at < argc ? argv[at] : "";
+    add_fleet(c, typed == "fleet" || typed == "help");
     add_serve(c);
+    add_command(c.app, "help", "show a command's help: help [COMMAND [SUBCOMMAND]]")
+        ->add_option("COMMAND", c.help_words, "a command, and for fleet one of its commands");
     c.app.footer(std::string("\n") + footer + "\n");  // the main help only: subcommands exist already
-    std::string typed = typed_command(argc, argv);
-    if (!typed.empty()) {
-        bool known = false;
-        for (const CLI::App* sub : c.app.get_subcommands({})) known = known || sub->get_name() == typed;
-        if (!known) return usage_error(*out, unknown_command(c.app, typed), "kelputil [OPTIONS] COMMAND [ARGS]");
-    }
+    if (typed == "help") return help_for(c, argc, argv, at);
+    std::string wrong_word = misspelt_word(c.app, argc, argv);
+    if (!wrong_word.empty()) return usage_error(*out, wrong_word, "kelputil [OPTIONS] COMMAND [ARGS]");
     try {
         c.app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -12,3 +12,5 @@ int parse_command_line(int argc, char** argv, invocation* out);
 long long parse_duration_ms(const std::string& text);
 // "65536", "64K", "1M" (binary units) -> bytes; -1 when not a size.
 long long parse_size(const std::string& text);
+// Levenshtein distance, for "did you mean" hints.
+size_t edit_distance(const std::string& a, const std::string& b);

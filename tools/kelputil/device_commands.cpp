@@ -1,5 +1,9 @@
 #include "device_commands.h"
 
+#include <errno.h>
+#include <string.h>
+#include <mbedtls/sha256.h>
+#include <stdio.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -15,6 +19,9 @@ namespace {
 mode_t plain_mode = 0644;
 constexpr size_t bundle_read_max = 16u << 20;  // far above the device's limit, for a clear message
 constexpr size_t image_max = 0x7FFFFFFF;
+// No firmware image is this small: a shorter file is a download cut short,
+// not something to flash.
+constexpr size_t image_min = 1024;
 
 std::string for_host(std::string pattern, const std::string& host) {
     for (size_t at; (at = pattern.find("{host}")) != std::string::npos;) pattern.replace(at, 6, host);
@@ -49,8 +56,6 @@ std::string table(const std::vector<std::string>& header, const std::vector<std:
     for (const auto& row : rows) add(row);
     return out;
 }
-
-std::string plural(size_t n, const char* word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
 
 outcome saved(const std::string& file, const bytes& b, mode_t mode, const std::string& what) {
     status w = write_output(file, b, mode);
@@ -179,7 +184,7 @@ bool reports_failure(const std::string& line) {
 outcome firmware(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
     std::string file = for_host(inv.file, host);
     bytes image;
-    status st = read_input(file, &image, image_max);
+    status st = read_image(file, &image);
     if (!st) return failure(st);
     return upload_image(t, image, inv.upgrade, file, r);
 }
@@ -194,13 +199,13 @@ outcome throughput(const invocation& inv, const kelp::target& t, reporter& r) {
         if (now - last_t < 0.05 && !intervals.empty()) return;  // a sliver at the end adds nothing
         r.interval(last_t, now, moved - last_bytes);
         double mbit = now > last_t ? (moved - last_bytes) * 8 / (now - last_t) / 1e6 : 0;
-        intervals.push_back({{"start", last_t}, {"end", now}, {"bytes", moved - last_bytes}, {"mbit_per_s", mbit}});
+        intervals.push_back({{"start", json_seconds(last_t)}, {"end", json_seconds(now)}, {"bytes", moved - last_bytes}, {"mbit_per_s", mbit}});
         last_t = now;
         last_bytes = moved;
     };
     status st = kelp::throughput(t, rx, inv.seconds_ms / 1000.0, inv.flags, &result, tick, inv.window);
     if (!st) return failure(st);
-    json summary = {{"bytes", result.bytes}, {"seconds", result.seconds}, {"mbit_per_s", result.mbit_per_s()}};
+    json summary = {{"bytes", result.bytes}, {"seconds", json_seconds(result.seconds)}, {"mbit_per_s", result.mbit_per_s()}};
     char text[160];
     snprintf(text, sizeof text, "%s: %llu bytes in %.2f s = %.1f Mbit/s", rx ? "device to us" : "us to device",
              (unsigned long long)result.bytes, result.seconds, result.mbit_per_s());
@@ -233,6 +238,48 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
     return success(upgrade ? "upgrade done: " + std::to_string(image.size()) + " bytes flashed"
                                : "firmware stored on the device (" + std::to_string(image.size()) + " bytes)",
                    data);
+}
+
+kelp::status make_host_folders(const invocation& inv, const std::vector<std::string>& hosts) {
+    if (inv.device_command() != "get-script" || inv.file.find("{host}") == std::string::npos) return kelp::ok();
+    for (const std::string& host : hosts) {
+        std::string path = for_host(inv.file, host);
+        for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+            std::string folder = path.substr(0, slash);
+            struct stat st;
+            if (mkdir(folder.c_str(), 0700) == 0 || (stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode))) continue;
+            int err = errno == EEXIST || errno == 0 ? ENOTDIR : errno;
+            return kelp::fail(kelp::error_kind::local, "cannot create the folder " + folder + ": " + strerror(err) +
+                                                           "; no host was contacted");
+        }
+    }
+    return kelp::ok();
+}
+
+status read_image(const std::string& file, bytes* image) {
+    status st = read_input(file, image, image_max);
+    if (st && image->size() < image_min)
+        st = kelp::fail(kelp::error_kind::local, file + " is " + plural(image->size(), "byte") +
+                                                     ", less than the 1 KiB of any firmware image: a truncated "
+                                                     "download? Nothing was sent");
+    return st;
+}
+
+json image_summary(const std::string& file, const bytes& image) {
+    unsigned char digest[32];
+    mbedtls_sha256_ret(image.data(), image.size(), digest, 0);
+    std::string hex;
+    for (unsigned char b : digest) {
+        char two[3];
+        snprintf(two, sizeof two, "%02x", b);
+        hex += two;
+    }
+    return {{"file", json_text(file)}, {"bytes", image.size()}, {"sha256", hex}};
+}
+
+std::string image_text(const json& summary) {
+    return summary["file"].get<std::string>() + ": " + std::to_string(summary["bytes"].get<size_t>()) +
+           " bytes, SHA-256 " + summary["sha256"].get<std::string>();
 }
 
 void remember_umask() {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "actions.h"
 #include "invocation.h"
@@ -17,6 +18,18 @@ outcome run_offline_command(const invocation& inv);
 // and fails (exit 10) when one of its lines reports an error.
 outcome upload_image(const kelp::target& t, const kelp::bytes& image, bool upgrade, const std::string& file,
                      reporter& r);
+
+// The folders of a fleet run's per-host files ("dir/{host}.scr",
+// "{host}/fw.scr"), made private before any host is contacted: a folder
+// that is missing would otherwise fail every host after its session.
+kelp::status make_host_folders(const invocation& inv, const std::vector<std::string>& hosts);
+// Reads a firmware image, refusing one smaller than any image could be (a
+// truncated download) before anything connects.
+kelp::status read_image(const std::string& file, kelp::bytes* image);
+// The image as plans and summaries show it: {"file", "bytes", "sha256"},
+// and as text.
+json image_summary(const std::string& file, const kelp::bytes& image);
+std::string image_text(const json& summary);
 
 // The mode for files that are not secrets: as the umask allows.
 void remember_umask();

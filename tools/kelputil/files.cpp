@@ -73,6 +73,51 @@ std::string folder_of(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// A device, a FIFO or a terminal: nothing to rename over.
+status write_in_place(const std::string& path, const kelp::bytes& data) {
+    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return file_error("write", path);
+    status s = write_fd(fd, data, path);
+    close(fd);
+    return s;
+}
+
+// The file path finally names, links followed as open() would (a relative
+// one from the link's own folder), so that the link itself stays a link.
+status final_target(const std::string& path, std::string* out) {
+    std::string at = path;
+    for (int hops = 0; hops < 40; hops++) {
+        struct stat st;
+        if (lstat(at.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+            *out = at;
+            return kelp::ok();
+        }
+        char link[PATH_MAX];
+        ssize_t n = readlink(at.c_str(), link, sizeof link);
+        if (n < 0 || n == sizeof link) return file_error("follow the link", at, n < 0 ? errno : ENAMETOOLONG);
+        at = link[0] == '/' ? std::string(link, n) : folder_of(at) + "/" + std::string(link, n);
+    }
+    return file_error("follow the link", path, ELOOP);
+}
+
+// What the replaced file was: its mode, and its owner and group where we
+// may give them (root, or the owner). A file that becomes ours loses the
+// set-id bits, as chown takes them too.
+mode_t kept_mode(int fd, const struct stat& was) {
+    mode_t mode = was.st_mode & 07777;
+    if (fchown(fd, was.st_uid, was.st_gid) != 0) mode &= ~(mode_t)(S_ISUID | S_ISGID);
+    return mode;
+}
+
+// The rename itself reaches the disk with the folder.
+void sync_folder(const std::string& folder) {
+    int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        fsync(dir);
+        close(dir);
+    }
+}
+
 }  // namespace
 
 void remove_temporaries_on_signals() {
@@ -125,40 +170,27 @@ status read_input(const std::string& path, kelp::bytes* out, size_t max_bytes) {
 }
 
 status write_output(const std::string& path, const kelp::bytes& data, mode_t mode) {
-    if (path == "-") {
-        status s = write_fd(1, data, "standard output");
-        return s;
-    }
+    if (path == "-") return write_fd(1, data, "standard output");
+    std::string target;
+    status s = final_target(path, &target);
+    if (!s) return s;
     struct stat st;
-    if (stat(path.c_str(), &st) == 0) {
-        if (S_ISDIR(st.st_mode)) return fail(error_kind::local, "cannot write " + path + ": it is a folder");
-        if (!S_ISREG(st.st_mode)) {
-            int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-            if (fd < 0) return file_error("write", path);
-            status s = write_fd(fd, data, path);
-            close(fd);
-            return s;
-        }
-    }
-    std::string temporary = folder_of(path) + "/." + path.substr(path.find_last_of('/') + 1) + ".kelputil-XXXXXX";
+    bool replacing = stat(target.c_str(), &st) == 0;
+    if (replacing && S_ISDIR(st.st_mode)) return fail(error_kind::local, "cannot write " + path + ": it is a folder");
+    if (replacing && !S_ISREG(st.st_mode)) return write_in_place(path, data);
+    std::string temporary = folder_of(target) + "/." + target.substr(target.find_last_of('/') + 1) + ".kelputil-XXXXXX";
     int fd = mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0) return file_error("write into the folder of", path);
     int slot = claim(temporary);
-    status s = write_fd(fd, data, path);
+    s = write_fd(fd, data, path);
+    if (s && replacing) mode = kept_mode(fd, st);
     if (s && fchmod(fd, mode) != 0) s = file_error("set the mode of", path);
     if (s && fsync(fd) != 0) s = file_error("flush", path);
     if (close(fd) != 0 && s) s = file_error("write", path);
-    if (s && rename(temporary.c_str(), path.c_str()) != 0) s = file_error("replace", path);
+    if (s && rename(temporary.c_str(), target.c_str()) != 0) s = file_error("replace", path);
     if (!s) unlink(temporary.c_str());
     release(slot);
-    if (s) {
-        // The rename itself reaches the disk with the folder.
-        int dir = open(folder_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dir >= 0) {
-            fsync(dir);
-            close(dir);
-        }
-    }
+    if (s) sync_folder(folder_of(target));
     return s;
 }
 

@@ -14,9 +14,11 @@
 // folder, a device or anything above max_bytes is refused.
 kelp::status read_input(const std::string& path, kelp::bytes* out, size_t max_bytes);
 
-// Replaces path with data, created with mode (secrets: 0600). "-" writes
-// to stdout; a character device (/dev/null, /dev/full, a terminal) is
-// written in place, as there is nothing to rename over.
+// Replaces path with data. A new file gets mode (secrets: 0600); a file
+// replaced keeps its mode, and its owner and group where allowed; through a
+// symbolic link, the file it points to is replaced and the link stays. "-"
+// writes to stdout; a character device (/dev/null, /dev/full, a terminal)
+// is written in place, as there is nothing to rename over.
 kelp::status write_output(const std::string& path, const kelp::bytes& data, mode_t mode);
 
 // Creates path, which must not exist, with data: for files in a staging

@@ -9,8 +9,10 @@
 
 int run_fleet(const invocation& inv);
 
-// What every fleet run does first: reads the inventory, selects the hosts and
-// checks their password sources, then hands them to job. Nothing runs on a
-// bad inventory, an empty selection or a missing password.
+// What every fleet run does first: reads the inventory, selects the hosts,
+// makes the folders of their files and checks their firmware image and
+// password sources, then hands them to job. Nothing runs on a bad inventory,
+// an empty selection, a folder that cannot be made, an image no router could
+// take or a missing password.
 using fleet_job = std::function<int(fleet_runner& runner, const std::vector<const inventory_host*>& hosts)>;
 int run_on_fleet(const invocation& inv, const fleet_job& job);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <mutex>
 
 #include "archive_members.h"
 #include "bundle.h"
@@ -20,7 +21,6 @@ using kelp::status;
 
 namespace {
 
-const char staging_name[] = ".kelputil-staging";
 const char* const script_names[] = {"cbq", "fw", "nat", "dhcp"};
 const char* const script_files[] = {"cbq.scr", "fw.scr", "nat.scr", "dhcpd.conf"};
 
@@ -54,30 +54,26 @@ status snapshot(const invocation& inv, const kelp::target& t, const std::string&
     return st;
 }
 
-// Replaces dir/host with the staged folder in two renames.
-status swap_in(const std::string& dir, const std::string& host, const std::string& staged) {
-    std::string target = dir + "/" + host, old = staged + ".old";
-    bool had = access(target.c_str(), F_OK) == 0;
-    if (had && rename(target.c_str(), old.c_str()) != 0) return system_error("move aside", target);
-    if (rename(staged.c_str(), target.c_str()) != 0) {
-        status st = system_error("move into place", target);
-        if (had) rename(old.c_str(), target.c_str());
-        return st;
-    }
-    if (had) remove_tree(old);
-    return kelp::ok();
-}
+// Fetched folders by host, for the commit once every host is done.
+struct staged_hosts {
+    std::mutex lock;
+    std::vector<std::pair<std::string, std::string>> folders;
+    bool disk_failed = false;  // writing here failed: the other hosts would fail alike
+};
 
-outcome back_up_host(const invocation& inv, const std::string& dir, const inventory_host& h, const kelp::target& t) {
-    std::string staged = dir + "/" + staging_name + "/" + h.name + ".XXXXXX";
-    if (!mkdtemp(staged.data())) return failure(system_error("create a staging folder in", dir + "/" + staging_name));
+outcome back_up_host(const invocation& inv, const std::string& staging, const inventory_host& h, const kelp::target& t,
+                     staged_hosts* staged) {
+    std::string folder = staging + "/" + h.name + ".XXXXXX";
+    status st = mkdtemp(folder.data()) ? kelp::ok() : system_error("create a staging folder in", staging);
     size_t config_bytes = 0;
-    status st = snapshot(inv, t, staged, &config_bytes);
-    if (st) st = swap_in(dir, h.name, staged);
+    if (st) st = snapshot(inv, t, folder, &config_bytes);
+    std::lock_guard<std::mutex> hold(staged->lock);
     if (!st) {
-        remove_tree(staged);
+        remove_tree(folder);
+        staged->disk_failed = staged->disk_failed || st.kind == error_kind::local;
         return failure(st);
     }
+    staged->folders.emplace_back(h.name, folder);
     return success("backed up: " + std::to_string(config_bytes) + " bytes of configuration",
                    {{"folder", json_text(h.name)}, {"config_bytes", config_bytes}});
 }
@@ -109,32 +105,62 @@ int local_error(const invocation& inv, const status& st) {
 
 std::string store_dir(const invocation& inv) { return inv.into.empty() ? "." : inv.into; }
 
+// A run that ends before its commit: what was fetched, and that nothing
+// was kept.
+int stopped(const invocation& inv, const std::vector<host_result>& results, int exit, const std::string& why) {
+    size_t fetched = 0;
+    for (const host_result& r : results) fetched += r.result.ok();
+    outcome o = local_failure(why + std::to_string(fetched) + " of " + std::to_string(results.size()) +
+                              " hosts fetched, nothing committed");
+    o.exit = exit;
+    o.data = {{"hosts", results.size()}, {"fetched", fetched}};
+    print_outcome(o, inv.json, inv.quiet);
+    return exit;
+}
+
+// The first local failure of a host: the reason the run stopped.
+std::string disk_failure(const std::vector<host_result>& results) {
+    for (const host_result& r : results)
+        if (r.touched && r.result.exit == 1) return r.result.message + " (backing up " + r.host + "); ";
+    return "";
+}
+
 }  // namespace
 
 int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     std::unique_ptr<git_store> store;
-    status st = git_store::open(inv.into, true, &store);
-    std::string staging = inv.into + "/" + staging_name;
-    if (st && mkdir(staging.c_str(), 0700) != 0 && errno != EEXIST) st = system_error("create", staging);
+    status st = git_store::open(inv.into, true, inv.init, &store);
+    std::vector<std::string> folders;
+    for (const inventory_host* h : hosts) folders.push_back(h->name);
+    if (st) st = store->start_clean(folders);
+    std::string staging = store ? store->staging() : "";
+    if (st && mkdir(staging.c_str(), 0700) != 0) st = system_error("create", staging);
     if (!st) return local_error(inv, st);
-    // The staging area stays out of the history.
-    std::string ignore = inv.into + "/.gitignore";
-    std::string rule = std::string(staging_name) + "/\n";
-    if (access(ignore.c_str(), F_OK) != 0 && !(st = write_output(ignore, bytes(rule.begin(), rule.end()), 0644)))
-        return local_error(inv, st);
 
-    std::string dir = inv.into;
-    std::vector<host_result> results =
-        runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter&) { return back_up_host(inv, dir, h, t); });
-    rmdir(staging.c_str());
+    // Nothing reaches the work tree until every host is done: a signal or
+    // a full disk on the way leaves the last commit as it was.
+    staged_hosts staged;
+    runner.stop_on_signals();
+    runner.stop_when([&] {
+        std::lock_guard<std::mutex> hold(staged.lock);
+        return staged.disk_failed;
+    });
+    std::vector<host_result> results = runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter&) {
+        return back_up_host(inv, staging, h, t, &staged);
+    });
+    if (runner.stopped_by() || staged.disk_failed) {
+        remove_tree(staging);
+        int sig = runner.stopped_by();
+        return sig ? stopped(inv, results, 128 + sig, "interrupted: ") : stopped(inv, results, 1, disk_failure(results));
+    }
 
-    std::vector<std::string> succeeded, changed;
-    for (const host_result& r : results)
-        if (r.result.ok()) succeeded.push_back(r.host);
+    std::vector<std::string> changed;
     std::string commit;
-    if (!(st = store->changed_folders(succeeded, &changed))) return local_error(inv, st);
-    if (!changed.empty() && !(st = store->commit(succeeded, commit_message(results, changed), &changed, &commit)))
+    auto message = [&](const std::vector<std::string>& c) { return commit_message(results, c); };
+    if (!(st = store->commit_staged(staged.folders, message, &changed, &commit))) {
+        st.message += "; nothing committed, " + inv.into + " is as its last commit left it";
         return local_error(inv, st);
+    }
     std::vector<host_result> marked = results;
     for (host_result& r : marked)
         if (r.result.ok())
@@ -146,10 +172,11 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
 int run_fleet_history(const invocation& inv) {
     std::unique_ptr<git_store> store;
     json entries;
-    status st = git_store::open(store_dir(inv), false, &store);
+    status st = git_store::open(store_dir(inv), false, false, &store);
+    if (st) st = store->require_folder(inv.name);
     if (st) st = store->history(inv.name, &entries);
     if (!st) return local_error(inv, st);
-    outcome o = success(inv.name + ": " + std::to_string(entries.size()) + " backups with changes", entries);
+    outcome o = success(inv.name + ": " + plural(entries.size(), "backup") + " with changes", entries);
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
                   std::to_string(e["files"].size()) + " files  " + terminal_text(e["subject"].get<std::string>()) + "\n";
@@ -161,7 +188,7 @@ int run_fleet_diff(const invocation& inv) {
     std::unique_ptr<git_store> store;
     std::string patch;
     json files;
-    status st = git_store::open(store_dir(inv), false, &store);
+    status st = git_store::open(store_dir(inv), false, false, &store);
     if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
     if (!st) return local_error(inv, st);
     outcome o = success(inv.name + ": " + std::to_string(files.size()) + " files changed",

@@ -3,7 +3,9 @@
 //   HOST/config.plain    the configuration inside it
 //   HOST/config/...      its members, when it is an archive
 //   HOST/scripts/...     the four scripts (--scripts)
-// A host that fails keeps its last good folder untouched.
+// A host that fails keeps its last good folder untouched. Hosts are fetched
+// into staging inside the git folder and the work tree changes only with a
+// commit, so a run stopped by a signal or a full disk leaves the last one.
 #pragma once
 
 #include <vector>

@@ -13,7 +13,6 @@ using kelp::status;
 
 namespace {
 
-constexpr size_t image_max = 0x7FFFFFFF;
 constexpr int settle_pause_ms = 500;
 
 using stage = std::vector<const inventory_host*>;
@@ -37,9 +36,9 @@ json names(const stage& s) {
     return out;
 }
 
-int show_plan(const invocation& inv, const std::vector<stage>& stages) {
+int show_plan(const invocation& inv, const std::vector<stage>& stages, const json& image) {
     json canary = json::array(), batches = json::array();
-    std::string text;
+    std::string text = "image " + image_text(image) + "\n";
     int batch = 0;
     for (size_t i = 0; i < stages.size(); i++) {
         bool is_canary = i < (size_t)inv.canary;
@@ -49,7 +48,8 @@ int show_plan(const invocation& inv, const std::vector<stage>& stages) {
         for (const inventory_host* h : stages[i]) text += " " + h->name;
         text += "\n";
     }
-    outcome o = success("plan only (--dry-run): nothing was touched", {{"canary", canary}, {"batches", batches}});
+    outcome o = success("plan only (--dry-run): nothing was touched",
+                        {{"image", image}, {"canary", canary}, {"batches", batches}});
     o.text = text;
     print_outcome(o, inv.json, inv.quiet);
     return 0;
@@ -100,14 +100,18 @@ outcome upgrade_host(const invocation& inv, const bytes& image, const kelp::targ
 }  // namespace
 
 int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
-    std::vector<stage> stages = plan(inv, hosts);
-    if (inv.dry_run) return show_plan(inv, stages);
+    // The image first: a missing or truncated one stops the roll-out before
+    // anyone is asked for a password; the plan needs no password at all.
     bytes image;
-    status st = read_input(inv.file, &image, image_max);
+    status st = read_image(inv.file, &image);
+    if (st && !inv.dry_run) st = runner.check_passwords(hosts);
     if (!st) {
         print_outcome(failure(st), inv.json, inv.quiet);
         return exit_status(st);
     }
+    json summary = image_summary(inv.file, image);
+    std::vector<stage> stages = plan(inv, hosts);
+    if (inv.dry_run) return show_plan(inv, stages, summary);
     std::vector<host_result> results;
     bool halted = false;
     for (const stage& s : stages) {
@@ -124,5 +128,7 @@ int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<c
         for (const host_result& r : done) halted = halted || !r.result.ok();
         results.insert(results.end(), done.begin(), done.end());
     }
-    return runner.finish(results, halted ? "firmware roll-out halted" : "firmware roll-out", {{"halted", halted}});
+    return runner.finish(results, std::string(halted ? "firmware roll-out halted" : "firmware roll-out") + " (" +
+                                      image_text(summary) + ")",
+                         {{"halted", halted}, {"image", summary}});
 }

@@ -1,5 +1,6 @@
 #include "fleet_runner.h"
 
+#include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -38,6 +39,13 @@ private:
     std::mutex lock_;
 };
 
+volatile sig_atomic_t caught_signal = 0;
+
+void on_stop_signal(int sig) {
+    caught_signal = sig;
+    signal(sig, SIG_DFL);
+}
+
 std::string seconds_text(double s) {
     char text[32];
     snprintf(text, sizeof text, "%.1fs", s);
@@ -73,8 +81,29 @@ struct fleet_runner::state {
     bool live = false;  // the status line on stderr
     size_t total = 0, done = 0, failed = 0, running = 0;
     double started = 0;
+    std::function<bool()> stop;
+
+    bool stopping() const { return caught_signal != 0 || (stop && stop()); }
 
     explicit state(const invocation& i) : inv(i), notes(i.verbose > 0) {}
+
+    void clear_line() {
+        if (live) fprintf(stderr, "\r%s\r", std::string(terminal_width(2) - 1, ' ').c_str());
+    }
+
+    // A host's findings as soon as it is done, every line under the host's
+    // name as parallel shells print them, so that grep finds one host's lines.
+    void print_findings(const std::string& host, const std::string& text) {
+        clear_line();
+        std::string name = terminal_text(host);
+        for (size_t start = 0; start < text.size();) {
+            size_t end = text.find('\n', start);
+            if (end == std::string::npos) end = text.size();
+            printf("%s: %s\n", name.c_str(), terminal_text(text.substr(start, end - start)).c_str());
+            start = end + 1;
+        }
+        flush_stdout();
+    }
 
     void draw() {
         if (!live) return;
@@ -98,6 +127,16 @@ fleet_runner::~fleet_runner() = default;
 
 reporter& fleet_runner::notes() { return s_->notes; }
 
+void fleet_runner::stop_on_signals() {
+    struct sigaction act {};
+    act.sa_handler = on_stop_signal;  // no SA_RESTART: a waiting host sees EINTR and carries on
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &act, nullptr);
+}
+
+int fleet_runner::stopped_by() const { return caught_signal; }
+
+void fleet_runner::stop_when(std::function<bool()> stop) { s_->stop = std::move(stop); }
+
 kelp::status fleet_runner::check_passwords(const std::vector<const inventory_host*>& hosts) {
     bool plain = false;
     for (const inventory_host* h : hosts) {
@@ -109,6 +148,10 @@ kelp::status fleet_runner::check_passwords(const std::vector<const inventory_hos
         kelp::status st = check_password_source(src);
         if (!st) return kelp::fail(st.kind, h->name + ": " + st.message);
         s_->providers[key] = password_provider(src);  // one prompt per source, shared by its hosts
+        // Asked now: a prompt in the middle of the run would fight the status
+        // line, and its typing would count in every waiting host's time.
+        std::string ignored;
+        if (!(st = s_->providers[key](&ignored))) return kelp::fail(st.kind, h->name + ": " + st.message);
     }
     if (plain) s_->notes.note("some hosts use the plain protocol: their password can be read by anyone who captures it");
     return kelp::ok();
@@ -137,7 +180,7 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
         if (s_->started == 0) s_->started = kelp::monotonic_ms() / 1000.0;
     }
     auto worker = [&] {
-        for (size_t i; (i = next++) < hosts.size();) {
+        for (size_t i; !s_->stopping() && (i = next++) < hosts.size();) {
             const inventory_host& h = *hosts[i];
             {
                 std::lock_guard<std::mutex> hold(s_->lock);
@@ -159,9 +202,11 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
             if (s_->inv.json) {
                 json line = outcome_json(r.result);
                 line["host"] = r.host;
-                line["seconds"] = r.seconds;
+                line["seconds"] = json_seconds(r.seconds);
                 printf("%s\n", json_line(line).c_str());
-                fflush(stdout);
+                flush_stdout();
+            } else if (!r.result.text.empty()) {
+                s_->print_findings(r.host, r.result.text);
             }
             s_->draw();
             // Only the table's columns stay: memory does not grow with a
@@ -177,21 +222,27 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
     for (int i = 1; i < n; i++) threads.emplace_back(worker);
     worker();
     for (std::thread& t : threads) t.join();
+    for (size_t i = next; i < hosts.size(); i++) results[i] = {hosts[i]->name, local_failure("not started: the run stopped"), 0, false};
     return results;
 }
 
+void fleet_runner::end_status_line() { s_->clear_line(); }
+
 int fleet_runner::finish(const std::vector<host_result>& results, const std::string& what, json extra) {
-    if (s_->live) fprintf(stderr, "\r%s\r", std::string(terminal_width(2) - 1, ' ').c_str());
+    end_status_line();
     json ok_hosts = json::array(), failed_hosts = json::array(), untouched = json::array();
     for (const host_result& r : results) (!r.touched ? untouched : r.result.ok() ? ok_hosts : failed_hosts).push_back(r.host);
     double elapsed = kelp::monotonic_ms() / 1000.0 - s_->started;
     outcome summary;
     summary.exit = failed_hosts.empty() && untouched.empty() ? 0 : exit_some_hosts_failed;
-    summary.message = what + ": " + std::to_string(results.size()) + " hosts, " + std::to_string(ok_hosts.size()) +
+    summary.message = what + ": " + plural(results.size(), "host") + ", " + std::to_string(ok_hosts.size()) +
                       " ok, " + std::to_string(failed_hosts.size()) + " failed" +
                       (untouched.empty() ? "" : ", " + std::to_string(untouched.size()) + " not touched") + ", in " +
                       seconds_text(elapsed);
-    summary.data = {{"hosts", results.size()}, {"succeeded", ok_hosts}, {"failed", failed_hosts}, {"seconds", elapsed}};
+    summary.data = {{"hosts", results.size()},
+                    {"succeeded", ok_hosts},
+                    {"failed", failed_hosts},
+                    {"seconds", json_seconds(elapsed)}};
     if (!untouched.empty()) summary.data["not_touched"] = untouched;
     if (!extra.is_null()) summary.data.update(extra);
     if (s_->notes.first_contacts > 0 && !s_->inv.verbose)
@@ -200,7 +251,7 @@ int fleet_runner::finish(const std::vector<host_result>& results, const std::str
                                  ": the certificates are now remembered");
     if (s_->inv.json) {
         printf("%s\n", json_line(outcome_json(summary)).c_str());
-        fflush(stdout);
+        flush_stdout();
         return summary.exit;
     }
     if (!s_->inv.quiet || !failed_hosts.empty()) {
@@ -214,9 +265,9 @@ int fleet_runner::finish(const std::vector<host_result>& results, const std::str
                    r.touched ? seconds_text(r.seconds).c_str() : "", terminal_text(r.result.message).c_str());
         }
     }
-    fflush(stdout);
+    flush_stdout();
     if (!summary.ok()) fprintf(stderr, "kelputil: %s\n", summary.message.c_str());
     else if (!s_->inv.quiet) printf("%s\n", summary.message.c_str());
-    fflush(stdout);
+    flush_stdout();
     return summary.exit;
 }

@@ -1,8 +1,8 @@
 // Running one job on many hosts: at most -j at a time, each host with its
 // own settings, password source and time-outs, so that a host that is down,
 // silent or refusing never holds up the others. While it runs, one status
-// line on a terminal or one JSON line per finished host; at the end a table
-// or a summary object.
+// line on a terminal, and each finished host's findings (its lines under its
+// name) or its JSON line; at the end a table or a summary object.
 #pragma once
 
 #include <functional>
@@ -31,10 +31,21 @@ public:
     ~fleet_runner();
 
     // Every password source the hosts use must be there before anything
-    // connects.
+    // connects; a prompt is asked here, once, before the status line.
     kelp::status check_passwords(const std::vector<const inventory_host*>& hosts);
-    // Runs job on each host, at most `parallel` at a time (0: -j).
+    // From here on SIGINT, SIGTERM and SIGHUP stop the run, not the process:
+    // no host starts after one, the running ones end (within their
+    // time-outs) and run() returns; a second signal ends the process.
+    void stop_on_signals();
+    // The signal that stopped the run, or 0.
+    int stopped_by() const;
+    // No host starts once stop() is true.
+    void stop_when(std::function<bool()> stop);
+    // Runs job on each host, at most `parallel` at a time (0: -j). Hosts a
+    // stop left out come back untouched.
     std::vector<host_result> run(const std::vector<const inventory_host*>& hosts, const host_job& job, int parallel = 0);
+    // Clears the status line, for a message in its place.
+    void end_status_line();
     // The table (people) or the summary object (JSON); returns the exit status.
     int finish(const std::vector<host_result>& results, const std::string& what, json extra = nullptr);
 

@@ -6,8 +6,11 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <memory>
+
+#include "files.h"
 
 using kelp::error_kind;
 using kelp::fail;
@@ -33,6 +36,14 @@ using diff_ptr = owned<git_diff, git_diff_free>;
 using index_ptr = owned<git_index, git_index_free>;
 using walk_ptr = owned<git_revwalk, git_revwalk_free>;
 using signature_ptr = owned<git_signature, git_signature_free>;
+using builder_ptr = owned<git_treebuilder, git_treebuilder_free>;
+using reference_ptr = owned<git_reference, git_reference_free>;
+using odb_ptr = owned<git_odb, git_odb_free>;
+
+// The name older versions staged under, in the work tree, with the
+// .gitignore that hid it.
+const char old_staging[] = ".kelputil-staging";
+const char old_ignore_rule[] = ".kelputil-staging/\n";
 
 status git_failure(const std::string& what) {
     const git_error* e = git_error_last();
@@ -140,15 +151,127 @@ status resolve_tree(git_repository* repo, const std::string& rev, git_tree** out
     return kelp::ok();
 }
 
+// false when dir is a folder that holds something, or no folder at all
+// (*not_folder); a folder we cannot read is left to libgit2 to report.
+bool new_or_empty(const std::string& dir, bool* not_folder) {
+    DIR* d = opendir(dir.c_str());
+    *not_folder = !d && errno == ENOTDIR;
+    if (!d) return !*not_folder;
+    bool empty = true;
+    while (dirent* e = readdir(d))
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) empty = false;
+    closedir(d);
+    return empty;
+}
+
+// Backups hold secrets: what the work tree gets is for its owner only.
+git_checkout_options checkout_options(const git_tree* baseline) {
+    git_checkout_options options;
+    git_checkout_options_init(&options, GIT_CHECKOUT_OPTIONS_VERSION);
+    options.checkout_strategy = GIT_CHECKOUT_FORCE;
+    options.file_mode = 0600;
+    options.dir_mode = 0700;
+    options.baseline = const_cast<git_tree*>(baseline);
+    return options;
+}
+
+std::string file_text(const std::string& path) {
+    kelp::bytes data;
+    if (!read_input(path, &data, 4096)) return "";
+    return std::string(data.begin(), data.end());
+}
+
+// Objects this run added, so that a run that commits nothing leaves none.
+struct new_objects {
+    git_repository* repo;
+    std::vector<git_oid> ids;
+
+    void remove_all() {
+        for (const git_oid& id : ids) {
+            char hex[GIT_OID_HEXSZ + 1];
+            git_oid_tostr(hex, sizeof hex, &id);
+            std::string path = std::string(git_repository_path(repo)) + "objects/" + std::string(hex, 2) + "/" + (hex + 2);
+            unlink(path.c_str());
+        }
+        ids.clear();
+    }
+};
+
+status blob_from_file(git_repository* repo, const std::string& path, new_objects* added, git_oid* id) {
+    odb_ptr odb;
+    if (git_repository_odb(odb.out(), repo) != 0 || git_odb_hashfile(id, path.c_str(), GIT_OBJECT_BLOB) != 0)
+        return git_failure("reading " + path);
+    if (git_odb_exists(odb, id)) return kelp::ok();
+    if (git_blob_create_from_disk(id, repo, path.c_str()) != 0) return git_failure("storing " + path);
+    added->ids.push_back(*id);
+    return kelp::ok();
+}
+
+// The tree of a folder on disk; *empty when it holds no file, as git keeps
+// no empty folders.
+status tree_from_folder(git_repository* repo, const std::string& dir, new_objects* added, git_oid* id, bool* empty) {
+    builder_ptr builder;
+    if (git_treebuilder_new(builder.out(), repo, nullptr) != 0) return git_failure("building a tree");
+    std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir.c_str()), closedir);
+    if (!d) return fail(error_kind::local, "cannot read " + dir + ": " + strerror(errno));
+    while (dirent* e = readdir(d.get())) {
+        std::string name = e->d_name, path = dir + "/" + name;
+        struct stat st;
+        if (name == "." || name == ".." || lstat(path.c_str(), &st) != 0) continue;
+        git_oid entry;
+        bool entry_empty = false;
+        status s = S_ISDIR(st.st_mode) ? tree_from_folder(repo, path, added, &entry, &entry_empty)
+                   : S_ISREG(st.st_mode) ? blob_from_file(repo, path, added, &entry)
+                                         : kelp::ok();
+        if (!s) return s;
+        if (entry_empty || !(S_ISDIR(st.st_mode) || S_ISREG(st.st_mode))) continue;
+        // A name git refuses (".git") stays out; config.plain still holds it.
+        git_treebuilder_insert(nullptr, builder, name.c_str(), &entry,
+                               S_ISDIR(st.st_mode) ? GIT_FILEMODE_TREE : GIT_FILEMODE_BLOB);
+    }
+    *empty = git_treebuilder_entrycount(builder) == 0;
+    if (!*empty && git_treebuilder_write(id, builder) != 0) return git_failure("storing the tree of " + dir);
+    return kelp::ok();
+}
+
+status empty_tree(git_repository* repo, git_tree** out) {
+    builder_ptr nothing;
+    git_oid id;
+    if (git_treebuilder_new(nothing.out(), repo, nullptr) != 0 || git_treebuilder_write(&id, nothing) != 0 ||
+        git_tree_lookup(out, repo, &id) != 0)
+        return git_failure("making the empty tree");
+    return kelp::ok();
+}
+
+// Points HEAD (or the branch it names) at id.
+status move_head(git_repository* repo, const git_oid& id) {
+    reference_ptr head, moved;
+    if (git_reference_lookup(head.out(), repo, "HEAD") != 0) return git_failure("reading HEAD");
+    if (git_reference_type(head) != GIT_REFERENCE_SYMBOLIC) {
+        if (git_repository_set_head_detached(repo, &id) != 0) return git_failure("moving HEAD");
+        return kelp::ok();
+    }
+    if (git_reference_create(moved.out(), repo, git_reference_symbolic_target(head), &id, 1, "fleet backup") != 0)
+        return git_failure("moving " + std::string(git_reference_symbolic_target(head)));
+    return kelp::ok();
+}
+
 }  // namespace
 
 git_store::~git_store() { git_repository_free(repo_); }
 
-status git_store::open(const std::string& dir, bool create, std::unique_ptr<git_store>* out) {
+status git_store::open(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out) {
     init_once();
     git_repository* repo = nullptr;
     int r = git_repository_open_ext(&repo, dir.c_str(), GIT_REPOSITORY_OPEN_NO_SEARCH, nullptr);
     if (r == GIT_ENOTFOUND && create) {
+        bool not_folder = false;
+        if (!new_or_empty(dir, &not_folder) && !init)
+            return fail(error_kind::local,
+                        not_folder ? "cannot keep backups in " + dir + ": it is not a folder"
+                                   : dir + " is not empty and holds no backups (not a git repository): give a new or "
+                                           "empty folder, or add --init to keep the backups there beside its files");
+        mkdir(dir.c_str(), 0700);  // the backups are secrets; parents, if missing, as the umask has them
         git_repository_init_options options;
         git_repository_init_options_init(&options, GIT_REPOSITORY_INIT_OPTIONS_VERSION);
         options.flags = GIT_REPOSITORY_INIT_MKPATH;
@@ -158,57 +281,110 @@ status git_store::open(const std::string& dir, bool create, std::unique_ptr<git_
         return fail(error_kind::local, dir + " holds no backups (not a git repository): give the folder of a "
                                              "fleet backup with --into");
     if (r != 0) return git_failure("opening the backups in " + dir);
-    out->reset(new git_store(repo));
+    out->reset(new git_store(repo, dir));
+    if (!git_repository_workdir(repo))
+        return fail(error_kind::local, dir + " is a bare repository: backups need one with a work tree");
     return kelp::ok();
 }
 
-status git_store::changed_folders(const std::vector<std::string>& folders, std::vector<std::string>* changed) {
-    std::string unused;
-    return commit(folders, "", changed, &unused);
+std::string git_store::staging() const { return std::string(git_repository_path(repo_)) + "kelputil-staging"; }
+
+status git_store::start_clean(const std::vector<std::string>& folders) {
+    std::string work = git_repository_workdir(repo_);
+    remove_tree(staging());
+    remove_tree(work + old_staging);
+    tree_ptr head;
+    bool born = git_revparse_single((git_object**)head.out(), repo_, "HEAD^{tree}") == 0;
+    if (file_text(work + ".gitignore") == old_ignore_rule && !(born && git_tree_entry_byname(head, ".gitignore")))
+        unlink((work + ".gitignore").c_str());
+    if (!born) return kelp::ok();  // nothing to go back to
+    // The hosts' folders are ours: what they hold beyond the last commit
+    // was left by a run that ended midway.
+    std::vector<std::string> paths = folders;
+    std::vector<char*> pointers;
+    for (std::string& f : paths) pointers.push_back(f.data());
+    git_checkout_options everything = checkout_options(nullptr), hosts = checkout_options(nullptr);
+    hosts.checkout_strategy |= GIT_CHECKOUT_REMOVE_UNTRACKED;
+    hosts.paths = {pointers.data(), pointers.size()};
+    if (git_checkout_tree(repo_, (const git_object*)head.p, &everything) != 0 ||
+        (!paths.empty() && git_checkout_tree(repo_, (const git_object*)head.p, &hosts) != 0))
+        return git_failure("restoring " + dir_ + " to its last commit");
+    return kelp::ok();
 }
 
-status git_store::commit(const std::vector<std::string>& folders, const std::string& message,
-                         std::vector<std::string>* changed, std::string* commit_out) {
+status git_store::commit_staged(const std::vector<std::pair<std::string, std::string>>& staged,
+                                const std::function<std::string(const std::vector<std::string>&)>& message,
+                                std::vector<std::string>* changed, std::string* commit_out) {
     changed->clear();
     commit_out->clear();
-    index_ptr index;
-    if (git_repository_index(index.out(), repo_) != 0) return git_failure("opening the index");
-    std::vector<std::string> prefixes;
-    for (const std::string& f : folders) prefixes.push_back(f + "/");
-    std::vector<char*> pointers;
-    for (std::string& s : prefixes) pointers.push_back(s.data());
-    git_strarray paths = {pointers.data(), pointers.size()};
-    if (!folders.empty() && (git_index_add_all(index, &paths, GIT_INDEX_ADD_DEFAULT, nullptr, nullptr) != 0 ||
-                             git_index_update_all(index, &paths, nullptr, nullptr) != 0))
-        return git_failure("staging the backups");
-    git_oid tree_id;
-    if (git_index_write_tree(&tree_id, index) != 0) return git_failure("writing the tree");
-    tree_ptr tree, head_tree;
-    if (git_tree_lookup(tree.out(), repo_, &tree_id) != 0) return git_failure("reading the tree");
     commit_ptr head;
-    git_oid head_id;
+    tree_ptr head_tree, tree;
+    git_oid head_id, tree_id, commit_id;
     bool born = git_reference_name_to_id(&head_id, repo_, "HEAD") == 0;
-    if (born) {
-        if (git_commit_lookup(head.out(), repo_, &head_id) != 0 || git_commit_tree(head_tree.out(), head) != 0)
-            return git_failure("reading the last commit");
+    if (born && (git_commit_lookup(head.out(), repo_, &head_id) != 0 || git_commit_tree(head_tree.out(), head) != 0))
+        return git_failure("reading the last commit");
+    new_objects added{repo_, {}};
+    status st = [&] {
+        builder_ptr root;
+        if (git_treebuilder_new(root.out(), repo_, head_tree) != 0) return git_failure("building the tree");
+        for (const auto& [name, folder] : staged) {
+            git_oid id, before = folder_id(head_tree, name);
+            bool empty = false;
+            status s = tree_from_folder(repo_, folder, &added, &id, &empty);
+            if (!s) return s;
+            if (empty || git_oid_equal(&id, &before)) continue;
+            changed->push_back(name);
+            if (git_treebuilder_insert(nullptr, root, name.c_str(), &id, GIT_FILEMODE_TREE) != 0)
+                return git_failure("adding " + name + " to the tree");
+        }
+        if (changed->empty()) return kelp::ok();
+        if (git_treebuilder_write(&tree_id, root) != 0 || git_tree_lookup(tree.out(), repo_, &tree_id) != 0)
+            return git_failure("writing the tree");
+        signature_ptr who;
+        if (git_signature_default(who.out(), repo_) != 0 &&
+            git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
+            return git_failure("making the commit's signature");
+        const git_commit* parents[] = {head};
+        if (git_commit_create(&commit_id, repo_, nullptr, who, who, nullptr, message(*changed).c_str(), tree,
+                              born ? 1 : 0, parents) != 0)
+            return git_failure("committing the backups");
+        added.ids.push_back(commit_id);
+        return kelp::ok();
+    }();
+    // Everything is in objects now: the staged copies only take space the
+    // work tree is about to need.
+    remove_tree(staging());
+    if (st && !changed->empty()) st = check_out(head_tree, tree, commit_id);
+    if (!st) {
+        changed->clear();
+        added.remove_all();
+        return st;
     }
-    for (const std::string& f : folders) {
-        git_oid now = folder_id(tree, f), before = folder_id(head_tree, f);
-        if (!git_oid_equal(&now, &before)) changed->push_back(f);
-    }
-    if (message.empty()) return kelp::ok();  // a look, not a commit
-    if (git_index_write(index) != 0) return git_failure("writing the index");
-    if (born && git_oid_equal(&tree_id, git_tree_id(head_tree))) return kelp::ok();
-    signature_ptr who;
-    if (git_signature_default(who.out(), repo_) != 0 && git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
-        return git_failure("making the commit's signature");
-    const git_commit* parents[] = {head};
-    git_oid commit_id;
-    if (git_commit_create(&commit_id, repo_, "HEAD", who, who, nullptr, message.c_str(), tree, born ? 1 : 0,
-                          parents) != 0)
-        return git_failure("committing the backups");
-    *commit_out = short_id(&commit_id);
+    if (!changed->empty()) *commit_out = short_id(&commit_id);
     return kelp::ok();
+}
+
+// The work tree and index to the new tree, then HEAD to its commit; on a
+// failure, work tree and index back to the old tree.
+status git_store::check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id) {
+    git_checkout_options forward = checkout_options(old_tree);
+    status st;
+    if (git_checkout_tree(repo_, (const git_object*)new_tree, &forward) != 0)
+        st = git_failure("writing the new backups into " + dir_);
+    if (st) st = move_head(repo_, commit_id);
+    if (st) return st;
+    tree_ptr empty;
+    if (!old_tree && empty_tree(repo_, empty.out())) old_tree = empty;
+    git_checkout_options back = checkout_options(new_tree);
+    if (old_tree) git_checkout_tree(repo_, (const git_object*)old_tree, &back);
+    return st;
+}
+
+status git_store::require_folder(const std::string& folder) {
+    std::vector<git_oid> ids;
+    status st = changes_of(repo_, folder, &ids);
+    if (st && ids.empty()) return fail(error_kind::local, "the backups in " + dir_ + " hold no host '" + folder + "'");
+    return st;
 }
 
 status git_store::history(const std::string& folder, json* out) {
@@ -239,8 +415,7 @@ status git_store::diff(const std::string& folder, const std::string& from, const
     status st;
     if (from.empty()) {
         std::vector<git_oid> ids;
-        if (!(st = changes_of(repo_, folder, &ids))) return st;
-        if (ids.empty()) return fail(error_kind::local, "the backups hold nothing of " + folder);
+        if (!(st = require_folder(folder)) || !(st = changes_of(repo_, folder, &ids))) return st;
         commit_ptr c;
         if (git_commit_lookup(c.out(), repo_, &ids[0]) != 0) return git_failure("reading a commit");
         if (!(st = tree_of(repo_, ids[0], new_tree.out())) || !(st = parent_tree_of(c, old_tree.out()))) return st;
@@ -306,59 +481,5 @@ status git_store::push(const std::string& remote_url, const std::string& remote_
     git_push_options options;
     git_push_options_init(&options, GIT_PUSH_OPTIONS_VERSION);
     if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + remote_url);
-    return kelp::ok();
-}
-
-namespace {
-
-// Every regular file under dir/folder, as paths relative to dir.
-status files_on_disk(const std::string& dir, const std::string& folder, std::vector<std::string>* out) {
-    DIR* d = opendir((dir + "/" + folder).c_str());
-    if (!d) return fail(error_kind::local, "cannot read " + dir + "/" + folder + ": " + strerror(errno));
-    status st;
-    while (struct dirent* e = readdir(d)) {
-        std::string name = e->d_name, path = folder + "/" + name;
-        struct stat info;
-        if (name == "." || name == ".." || lstat((dir + "/" + path).c_str(), &info) != 0) continue;
-        if (S_ISDIR(info.st_mode)) st = files_on_disk(dir, path, out);
-        else if (S_ISREG(info.st_mode)) out->push_back(path);
-        if (!st) break;
-    }
-    closedir(d);
-    return st;
-}
-
-}  // namespace
-
-status git_store::commit_folder(const std::string& folder, const std::string& message, std::string* commit_out) {
-    commit_out->clear();
-    index_ptr index;
-    std::vector<std::string> files;
-    const char* workdir = git_repository_workdir(repo_);
-    std::string dir = workdir ? std::string(workdir) : ".";
-    if (git_repository_index(index.out(), repo_) != 0) return git_failure("opening the index");
-    status st = files_on_disk(dir, folder, &files);
-    if (!st) return st;
-    if (git_index_remove_directory(index, folder.c_str(), 0) != 0) return git_failure("staging " + folder);
-    for (const std::string& f : files)
-        if (git_index_add_bypath(index, f.c_str()) != 0) return git_failure("staging " + f);
-    git_oid tree_id, head_id;
-    if (git_index_write_tree(&tree_id, index) != 0) return git_failure("writing the tree");
-    tree_ptr tree, head_tree;
-    commit_ptr head;
-    bool born = git_reference_name_to_id(&head_id, repo_, "HEAD") == 0;
-    if (born && (git_commit_lookup(head.out(), repo_, &head_id) != 0 || git_commit_tree(head_tree.out(), head) != 0))
-        return git_failure("reading the last commit");
-    if (born && git_oid_equal(&tree_id, git_tree_id(head_tree))) return kelp::ok();
-    if (git_tree_lookup(tree.out(), repo_, &tree_id) != 0) return git_failure("reading the tree");
-    if (git_index_write(index) != 0) return git_failure("writing the index");
-    signature_ptr who;
-    if (git_signature_default(who.out(), repo_) != 0 && git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
-        return git_failure("making the commit's signature");
-    const git_commit* parents[] = {head};
-    git_oid commit_id;
-    if (git_commit_create(&commit_id, repo_, "HEAD", who, who, nullptr, message.c_str(), tree, born ? 1 : 0, parents) != 0)
-        return git_failure("committing the backups");
-    *commit_out = short_id(&commit_id);
     return kelp::ok();
 }

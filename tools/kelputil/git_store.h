@@ -3,6 +3,8 @@
 // host's history and changes readable without knowing git.
 #pragma once
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -10,6 +12,8 @@
 #include "status.h"
 
 struct git_repository;
+struct git_tree;
+struct git_oid;
 
 class git_store {
 public:
@@ -17,19 +21,32 @@ public:
     git_store(const git_store&) = delete;
     git_store& operator=(const git_store&) = delete;
 
-    // Opens the repository at dir; creates dir and the repository when new
-    // (with create), else fails naming the folder.
-    static kelp::status open(const std::string& dir, bool create, std::unique_ptr<git_store>* out);
+    // Opens the repository at dir. With create, makes dir and the repository
+    // when dir is new or empty; a folder that holds other files is made one
+    // only with init, so that a mistyped --into takes nobody's folder over.
+    static kelp::status open(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out);
 
-    // Stages the named top-level folders as they are now on disk (added,
-    // changed and removed files) and commits them with message when the
-    // tree differs from the last commit. *changed: those whose folder
-    // differs; *commit: the new commit's id, empty when nothing changed.
-    kelp::status commit(const std::vector<std::string>& folders, const std::string& message,
-                        std::vector<std::string>* changed, std::string* commit);
-    // Which of folders differ from the last commit, without committing.
-    kelp::status changed_folders(const std::vector<std::string>& folders, std::vector<std::string>* changed);
+    // Where fetched folders wait for the commit: inside the git folder, so
+    // that the work tree never holds anything git would show.
+    std::string staging() const;
+    // Brings a repository left by an interrupted or failed run back to its
+    // last commit: no staging, index and work tree as HEAD has them, and in
+    // the named folders nothing HEAD does not hold.
+    kelp::status start_clean(const std::vector<std::string>& folders);
 
+    // Replaces the top-level folders named in staged (name, staged folder)
+    // with the staged ones and commits the result when it differs from the
+    // last commit; only then are work tree and index brought to the new
+    // commit. On any failure HEAD, index and work tree stay as they were.
+    // *changed: the folders that differ; message(changed) makes the
+    // commit's message; *commit: the new commit's id, empty when nothing
+    // changed.
+    kelp::status commit_staged(const std::vector<std::pair<std::string, std::string>>& staged,
+                               const std::function<std::string(const std::vector<std::string>&)>& message,
+                               std::vector<std::string>* changed, std::string* commit);
+
+    // Fails, naming the repository, when no commit ever held folder.
+    kelp::status require_folder(const std::string& folder);
     // The commits that changed folder, newest first: id, date, subject, files.
     kelp::status history(const std::string& folder, json* out);
     // The patch of folder between two revisions. Empty from: the folder's
@@ -44,12 +61,11 @@ public:
     kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths);
     kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
     kelp::status push(const std::string& remote, const std::string& remote_branch);
-    // commit() for one folder, staging only its own files: its cost does not
-    // grow with the other folders (commit()'s staging walks the whole tree).
-    kelp::status commit_folder(const std::string& folder, const std::string& message, std::string* commit);
 
 private:
-    explicit git_store(git_repository* repo) : repo_(repo) {}
+    kelp::status check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id);
+    git_store(git_repository* repo, const std::string& dir) : repo_(repo), dir_(dir) {}
     git_repository* repo_;
+    std::string dir_;
 };
 

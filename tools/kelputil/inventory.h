@@ -1,4 +1,4 @@
-// Inventories in the INI form that configuration-management tools use, so
+// Inventories in the INI form Ansible reads, read the way it reads them, so
 // that an existing one works as it is:
 //
 //   edge1 ansible_host=192.0.2.7          # ungrouped, with a host variable
@@ -10,9 +10,11 @@
 //   routers
 //
 // kelputil reads ansible_host, ansible_port and its own keys port, tls,
-// plain, pin, password_file, password_env and timeout; other keys are kept
-// and ignored. Host variables win over a group's, a nested group's over its
-// parent's, and [all:vars] comes last.
+// plain, pin, password_file, password_env and timeout; other ansible_* keys
+// are Ansible's and ignored, any other key is warned about. A host named
+// twice is one host: its lines' variables merge, the later winning. Group
+// variables apply from the shallowest group to the deepest (alphabetically
+// within a depth), then the host's own.
 #pragma once
 
 #include <map>
@@ -27,15 +29,21 @@ struct inventory_host {
 };
 
 struct inventory {
-    std::vector<inventory_host> hosts;                          // in the file's order
-    std::map<std::string, std::vector<std::string>> groups;    // group -> its hosts, children included
+    std::vector<inventory_host> hosts;                        // in Ansible's order for the group all
+    std::vector<std::string> defined;                         // host names in the order first written
+    std::vector<std::string> group_order;                     // groups in the order first declared
+    std::map<std::string, std::vector<std::string>> groups;  // group -> its hosts, children included
+    std::vector<std::string> warnings;                        // "FILE:LINE: ...", for stderr
 };
 
 // Every bad line is reported as "FILE:LINE: what is wrong"; nothing of a bad
 // inventory is used.
 kelp::status load_inventory(const std::string& path, inventory* out);
 
-// --limit: terms separated by ':' or ','; each a host or group name or a
-// glob over them; "!term" removes, "&term" keeps only what it also matches.
-// Empty: every host. A term that matches nothing is an error.
+// --limit, as Ansible's --limit: elements separated by ',' (or ':' when there
+// is no ','); each a host or group name, a glob, or ~regex, with an optional
+// [N], [A:B] or [A:] subscript; "!elem" removes, "&elem" keeps only what it
+// also matches. The hosts come in the inventory's order. Unlike Ansible, an
+// element that matches nothing is an error: a typo must not reboot the
+// wrong routers.
 kelp::status select_hosts(const inventory& inv, const std::string& pattern, std::vector<const inventory_host*>* out);

@@ -37,11 +37,15 @@ struct invocation {
     std::string inventory, limit, into, rev_from, rev_to;
     int jobs = 16;
     bool scripts = false;
+    bool init = false;  // fleet backup --into a folder that holds other files
     int canary = 1, batch = 10;
     int settle_ms = 120000;
     bool dry_run = false;
+    bool list_hosts = false;
 
     bool is_fleet() const { return command.rfind("fleet", 0) == 0; }
     // The device command itself: "fleet ppp" -> "ppp".
-    std::string device_command() const { return is_fleet() ? command.substr(command.find(' ') + 1) : command; }
+    std::string device_command() const {
+        return !is_fleet() ? command : command == "fleet" ? "" : command.substr(command.find(' ') + 1);
+    }
 };

@@ -1,5 +1,7 @@
 // kelputil: the operator's tool for kelputild routers, one or a fleet.
 #include <stdio.h>
+#include <string.h>
+#include <unistd.h>
 
 #include <exception>
 #include <memory>
@@ -38,10 +40,22 @@ int run_single(const invocation& inv) {
     return finish(inv, run_device_command(inv, t, host.name, *r));
 }
 
+// Bundles are binary: on a terminal they would only scramble it. Refused
+// before anything connects, as curl refuses.
+bool binary_to_terminal(const invocation& inv) {
+    std::string cmd = inv.command;
+    bool to_stdout = (cmd == "backup" && inv.file == "-") ||
+                     ((cmd == "bundle-pack" || cmd == "bundle-unpack") && inv.out == "-");
+    return to_stdout && isatty(1);
+}
+
 int run(int argc, char** argv) {
     invocation inv;
     int end = parse_command_line(argc, argv, &inv);
     if (end >= 0) return end;
+    if (binary_to_terminal(inv))
+        return finish(inv,
+                      local_failure("binary output can mess up your terminal: redirect it (> FILE) or give a FILE"));
     remember_umask();
     remove_temporaries_on_signals();
     if (is_store_command(inv)) return run_store_command(inv, argv);
@@ -51,10 +65,8 @@ int run(int argc, char** argv) {
     return run_single(inv);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    // Nothing may end the tool by an exception: every failure is an answer.
+// Nothing may end the tool by an exception: every failure is an answer.
+int run_answering(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const std::exception& e) {
@@ -64,3 +76,16 @@ int main(int argc, char** argv) {
     }
     return 1;
 }
+
+// Findings that did not reach standard output are a failed run, whatever
+// the device said.
+int checked_output(int status) {
+    int err = close_stdout();
+    if (err == 0) return status;
+    fprintf(stderr, "kelputil: cannot write standard output: %s\n", strerror(err));
+    return exit_usage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { return checked_output(run_answering(argc, argv)); }

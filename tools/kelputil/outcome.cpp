@@ -1,6 +1,12 @@
 #include "outcome.h"
 
+#include <errno.h>
+#include <math.h>
 #include <stdio.h>
+
+#include <atomic>
+
+#include "json_bytes.h"
 
 int exit_status(const kelp::status& s) {
     using kelp::error_kind;
@@ -58,34 +64,9 @@ json outcome_json(const outcome& o) {
             {"data", o.data}};
 }
 
-std::string json_line(const json& j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
+std::string json_line(const json& j) { return printable(j).dump(-1, ' ', false, json::error_handler_t::replace); }
 
-static bool valid_utf8(const std::string& s) {
-    size_t i = 0;
-    while (i < s.size()) {
-        unsigned char c = (unsigned char)s[i];
-        size_t n = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 9;
-        if (n == 9 || (n && c < 0xC2) || i + n >= s.size() + (n ? 0 : 1)) return false;
-        for (size_t k = 1; k <= n; k++)
-            if (((unsigned char)s[i + k] >> 6) != 2) return false;
-        i += n + 1;
-    }
-    return true;
-}
-
-std::string json_text(const std::string& bytes) {
-    if (valid_utf8(bytes)) return bytes;
-    std::string out;
-    for (unsigned char c : bytes) {
-        if (c < 0x80) {
-            out += (char)c;
-        } else {
-            out += (char)(0xC0 | (c >> 6));
-            out += (char)(0x80 | (c & 0x3F));
-        }
-    }
-    return out;
-}
+std::string json_text(const std::string& bytes) { return bytes; }
 
 json json_lines(const std::string& text) {
     json lines = json::array();
@@ -114,7 +95,7 @@ void print_outcome(const outcome& o, bool as_json, bool quiet) {
         fwrite(o.text.data(), 1, o.text.size(), stdout);
         if (!o.content && !quiet && !o.message.empty()) printf("%s\n", terminal_text(o.message).c_str());
     }
-    fflush(stdout);
+    flush_stdout();
 }
 
 void print_usage_error(bool as_json, const std::string& message, const std::string& usage) {
@@ -126,3 +107,27 @@ void print_usage_error(bool as_json, const std::string& message, const std::stri
     }
     fprintf(stderr, "kelputil: %s\nusage: %s\n", message.c_str(), usage.c_str());
 }
+
+namespace {
+std::atomic<int> stdout_errno{0};
+
+void keep_stdout_error(int err) {
+    int none = 0;
+    stdout_errno.compare_exchange_strong(none, err ? err : EIO);
+}
+}  // namespace
+
+void flush_stdout() {
+    if (fflush(stdout) != 0) keep_stdout_error(errno);
+}
+
+int close_stdout() {
+    flush_stdout();
+    if (ferror(stdout)) keep_stdout_error(0);  // a failure a flush elsewhere saw first
+    if (fclose(stdout) != 0) keep_stdout_error(errno);
+    return stdout_errno;
+}
+
+double json_seconds(double seconds) { return round(seconds * 1000) / 1000; }
+
+std::string plural(size_t n, const std::string& word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }

@@ -33,12 +33,11 @@ outcome failure(const kelp::status& s, json data = nullptr);
 outcome local_failure(const std::string& message);
 
 json outcome_json(const outcome& o);
-// One line of JSON. Text that is not UTF-8 was made into JSON strings by
-// json_text before it got here.
+// One line of JSON: strings that are not UTF-8 shown as Latin-1, with their
+// exact bytes beside them in base64 (json_bytes.h).
 std::string json_line(const json& j);
-// Bytes from a device or a file as a JSON string: UTF-8 as it is, anything
-// else read as Latin-1 (the routers' own character set), so that no byte is
-// dropped and the JSON stays valid.
+// Bytes from a device or a file for a JSON string: kept exactly as they are,
+// for json_line to show.
 std::string json_text(const std::string& bytes);
 // Text as a JSON array of its lines (without their newlines).
 json json_lines(const std::string& text);
@@ -50,3 +49,15 @@ std::string terminal_text(const std::string& bytes);
 // the message (stderr for a failure, stdout for a success unless quiet).
 void print_outcome(const outcome& o, bool as_json, bool quiet);
 void print_usage_error(bool as_json, const std::string& message, const std::string& usage);
+
+// Standard output is where the findings go: a write to it that fails (a
+// full disk, /dev/full) must fail the run. Every flush goes through
+// flush_stdout, which keeps the first error; close_stdout flushes and
+// closes at the end and returns that error's errno, or 0.
+void flush_stdout();
+int close_stdout();
+
+// Seconds for JSON: to the millisecond, as measured.
+double json_seconds(double seconds);
+// "1 host", "2 hosts".
+std::string plural(size_t n, const std::string& word);

@@ -18,6 +18,7 @@ struct password_source {
 kelp::status check_password_source(const password_source& src);
 
 // The password provider for a target: reads the source, or prompts on the
-// terminal once the device has greeted; the answer is kept for later calls,
+// terminal when first called (a single device: once it has greeted; a
+// fleet: before its first connection); the answer is kept for later calls,
 // shared by every thread that holds the same provider.
 kelp::password_fn password_provider(const password_source& src);

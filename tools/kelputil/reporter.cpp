@@ -106,12 +106,12 @@ void terminal_reporter::phase(const std::string& text) {
 void terminal_reporter::upgrade_line(const std::string& line) {
     end_meter();
     if (!quiet_) printf("upgrade: %s\n", terminal_text(line).c_str());
-    fflush(stdout);
+    flush_stdout();
 }
 
 void terminal_reporter::interval(double start, double end, uint64_t bytes) {
     if (!quiet_) printf("[%5.1f-%5.1f s] %10.1f Mbit/s\n", start, end, mbit_per_s(bytes, end - start));
-    fflush(stdout);
+    flush_stdout();
 }
 
 void json_reporter::progress(uint64_t done, uint64_t total) {
@@ -119,25 +119,25 @@ void json_reporter::progress(uint64_t done, uint64_t total) {
     if (done != total && t - last_ < 0.5) return;
     last_ = t;
     printf("%s\n", json_line({{"event", "progress"}, {"done", done}, {"total", total}}).c_str());
-    fflush(stdout);
+    flush_stdout();
 }
 
 void json_reporter::phase(const std::string& text) {
     printf("%s\n", json_line({{"event", "phase"}, {"text", json_text(text)}}).c_str());
-    fflush(stdout);
+    flush_stdout();
 }
 
 void json_reporter::upgrade_line(const std::string& line) {
     printf("%s\n", json_line({{"event", "upgrade"}, {"line", json_text(line)}}).c_str());
-    fflush(stdout);
+    flush_stdout();
 }
 
 void json_reporter::interval(double start, double end, uint64_t bytes) {
     printf("%s\n", json_line({{"event", "interval"},
-                              {"start", start},
-                              {"end", end},
+                              {"start", json_seconds(start)},
+                              {"end", json_seconds(end)},
                               {"bytes", bytes},
                               {"mbit_per_s", mbit_per_s(bytes, end - start)}})
                        .c_str());
-    fflush(stdout);
+    flush_stdout();
 }

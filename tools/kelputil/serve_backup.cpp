@@ -18,24 +18,22 @@ using kelp::status;
 
 namespace {
 
-const char staging_name[] = ".kelputil-staging";
-
 status system_error(const std::string& what, const std::string& path) {
     return kelp::fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(errno));
 }
 
-// The staging area and the state database stay out of the history and out
-// of git status, without a file of ours in the tree.
-status exclude_own_files(const std::string& dir, const std::string& state_file) {
-    std::string rules = std::string("/") + staging_name + "/\n";
-    if (state_file.rfind(dir + "/", 0) == 0) rules += "/" + state_file.substr(dir.size() + 1) + "*\n";
+// The state database, when it lives in the work tree, stays out of git
+// status without a file of ours in the tree.
+status exclude_state_file(const std::string& dir, const std::string& state_file) {
+    if (state_file.rfind(dir + "/", 0) != 0) return kelp::ok();
+    std::string rule = "/" + state_file.substr(dir.size() + 1) + "*\n";
     std::string path = dir + "/.git/info/exclude";
     kelp::bytes old;
     if (access(path.c_str(), F_OK) == 0 && !read_input(path, &old, 1 << 20)) old.clear();
     std::string text(old.begin(), old.end());
-    if (text.find(rules) != std::string::npos) return kelp::ok();
+    if (text.find(rule) != std::string::npos) return kelp::ok();
     mkdir((dir + "/.git/info").c_str(), 0755);
-    text += rules;
+    text += rule;
     return write_output(path, bytes(text.begin(), text.end()), 0644);
 }
 
@@ -51,20 +49,6 @@ status snapshot(const kelp::target& t, const std::string& folder, backup_result*
     if (!(st = write_new_file(folder + "/config.plain", plain, 0600))) return st;
     bool is_archive = false;
     return extract_members(plain, folder + "/config", &is_archive);
-}
-
-// Replaces dir/host with the staged folder in two renames.
-status swap_in(const std::string& dir, const std::string& host, const std::string& staged) {
-    std::string target = dir + "/" + host, old = staged + ".old";
-    bool had = access(target.c_str(), F_OK) == 0;
-    if (had && rename(target.c_str(), old.c_str()) != 0) return system_error("move aside", target);
-    if (rename(staged.c_str(), target.c_str()) != 0) {
-        status st = system_error("move into place", target);
-        if (had) rename(old.c_str(), target.c_str());
-        return st;
-    }
-    if (had) remove_tree(old);
-    return kelp::ok();
 }
 
 // The model and firmware line are kept with the state; a report that
@@ -91,32 +75,37 @@ void read_core_report(const std::string& report, std::string* model, std::string
     }
 }
 
-status backup_store::open(const std::string& dir, const std::string& state_file, std::unique_ptr<backup_store>* out) {
+status backup_store::open(const std::string& dir, const std::string& state_file, const std::vector<std::string>& hosts,
+                          std::unique_ptr<backup_store>* out) {
     auto store = std::make_unique<backup_store>();
     store->dir_ = dir;
-    status st = git_store::open(dir, true, &store->git_);
-    std::string staging = dir + "/" + staging_name;
-    if (st && mkdir(staging.c_str(), 0700) != 0 && errno != EEXIST) st = system_error("create", staging);
-    if (st) st = exclude_own_files(dir, state_file);
+    status st = git_store::open(dir, true, false, &store->git_);
+    if (st) st = store->git_->start_clean(hosts);
+    // Beside fleet backup's staging, which its commits clear: hosts of the
+    // service stage while others commit.
+    if (st) store->staging_ = store->git_->staging() + "-serve";
+    if (st) remove_tree(store->staging_);
+    if (st && mkdir(store->staging_.c_str(), 0700) != 0) st = system_error("create", store->staging_);
+    if (st) st = exclude_state_file(dir, state_file);
     if (st) *out = std::move(store);
     return st;
 }
 
 backup_result backup_store::back_up(const std::string& host, const kelp::target& t) {
     backup_result r;
-    std::string staged = dir_ + "/" + staging_name + "/" + host + ".XXXXXX";
+    std::string staged = staging_ + "/" + host + ".XXXXXX";
     if (!mkdtemp(staged.data())) {
-        r.st = system_error("create a staging folder in", dir_ + "/" + staging_name);
+        r.st = system_error("create a staging folder in", staging_);
         return r;
     }
     r.st = snapshot(t, staged, &r);
     if (r.st) fetch_core_report(t, &r);
     std::lock_guard<std::mutex> hold(lock_);
-    if (r.st) r.st = swap_in(dir_, host, staged);
-    if (!r.st) {
-        remove_tree(staged);
-        return r;
-    }
-    r.st = git_->commit_folder(host, "backup " + host + ": configuration changed\n\nby kelputil serve\n", &r.commit);
+    std::vector<std::string> changed;
+    auto message = [&](const std::vector<std::string>&) {
+        return "backup " + host + ": configuration changed\n\nby kelputil serve\n";
+    };
+    if (r.st) r.st = git_->commit_staged({{host, staged}}, message, &changed, &r.commit);
+    remove_tree(staged);
     return r;
 }

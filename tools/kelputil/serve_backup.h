@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "actions.h"
 #include "git_store.h"
@@ -19,9 +20,11 @@ struct backup_result {
 
 class backup_store {
 public:
-    // Opens (creating) the repository in dir and keeps the service's own
-    // files out of git status.
-    static kelp::status open(const std::string& dir, const std::string& state_file, std::unique_ptr<backup_store>* out);
+    // Opens (creating) the repository in dir, brings the hosts' folders back
+    // to the last commit after a crash, and keeps the state file out of git
+    // status.
+    static kelp::status open(const std::string& dir, const std::string& state_file,
+                             const std::vector<std::string>& hosts, std::unique_ptr<backup_store>* out);
 
     backup_result back_up(const std::string& host, const kelp::target& t);
 
@@ -38,7 +41,7 @@ public:
     void freeze() { lock_.lock(); }
 
 private:
-    std::string dir_;
+    std::string dir_, staging_;
     std::unique_ptr<git_store> git_;
     std::mutex lock_;
 };

@@ -128,12 +128,15 @@ std::string settle(serve_line& s) {
 }
 
 // argv without the word "serve", so that the options before and after it
-// are one set, as in the configuration file.
+// are one set, as in the configuration file; "help serve" asks for --help.
 std::vector<char*> without_command(int argc, char** argv) {
+    static char help[] = "--help";
     std::vector<char*> args = {argv[0]};
     bool dropped = false;
     for (int i = 1; i < argc; i++) {
-        if (!dropped && strcmp(argv[i], "serve") == 0)
+        if (!dropped && strcmp(argv[i], "help") == 0)
+            args.push_back(help);
+        else if (!dropped && strcmp(argv[i], "serve") == 0)
             dropped = true;
         else
             args.push_back(argv[i]);

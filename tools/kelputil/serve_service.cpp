@@ -43,7 +43,9 @@ kelp::status service::start() {
     std::vector<inventory_host> hosts;
     std::map<std::string, host_state> saved;
     kelp::status st = read_hosts(&hosts);
-    if (st) st = backup_store::open(o_.into, state_path(o_), &store_);
+    std::vector<std::string> names;
+    for (const inventory_host& h : hosts) names.push_back(h.name);
+    if (st) st = backup_store::open(o_.into, state_path(o_), names, &store_);
     if (st) st = state_db::open(state_path(o_), &db_);
     if (st) st = db_->load(&saved);
     if (!st) return st;
