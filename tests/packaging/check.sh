@@ -365,7 +365,7 @@ completion)
       _ "$script")
   }
   all_commands="check apply reboot backup restore get-script put-script report ppp hotspot kick-ppp \
-kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet help"
+kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet serve help"
   # command line | offered (all of) | not offered (none of); "-" for none, "%" a blank in a word
   rows=(
     "kelputil |$all_commands|-H --help"
@@ -418,6 +418,8 @@ kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack
     "kelputil fleet --limit=r1|r10 r11|--limit=r10"
     "kelputil help |backup fleet|nightly.dat"
     "kelputil help fleet b|backup|bundle-pack"
+    "kelputil serve --t|--token-file --tls-cert --tls-key --timeout|--scripts --list-hosts"
+    "kelputil serve --config h|hosts.ini|nightly.dat"
   )
   for row in "${rows[@]}"; do
     IFS='|' read -r line offered refused <<<"$row"
