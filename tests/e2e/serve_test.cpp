@@ -80,10 +80,12 @@ TEST_F(serve, schedule_api_signals_and_restart) {
              "[ $(curl -s " + api + "/hosts/router1 | jq .attempts) -le $(($(cat a1) + 1)) ] && echo undisturbed",
              0, {"30\nextra\nundisturbed"}},
             // SIGTERM mid-run: a clean repository; a restart keeps every host's state, with no burst.
-            {"curl -s -d '' " + api + "/hosts/router5/backup > /dev/null; sleep 0.3; " + stop_serve +
+            // While it waits for them, no backup is taken and health says so.
+            {"curl -s -d '' " + api + "/hosts/router5/backup > /dev/null; sleep 0.3; kill -TERM $(cat pid); sleep 0.2; " +
+                 code_of("-d '' " + api + "/hosts/router1/backup") + code_of("http://127.0.0.1:8750/healthz") + stop_serve +
                  "sed -n '/stopping/,$p' log | grep -c 'router5: failed'; tail -1 log; "
                  "git -C bk status --porcelain | wc -l; git -C bk fsck && echo fsck clean",
-             0, {"1\nkelputil serve: stopped\n0\n", "fsck clean"}},
+             0, {"409 503 1\nkelputil serve: stopped\n0\n", "fsck clean"}},
             {backup_counts + " > before; " + start_serve("log2") + "sleep 1; curl -s " + api +
                  "/hosts | jq -r '.hosts[] | select(.name == \"router1\") | .state'; curl -s " + api +
                  "/hosts | jq '[.hosts[] | select(.attempts == 0)] | length'; " + backup_counts + " | paste - before | "
