@@ -105,7 +105,9 @@ TEST_F(fleet, backups_in_git) {
              "r=$?; clean small/bk; mount -o remount,size=8m small && kelputil -q fleet --timeout 5 backup --into small/bk "
              ">/dev/null 2>&1; echo \"next $?\"; clean small/bk; git -C small/bk rev-list --count HEAD; exit $r",
              1, {"No space left on device (backing up router", " hosts fetched, nothing committed\n", "clean[]\nnext 20\nclean[]\n2\n"}},
-            {"mkdir plain && touch plain/notes && kelputil fleet --limit router1 backup --into plain; echo \"r=$?\"; "
+            // Refused before a password is looked for.
+            {"mkdir plain && touch plain/notes && env -u KELPUTIL_PASSWORD kelputil fleet --limit router1 backup --into plain; "
+             "echo \"r=$?\"; "
              "kelputil -q fleet --limit router1 backup --into plain --init && git -C plain ls-files",
              0, {"plain is not empty and holds no backups (not a git repository)", "r=1\n", "router1/config.dat\n"}},
             {"kelputil --json fleet history router2 --into bk", 0, {"/message=\"router2: 2 backups with changes\""}},
@@ -122,6 +124,11 @@ TEST_F(fleet, backups_in_git) {
              "WRONG=nope kelputil fleet -i one.ini backup --into bk; r=$?; cd bk && md5sum -c --quiet ../before && "
              "echo same; exit $r",
              20, {"router1  FAILED", "nothing to commit", "same"}},
+            // A host's own local failure (an address it cannot have) is not
+            // a full disk: the others are still committed.
+            {"printf 'router1 ansible_host=::1\\nrouter2 ansible_host=198.18.0.3\\n' > six.ini && "
+             "kelputil fleet -i six.ini backup --into bk",
+             20, {"router1  FAILED", "is an IPv6 address", "2 hosts, 1 ok, 1 failed"}},
             {"kelputil fleet --limit router1 backup --into bk --scripts && ls bk/router1/scripts && "
              "git -C bk show --name-only --format= HEAD | grep -vc '^router1/'",
              1, {"commit ", "cbq.scr\ndhcpd.conf\nfw.scr\nnat.scr\n0\n"}},
@@ -147,6 +154,10 @@ TEST_F(fleet, staged_firmware_rollout) {
             {": > zero.bin && kelputil fleet firmware zero.bin --upgrade; a=$?; kelputil fleet firmware zero.bin; "
              "echo \"$a $?\"; cat /run/fleet/router*/messages | grep -c 'firmware received'",
              1, {"zero.bin is 0 bytes, less than the 1 KiB of any firmware image: a truncated download?", "1 1\n0\n"}},
+            // Without --upgrade, every host gets the one image read.
+            {"kelputil fleet --limit 'router6,router8' firmware fw.bin; r=$?; "
+             "cat /run/fleet/router6/messages /run/fleet/router8/messages | grep -c 'firmware received'; exit $r",
+             0, {"fleet firmware: 2 hosts, 2 ok, 0 failed", "\n2\n"}},
             {"kelputil --json fleet " + limit + "firmware fw.bin --upgrade --batch 2 --settle 20 > out; r=$?; tail -1 out; "
              "exit $r", 20,
              {"/data/halted=true", "/data/succeeded=[\"router1\",\"router2\",\"router4\",\"router12\"]",

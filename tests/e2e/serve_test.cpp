@@ -46,19 +46,20 @@ TEST_F(serve, schedule_api_signals_and_restart) {
             {"t=$(date +%s); kelputil get-script -H 198.18.0.3 fw > fw.scr && echo '# one change' >> fw.scr && "
              "kelputil -q -H 198.18.0.3 put-script fw fw.scr && "
              "curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r '.state, .last_change >= '$t; "
-             "curl -s " + api + "/hosts/router2 > h; jq -r '.history | length, .[0].files[]' h; "
-             "curl -s " + api + "/hosts/router2/diff | jq -r .patch | grep '^[-+]#'; "
-             "curl -s '" + api + "/search?q=one+change' | jq -r '.matches[] | \"\\(.host) \\(.file) \\(.line)\"'; "
-             "until_in KELPUTIL_HOST=router2 hookenv; grep -c '^router2 ' changes; grep -c \"^router2 $(jq -r .commit h)\\$\" changes; "
+             "curl -s " + api + "/hosts/router2 > h; jq -r '.history | length, (.[0].files[] | .path + \" \" + .status)' h; "
+             "curl -s " + api + "/hosts/router2/diff > d; jq -r .patch d | grep '^[-+]#'; "
+             "[ $(jq -r .to d) = $(jq -r .last_commit h) ] && jq -r .from d | grep -c '^[0-9a-f]\\{10\\}$'; "
+             "curl -s '" + api + "/search?q=one+change' | jq -r '.matches[] | \"\\(.host) \\(.path) \\(.line)\"'; "
+             "until_in KELPUTIL_HOST=router2 hookenv; grep -c '^router2 ' changes; grep -c \"^router2 $(jq -r .last_commit h)\\$\" changes; "
              "git -C bk show --name-only --format=%s HEAD; grep -c PASSWORD hookenv; "
              "grep -c 'KELPUTIL_HOST=router2' hookenv; curl -s http://127.0.0.1:8750/metrics | "
              "grep 'last_change_timestamp_seconds{host=\"router2\"}' | awk '$2 >= '$t' {print \"metric changed\"}'",
-             0, {"ok\ntrue\n", "2\nrouter2/config.dat\nrouter2/config.plain\nrouter2/config/config/fw.scr\n",
-                 "+# one change\n", "router2 config/config/fw.scr 5\n",  "\n2\n1\nbackup router2: configuration changed\n\n"
+             0, {"ok\ntrue\n", "2\nrouter2/config.dat M\nrouter2/config.plain M\nrouter2/config/config/fw.scr M\n",
+                 "+# one change\n1\n", "router2 config/config/fw.scr 5\n",  "\n2\n1\nbackup router2: configuration changed\n\n"
                  "router2/config.dat\nrouter2/config.plain\nrouter2/config/config/fw.scr\n0\n1\nmetric changed"}},
-            {"curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r .result; " +
+            {"curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r '.ok, .changed, .message'; " +
                  code_of("-d '' " + api + "/hosts/router1/backup"),
-             0, {"unchanged\n202 "}},
+             0, {"true\nfalse\nunchanged\n202 "}},
             // Every error has its status and says what is wrong.
             {code_of(api + "/hosts/nope") + code_of("'" + api + "/hosts/router1/diff?from=a..b'") +
                  code_of(api + "/search") + code_of(api + "/hosts/router1/files/none") +
@@ -67,17 +68,17 @@ TEST_F(serve, schedule_api_signals_and_restart) {
                  "curl -s -X PUT " + api + "/hosts | jq -r .error",
              0, {"404 400 400 404 405 404 200 ", "PUT is not allowed on /api/v1/hosts: use GET"}},
             // The down host fails, retried sooner with growing gaps; its hung hook is ended.
-            {"curl -s " + api + "/hosts/router3 | jq -r '.state, .consecutive_failures > 2'; "
+            {"curl -s " + api + "/hosts/router3 | jq -r '.state, .failures > 2'; "
              "grep -o 'router3: failed.*' log | grep -o 'in [0-9.]* s' | head -3 | tr '\\n' ' '; "
              "curl -s " + api + "/hosts/router7 | jq -r .last_error; grep -m1 'router3 on-failure' log",
              0, {"failed\ntrue\n", "in 0.375 s in 0.75 s in 1.5 s", "refused the password",
                  "router3 on-failure: the hook ran longer than 1 s and was ended"}},
             // SIGHUP: one host leaves, one joins, nobody else is disturbed.
-            {"curl -s " + api + "/hosts/router1 | jq .attempts > a1; sed -i '/^router30 /d' inv.ini; "
+            {"curl -s " + api + "/hosts/router1 | jq .attempts_total > a1; sed -i '/^router30 /d' inv.ini; "
              "echo 'extra ansible_host=198.18.0.31' >> inv.ini; kill -HUP $(cat pid); until_in 'read again' log; "
              "curl -s " + api + "/hosts | jq -r '.hosts[].name' | grep -cE 'router|extra'; "
              "curl -s " + api + "/hosts | jq -r '.hosts[].name' | grep -E 'extra|router30'; "
-             "[ $(curl -s " + api + "/hosts/router1 | jq .attempts) -le $(($(cat a1) + 1)) ] && echo undisturbed",
+             "[ $(curl -s " + api + "/hosts/router1 | jq .attempts_total) -le $(($(cat a1) + 1)) ] && echo undisturbed",
              0, {"30\nextra\nundisturbed"}},
             // SIGTERM mid-run: a clean repository; a restart keeps every host's state, with no burst.
             // While it waits for them, no backup is taken and health says so.
@@ -88,7 +89,7 @@ TEST_F(serve, schedule_api_signals_and_restart) {
              0, {"409 503 1\nkelputil serve: stopped\n0\n", "fsck clean"}},
             {backup_counts + " > before; " + start_serve("log2") + "sleep 1; curl -s " + api +
                  "/hosts | jq -r '.hosts[] | select(.name == \"router1\") | .state'; curl -s " + api +
-                 "/hosts | jq '[.hosts[] | select(.attempts == 0)] | length'; " + backup_counts + " | paste - before | "
+                 "/hosts | jq '[.hosts[] | select(.attempts_total == 0)] | length'; " + backup_counts + " | paste - before | "
                  "awk '$1 > $2 {n++} END {print (n <= 10 ? \"no burst\" : \"burst of \" n)}'; " + stop_serve,
              0, {"ok\n0\nno burst"}},
         },
@@ -107,8 +108,10 @@ TEST_F(serve, token_and_tls) {
             {"chmod 600 tok; kelputil serve -i $KELP_INVENTORY --into bk --token-file tok 2> log & echo $! > pid; "
              "until_in 'API on' log; " + code_of(api + "/hosts") + code_of("-H 'Authorization: Bearer wrong' " + api + "/hosts") +
                  code_of("-H \"Authorization: Bearer $(cat tok)\" " + api + "/hosts") +
-                 code_of("http://127.0.0.1:8750/healthz") + code_of("http://127.0.0.1:8750/metrics") + stop_serve,
-             0, {"401 401 200 200 200 "}},
+                 code_of("http://127.0.0.1:8750/healthz") + code_of("http://127.0.0.1:8750/metrics") +
+                 code_of("http://127.0.0.1:8750/") + "curl -sI http://127.0.0.1:8750/ | grep -c '^Content-Security-Policy: '; " +
+                 stop_serve,
+             0, {"401 401 200 200 200 200 1\n"}},
             {"openssl req -x509 -newkey rsa:2048 -nodes -keyout k.pem -out c.pem -days 1 -subj /CN=kelp 2>/dev/null; "
              "kelputil serve -i $KELP_INVENTORY --into bk --token-file tok --tls-cert c.pem --tls-key k.pem "
              "--listen 198.18.0.1:8753 2> tls.log & echo $! > pid; until_in 'API on' tls.log; " +

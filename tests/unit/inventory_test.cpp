@@ -119,6 +119,7 @@ TEST(Inventory, BadLinesNameFileAndLine) {
         {"[a:children]\nb\n", "2: no [b] or [b:children] section declares the group b"},
         {"r[3:1]\n", "1: 'r[3:1]' has a range that is not [FROM:TO]"},
         {"r[01:3]\n", "1: 'r[01:3]' has a range whose ends differ in width: write [01:03]"},
+        {"r[0:9999]-[0:9999]\n", "1: its ranges make more than 100000 hosts"},
         {"../evil\n", "1: '../evil' is not a usable host name"},
         {"[a:children]\nb c\n", "2: 'b c' is not a group name"},
         {"[a:children]\nb\n[b:children]\na\n", " group "},

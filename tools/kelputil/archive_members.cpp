@@ -37,15 +37,6 @@ std::string safe_path(const char* name) {
     return path;
 }
 
-status make_dirs(const std::string& path) {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-        std::string dir = path.substr(0, slash);
-        if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST)
-            return fail(error_kind::local, "cannot create " + dir + ": " + strerror(errno));
-    }
-    return kelp::ok();
-}
-
 }  // namespace
 
 status extract_members(const kelp::bytes& data, const std::string& dir, bool* is_archive) {
@@ -82,7 +73,7 @@ status extract_members(const kelp::bytes& data, const std::string& dir, bool* is
         total += content.size();
         std::string target = dir + "/" + path;
         unlink(target.c_str());  // a member may come twice: the last one wins, as tar has it
-        status st = make_dirs(target);
+        status st = make_parent_folders(target);
         if (st) st = write_new_file(target, content, 0600);
         if (!st) return st;
     }

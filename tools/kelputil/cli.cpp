@@ -276,7 +276,8 @@ int typed_command_at(int argc, char** argv) {
     return argc;
 }
 
-// The closest of names to typed, when it is close enough to be a typo.
+}  // namespace
+
 std::string closest(const std::string& typed, const std::vector<std::string>& names) {
     std::string best;
     size_t best_distance = 3;
@@ -286,6 +287,8 @@ std::string closest(const std::string& typed, const std::vector<std::string>& na
     }
     return best;
 }
+
+namespace {
 
 // path: the command typed so far ("" or "fleet"), for the message.
 std::string unknown_command(CLI::App& app, const std::string& typed, const std::string& path = "") {
@@ -428,8 +431,6 @@ std::string check_combinations(const command_line& c) {
 long long parse_duration_ms(const std::string& text) {
     return parse_number_with_suffix(text, {{"", 1000}, {"s", 1000}, {"ms", 1}, {"m", 60000}, {"h", 3600000}});
 }
-
-size_t edit_distance(const std::string& a, const std::string& b) { return distance(a, b); }
 
 long long parse_size(const std::string& text) {
     long long n = parse_number_with_suffix(text, {{"", 1}, {"K", 1024}, {"k", 1024}, {"M", 1 << 20}, {"m", 1 << 20}});

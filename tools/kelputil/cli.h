@@ -1,6 +1,9 @@
 // The command line: every command and option, checked before anything runs.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "invocation.h"
 
 // Fills *out from argv. Returns -1 to go on, or the exit status to end with
@@ -12,5 +15,6 @@ int parse_command_line(int argc, char** argv, invocation* out);
 long long parse_duration_ms(const std::string& text);
 // "65536", "64K", "1M" (binary units) -> bytes; -1 when not a size.
 long long parse_size(const std::string& text);
-// Levenshtein distance, for "did you mean" hints.
-size_t edit_distance(const std::string& a, const std::string& b);
+// The closest of names to typed when it is close enough to be a typo, for
+// "did you mean" hints; "" when none is.
+std::string closest(const std::string& typed, const std::vector<std::string>& names);

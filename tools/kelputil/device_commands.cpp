@@ -61,7 +61,7 @@ outcome saved(const std::string& file, const bytes& b, mode_t mode, const std::s
     status w = write_output(file, b, mode);
     if (!w) return failure(w);
     outcome o = success("saved " + std::to_string(b.size()) + " bytes of " + what + " to " + file,
-                        {{"file", json_text(file)}, {"bytes", b.size()}});
+                        {{"file", file}, {"bytes", b.size()}});
     o.content = file == "-";  // the bytes themselves went to stdout
     return o;
 }
@@ -85,7 +85,7 @@ outcome restore(const invocation& inv, const kelp::target& t, const std::string&
     if (!st) return failure(st);
     st = kelp::restore_config(t, inv.flags, bundle, [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
     if (!st) return failure(st);
-    return success("configuration installed" + after_success(inv.flags), {{"file", json_text(file)}, {"bytes", bundle.size()}});
+    return success("configuration installed" + after_success(inv.flags), {{"file", file}, {"bytes", bundle.size()}});
 }
 
 outcome get_script(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
@@ -95,7 +95,7 @@ outcome get_script(const invocation& inv, const kelp::target& t, const std::stri
     if (!st) return failure(st);
     if (!inv.file.empty()) return saved(for_host(inv.file, host), body, plain_mode, "the " + inv.name + " script");
     outcome o = success("script " + inv.name + ": " + std::to_string(body.size()) + " bytes" + after_success(inv.flags),
-                        {{"script", inv.name}, {"bytes", body.size()}, {"text", json_text(text_of(body))}});
+                        {{"script", inv.name}, {"bytes", body.size()}, {"text", text_of(body)}});
     o.text = text_of(body);
     o.content = true;
     return o;
@@ -111,7 +111,7 @@ outcome put_script(const invocation& inv, const kelp::target& t, const std::stri
                           [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
     if (!st) return failure(st);
     return success("script " + inv.name + " installed" + after_success(inv.flags),
-                   {{"script", inv.name}, {"file", json_text(file)}, {"bytes", body.size()}});
+                   {{"script", inv.name}, {"file", file}, {"bytes", body.size()}});
 }
 
 outcome report(const invocation& inv, const kelp::target& t) {
@@ -135,8 +135,8 @@ outcome ppp(const invocation& inv, const kelp::target& t) {
     for (const kelp::ppp_session& p : list) {
         // -1 is the router's "no shaping rule".
         json rule = p.cbq_rule == -1 ? json(nullptr) : json(p.cbq_rule);
-        data.push_back({{"name", json_text(p.name)}, {"type", json_text(p.type)}, {"interface", json_text(p.ppp)},
-                        {"remote", json_text(p.remote)}, {"cbq_rule", rule}});
+        data.push_back({{"name", p.name}, {"type", p.type}, {"interface", p.ppp},
+                        {"remote", p.remote}, {"cbq_rule", rule}});
         rows.push_back({p.name, p.type, p.ppp, p.remote, p.cbq_rule == -1 ? "none" : std::to_string(p.cbq_rule)});
     }
     outcome o = success(plural(list.size(), "PPP session") + after_success(inv.flags), data);
@@ -153,7 +153,7 @@ outcome hotspot(const invocation& inv, const kelp::target& t) {
     for (const kelp::hotspot_session& h : list) {
         // The router's hotspot reports bytes from and to the user, the
         // session's age and its idle time, in seconds.
-        data.push_back({{"user", json_text(h.user)}, {"ip", json_text(h.ip)}, {"mac", json_text(h.mac)},
+        data.push_back({{"user", h.user}, {"ip", h.ip}, {"mac", h.mac},
                         {"bytes_in", h.counter1}, {"bytes_out", h.counter2}, {"session_s", h.value1},
                         {"idle_s", h.value2}});
         rows.push_back({h.user, h.ip, h.mac, std::to_string(h.counter1), std::to_string(h.counter2),
@@ -170,7 +170,7 @@ outcome kick(const invocation& inv, const kelp::target& t) {
                 : cmd == "kick-hotspot" ? kelp::kick_hotspot_user(t, inv.flags, inv.user)
                                         : kelp::kick_hotspot_ip(t, inv.flags, inv.address);
     std::string who = cmd == "kick-ip" ? inv.address : inv.user;
-    json data = cmd == "kick-ip" ? json{{"address", who}} : json{{"user", json_text(who)}};
+    json data = cmd == "kick-ip" ? json{{"address", who}} : json{{"user", who}};
     if (!st) return failure(st, data);
     return success("disconnected " + who + after_success(inv.flags), data);
 }
@@ -221,12 +221,12 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
     auto on_line = [&](const std::string& line) {
         if (line == "done") return;  // the end marker, not news
         if (failed_line.empty() && reports_failure(line)) failed_line = line;
-        lines.push_back(json_text(line));
+        lines.push_back(line);
         r.upgrade_line(line);
     };
     status st = kelp::upload_firmware(t, image, upgrade, [&r](uint64_t d, uint64_t n) { r.progress(d, n); }, on_line,
                                [&r](const std::string& p) { r.phase(p); });
-    json data = {{"file", json_text(file)}, {"bytes", image.size()}, {"upgraded", st && upgrade && failed_line.empty()}};
+    json data = {{"file", file}, {"bytes", image.size()}, {"upgraded", st && upgrade && failed_line.empty()}};
     if (upgrade) data["lines"] = lines;
     if (!st) return failure(st, data);
     if (!failed_line.empty()) {
@@ -243,15 +243,8 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
 kelp::status make_host_folders(const invocation& inv, const std::vector<std::string>& hosts) {
     if (inv.device_command() != "get-script" || inv.file.find("{host}") == std::string::npos) return kelp::ok();
     for (const std::string& host : hosts) {
-        std::string path = for_host(inv.file, host);
-        for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-            std::string folder = path.substr(0, slash);
-            struct stat st;
-            if (mkdir(folder.c_str(), 0700) == 0 || (stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode))) continue;
-            int err = errno == EEXIST || errno == 0 ? ENOTDIR : errno;
-            return kelp::fail(kelp::error_kind::local, "cannot create the folder " + folder + ": " + strerror(err) +
-                                                           "; no host was contacted");
-        }
+        status st = make_parent_folders(for_host(inv.file, host));
+        if (!st) return kelp::fail(st.kind, st.message + "; no host was contacted");
     }
     return kelp::ok();
 }
@@ -274,7 +267,7 @@ json image_summary(const std::string& file, const bytes& image) {
         snprintf(two, sizeof two, "%02x", b);
         hex += two;
     }
-    return {{"file", json_text(file)}, {"bytes", image.size()}, {"sha256", hex}};
+    return {{"file", file}, {"bytes", image.size()}, {"sha256", hex}};
 }
 
 std::string image_text(const json& summary) {
@@ -329,7 +322,7 @@ outcome run_offline_command(const invocation& inv) {
         if (!(st = kelp::check_bundle_for_device(in))) return failure(kelp::fail(st.kind, inv.file + ": " + st.message));
         kelp::unpack_bundle(in, &out);
         return success(inv.file + ": bundle ok, " + std::to_string(out.size()) + " bytes of configuration",
-                       {{"file", json_text(inv.file)}, {"bytes", in.size()}, {"plain_bytes", out.size()}});
+                       {{"file", inv.file}, {"bytes", in.size()}, {"plain_bytes", out.size()}});
     }
     if (!(st = kelp::unpack_bundle(in, &out))) return failure(kelp::fail(st.kind, inv.file + ": " + st.message));
     return saved(inv.out, out, 0600, "configuration");

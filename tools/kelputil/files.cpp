@@ -120,6 +120,21 @@ void sync_folder(const std::string& folder) {
 
 }  // namespace
 
+status make_parent_folders(const std::string& path) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        std::string folder = path.substr(0, slash);
+        if (mkdir(folder.c_str(), 0700) == 0) continue;
+        int err = errno;
+        struct stat st;
+        if (stat(folder.c_str(), &st) == 0) {
+            if (S_ISDIR(st.st_mode)) continue;
+            err = ENOTDIR;
+        }
+        return file_error("create the folder", folder, err);
+    }
+    return kelp::ok();
+}
+
 void remove_temporaries_on_signals() {
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, on_signal);
 }

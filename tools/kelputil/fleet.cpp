@@ -1,6 +1,6 @@
 #include "fleet.h"
 
-#include <stdio.h>
+#include <algorithm>
 
 #include "device_commands.h"
 #include "fleet_rollout.h"
@@ -21,27 +21,23 @@ int list_hosts(const invocation& inv, const std::vector<const inventory_host*>& 
         o.data.push_back({{"host", h->name}, {"address", t.host}, {"port", t.port}, {"mode", t.tls ? "TLS" : "plain"}});
     }
     o.message = plural(hosts.size(), "host");
-    if (inv.json) {
-        print_outcome(o, true, false);
-        return 0;
-    }
     size_t name_width = 4, address_width = 7;
     for (const json& row : o.data) {
         name_width = std::max(name_width, row["host"].get<std::string>().size());
         address_width = std::max(address_width, row["address"].get<std::string>().size());
     }
-    printf("%-*s  %-*s  %-5s  %s\n", (int)name_width, "HOST", (int)address_width, "ADDRESS", "PORT", "MODE");
+    auto pad = [](const std::string& cell, size_t width) { return cell + std::string(width - cell.size() + 2, ' '); };
+    o.text = pad("HOST", name_width) + pad("ADDRESS", address_width) + pad("PORT", 5) + "MODE\n";
     for (const json& row : o.data)
-        printf("%-*s  %-*s  %-5d  %s\n", (int)name_width, terminal_text(row["host"]).c_str(), (int)address_width,
-               terminal_text(row["address"]).c_str(), row["port"].get<int>(), row["mode"].get<std::string>().c_str());
-    printf("%s\n", o.message.c_str());
-    fflush(stdout);
+        o.text += pad(terminal_text(row["host"]), name_width) + pad(terminal_text(row["address"]), address_width) +
+                  pad(std::to_string(row["port"].get<int>()), 5) + row["mode"].get<std::string>() + "\n";
+    print_outcome(o, inv.json, false);  // the count stays under -q: it is the answer
     return 0;
 }
 
 }  // namespace
 
-int run_on_fleet(const invocation& inv, const fleet_job& job) {
+int run_on_fleet(const invocation& inv, const fleet_job& job, kelp::bytes* image) {
     std::string cmd = inv.device_command();
     inventory hosts_file;
     std::vector<const inventory_host*> hosts;
@@ -57,10 +53,9 @@ int run_on_fleet(const invocation& inv, const fleet_job& job) {
     // A roll-out checks its image before the passwords, and its dry run
     // needs none.
     bool rollout = cmd == "firmware" && inv.upgrade;
-    if (st && cmd == "firmware" && !rollout && inv.file.find("{host}") == std::string::npos) {
-        kelp::bytes image;  // one image for all: refused once, not once a host
-        st = read_image(inv.file, &image);
-    }
+    kelp::bytes unused;
+    if (st && cmd == "firmware" && !rollout && inv.file.find("{host}") == std::string::npos)
+        st = read_image(inv.file, image ? image : &unused);  // one image for all: refused once, not once a host
     if (st && !rollout) st = runner.check_passwords(hosts);
     if (!st) {
         print_outcome(failure(st), inv.json, inv.quiet);
@@ -71,12 +66,19 @@ int run_on_fleet(const invocation& inv, const fleet_job& job) {
 
 int run_fleet(const invocation& inv) {
     std::string cmd = inv.device_command();
-    return run_on_fleet(inv, [&](fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
-        if (cmd == "firmware" && inv.upgrade) return run_rollout(inv, runner, hosts);
-        std::vector<host_result> results =
-            runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter& r) {
-                return run_device_command(inv, t, h.name, r);
-            });
-        return runner.finish(results, "fleet " + cmd);
-    });
+    // Firmware without {host}: the image read once, held once, not once a
+    // running host.
+    kelp::bytes image;
+    return run_on_fleet(
+        inv,
+        [&](fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+            if (cmd == "firmware" && inv.upgrade) return run_rollout(inv, runner, hosts);
+            std::vector<host_result> results =
+                runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter& r) {
+                    if (!image.empty()) return upload_image(t, image, inv.upgrade, inv.file, r);
+                    return run_device_command(inv, t, h.name, r);
+                });
+            return runner.finish(results, "fleet " + cmd);
+        },
+        &image);
 }

@@ -13,6 +13,7 @@ int run_fleet(const invocation& inv);
 // makes the folders of their files and checks their firmware image and
 // password sources, then hands them to job. Nothing runs on a bad inventory,
 // an empty selection, a folder that cannot be made, an image no router could
-// take or a missing password.
+// take or a missing password. *image: the firmware image that every host
+// gets, when there is one (not for a roll-out, which reads its own).
 using fleet_job = std::function<int(fleet_runner& runner, const std::vector<const inventory_host*>& hosts)>;
-int run_on_fleet(const invocation& inv, const fleet_job& job);
+int run_on_fleet(const invocation& inv, const fleet_job& job, kelp::bytes* image = nullptr);

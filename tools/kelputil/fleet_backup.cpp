@@ -29,27 +29,34 @@ status system_error(const std::string& what, const std::string& path) {
 }
 
 // The host's files, fetched and written into a fresh folder of the staging
-// area; nothing of the host's current folder is touched here.
-status snapshot(const invocation& inv, const kelp::target& t, const std::string& folder, size_t* config_bytes) {
+// area; nothing of the host's current folder is touched here. *disk: the
+// failure was in writing there, not in the host.
+status snapshot(const invocation& inv, const kelp::target& t, const std::string& folder, size_t* config_bytes,
+                bool* disk) {
+    auto written = [&](status s) {
+        *disk = !s && s.kind == error_kind::local;
+        return s;
+    };
+    *disk = false;
     bytes bundle, plain;
     status st = kelp::backup_config(t, 0, &bundle);
     if (!st) return st;
     if (!(st = kelp::unpack_bundle(bundle, &plain)))
         return kelp::fail(error_kind::protocol, "the device sent a bundle that does not verify: " + st.message);
     *config_bytes = plain.size();
-    if (!(st = write_new_file(folder + "/config.dat", bundle, 0600))) return st;
-    if (!(st = write_new_file(folder + "/config.plain", plain, 0600))) return st;
+    if (!(st = written(write_new_file(folder + "/config.dat", bundle, 0600)))) return st;
+    if (!(st = written(write_new_file(folder + "/config.plain", plain, 0600)))) return st;
     bundle = bytes();  // a host's data is written out, not kept
     bool is_archive = false;
-    if (!(st = extract_members(plain, folder + "/config", &is_archive))) return st;
+    if (!(st = written(extract_members(plain, folder + "/config", &is_archive)))) return st;
     if (!inv.scripts) return st;
-    if (mkdir((folder + "/scripts").c_str(), 0700) != 0) return system_error("create", folder + "/scripts");
+    if (mkdir((folder + "/scripts").c_str(), 0700) != 0) return written(system_error("create", folder + "/scripts"));
     for (size_t i = 0; i < 4; i++) {
         bytes body;
         st = kelp::get_script(t, kelp::script_by_name(script_names[i]), 0, &body);
         if (kelp::is_missing_script(st)) continue;
         if (!st) return kelp::fail(st.kind, std::string("script ") + script_names[i] + ": " + st.message);
-        if (!(st = write_new_file(folder + "/scripts/" + script_files[i], body, 0600))) return st;
+        if (!(st = written(write_new_file(folder + "/scripts/" + script_files[i], body, 0600)))) return st;
     }
     return st;
 }
@@ -58,24 +65,27 @@ status snapshot(const invocation& inv, const kelp::target& t, const std::string&
 struct staged_hosts {
     std::mutex lock;
     std::vector<std::pair<std::string, std::string>> folders;
-    bool disk_failed = false;  // writing here failed: the other hosts would fail alike
+    // Writing here failed, "MESSAGE (backing up HOST); ": the other hosts
+    // would fail alike. A host's own failure, local or not, is only its own.
+    std::string disk_failure;
 };
 
 outcome back_up_host(const invocation& inv, const std::string& staging, const inventory_host& h, const kelp::target& t,
                      staged_hosts* staged) {
     std::string folder = staging + "/" + h.name + ".XXXXXX";
+    bool disk = true;
     status st = mkdtemp(folder.data()) ? kelp::ok() : system_error("create a staging folder in", staging);
     size_t config_bytes = 0;
-    if (st) st = snapshot(inv, t, folder, &config_bytes);
+    if (st) st = snapshot(inv, t, folder, &config_bytes, &disk);
     std::lock_guard<std::mutex> hold(staged->lock);
     if (!st) {
         remove_tree(folder);
-        staged->disk_failed = staged->disk_failed || st.kind == error_kind::local;
+        if (disk && staged->disk_failure.empty()) staged->disk_failure = st.message + " (backing up " + h.name + "); ";
         return failure(st);
     }
     staged->folders.emplace_back(h.name, folder);
     return success("backed up: " + std::to_string(config_bytes) + " bytes of configuration",
-                   {{"folder", json_text(h.name)}, {"config_bytes", config_bytes}});
+                   {{"folder", h.name}, {"config_bytes", config_bytes}});
 }
 
 std::string commit_message(const std::vector<host_result>& results, const std::vector<std::string>& changed) {
@@ -118,13 +128,6 @@ int stopped(const invocation& inv, const std::vector<host_result>& results, int 
     return exit;
 }
 
-// The first local failure of a host: the reason the run stopped.
-std::string disk_failure(const std::vector<host_result>& results) {
-    for (const host_result& r : results)
-        if (r.touched && r.result.exit == 1) return r.result.message + " (backing up " + r.host + "); ";
-    return "";
-}
-
 }  // namespace
 
 int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
@@ -143,15 +146,16 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     runner.stop_on_signals();
     runner.stop_when([&] {
         std::lock_guard<std::mutex> hold(staged.lock);
-        return staged.disk_failed;
+        return !staged.disk_failure.empty();
     });
     std::vector<host_result> results = runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter&) {
         return back_up_host(inv, staging, h, t, &staged);
     });
-    if (runner.stopped_by() || staged.disk_failed) {
+    runner.end_status_line();  // what follows, a stop or the commit, speaks in its place
+    if (runner.stopped_by() || !staged.disk_failure.empty()) {
         remove_tree(staging);
         int sig = runner.stopped_by();
-        return sig ? stopped(inv, results, 128 + sig, "interrupted: ") : stopped(inv, results, 1, disk_failure(results));
+        return sig ? stopped(inv, results, 128 + sig, "interrupted: ") : stopped(inv, results, 1, staged.disk_failure);
     }
 
     std::vector<std::string> changed;
@@ -179,7 +183,7 @@ int run_fleet_history(const invocation& inv) {
     outcome o = success(inv.name + ": " + plural(entries.size(), "backup") + " with changes", entries);
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
-                  std::to_string(e["files"].size()) + " files  " + terminal_text(e["subject"].get<std::string>()) + "\n";
+                  plural(e["files"].size(), "file") + "  " + terminal_text(e["subject"].get<std::string>()) + "\n";
     print_outcome(o, inv.json, inv.quiet);
     return 0;
 }
@@ -191,8 +195,8 @@ int run_fleet_diff(const invocation& inv) {
     status st = git_store::open(store_dir(inv), false, false, &store);
     if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
     if (!st) return local_error(inv, st);
-    outcome o = success(inv.name + ": " + std::to_string(files.size()) + " files changed",
-                        {{"files", files}, {"patch", json_text(patch)}});
+    outcome o = success(inv.name + ": " + plural(files.size(), "file") + " changed",
+                        {{"files", files}, {"patch", patch}});
     o.text = patch;
     o.content = true;
     print_outcome(o, inv.json, inv.quiet);

@@ -39,11 +39,14 @@ private:
     std::mutex lock_;
 };
 
+const int stop_signals[] = {SIGINT, SIGTERM, SIGHUP};
 volatile sig_atomic_t caught_signal = 0;
 
+// The first of them stops the run; the next, whichever it is, ends the
+// process.
 void on_stop_signal(int sig) {
     caught_signal = sig;
-    signal(sig, SIG_DFL);
+    for (int s : stop_signals) signal(s, SIG_DFL);
 }
 
 std::string seconds_text(double s) {
@@ -130,7 +133,7 @@ reporter& fleet_runner::notes() { return s_->notes; }
 void fleet_runner::stop_on_signals() {
     struct sigaction act {};
     act.sa_handler = on_stop_signal;  // no SA_RESTART: a waiting host sees EINTR and carries on
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &act, nullptr);
+    for (int sig : stop_signals) sigaction(sig, &act, nullptr);
 }
 
 int fleet_runner::stopped_by() const { return caught_signal; }

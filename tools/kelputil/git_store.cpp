@@ -116,7 +116,7 @@ json changed_files(git_diff* diff) {
     json files = json::array();
     for (size_t i = 0; i < git_diff_num_deltas(diff); i++) {
         const git_diff_delta* d = git_diff_get_delta(diff, i);
-        files.push_back({{"path", json_text(d->new_file.path ? d->new_file.path : d->old_file.path)},
+        files.push_back({{"path", d->new_file.path ? d->new_file.path : d->old_file.path},
                          {"status", std::string(1, git_diff_status_char(d->status))}});
     }
     return files;
@@ -181,7 +181,9 @@ std::string file_text(const std::string& path) {
     return std::string(data.begin(), data.end());
 }
 
-// Objects this run added, so that a run that commits nothing leaves none.
+// Blobs and the commit this run added, so that a run that fails leaves none
+// of them (trees it wrote stay, unreferenced, for git gc: a tree's id is
+// known only once written, so whether it is new cannot be told).
 struct new_objects {
     git_repository* repo;
     std::vector<git_oid> ids;
@@ -271,6 +273,7 @@ status git_store::open(const std::string& dir, bool create, bool init, std::uniq
                         not_folder ? "cannot keep backups in " + dir + ": it is not a folder"
                                    : dir + " is not empty and holds no backups (not a git repository): give a new or "
                                            "empty folder, or add --init to keep the backups there beside its files");
+        if (!out) return kelp::ok();  // a look only: nothing is made
         mkdir(dir.c_str(), 0700);  // the backups are secrets; parents, if missing, as the umask has them
         git_repository_init_options options;
         git_repository_init_options_init(&options, GIT_REPOSITORY_INIT_OPTIONS_VERSION);
@@ -281,9 +284,10 @@ status git_store::open(const std::string& dir, bool create, bool init, std::uniq
         return fail(error_kind::local, dir + " holds no backups (not a git repository): give the folder of a "
                                              "fleet backup with --into");
     if (r != 0) return git_failure("opening the backups in " + dir);
-    out->reset(new git_store(repo, dir));
+    std::unique_ptr<git_store> store(new git_store(repo, dir));
     if (!git_repository_workdir(repo))
         return fail(error_kind::local, dir + " is a bare repository: backups need one with a work tree");
+    if (out) *out = std::move(store);
     return kelp::ok();
 }
 
@@ -403,7 +407,7 @@ status git_store::history(const std::string& folder, json* out) {
         const char* summary = git_commit_summary(c);
         out->push_back({{"commit", short_id(&id)},
                         {"date", date_text(git_commit_time(c))},
-                        {"subject", json_text(summary ? summary : "")},
+                        {"subject", summary ? summary : ""},
                         {"files", changed_files(diff)}});
     }
     return kelp::ok();

@@ -24,6 +24,7 @@ public:
     // Opens the repository at dir. With create, makes dir and the repository
     // when dir is new or empty; a folder that holds other files is made one
     // only with init, so that a mistyped --into takes nobody's folder over.
+    // Without out, only says whether it could: nothing is made.
     static kelp::status open(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out);
 
     // Where fetched folders wait for the commit: inside the git folder, so

@@ -15,11 +15,6 @@ using kelp::status;
 
 namespace {
 
-std::string trim(const std::string& s) {
-    size_t a = s.find_first_not_of(" \t\r\n"), b = s.find_last_not_of(" \t\r\n");
-    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
-}
-
 // "a,b" splits at commas only; without one, ':' separates too, except
 // inside brackets, where it belongs to a subscript.
 std::vector<std::string> split_pattern(const std::string& pattern) {

@@ -12,6 +12,11 @@ using kelp::error_kind;
 using kelp::fail;
 using kelp::status;
 
+std::string trim(const std::string& s) {
+    size_t a = s.find_first_not_of(" \t\r\n\v\f"), b = s.find_last_not_of(" \t\r\n\v\f");
+    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
+}
+
 namespace {
 
 const char* const our_keys[] = {"port", "tls", "plain", "pin", "password_file", "password_env", "timeout"};
@@ -39,12 +44,6 @@ struct parser {
     std::string where(int at) const { return file + ":" + std::to_string(at); }
     status bad(const std::string& what) const { return fail(error_kind::local, where(line) + ": " + what); }
 };
-
-// Python's str.strip(), as Ansible strips its lines.
-std::string trim(const std::string& s) {
-    size_t a = s.find_first_not_of(" \t\r\n\v\f"), b = s.find_last_not_of(" \t\r\n\v\f");
-    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
-}
 
 // Host lines are split as a POSIX shell would, '#' outside quotes ending the
 // line: that is how Ansible reads "edge1 ansible_host=192.0.2.7 # lab".
@@ -163,10 +162,7 @@ void note_key(parser& p, const std::string& key) {
     if (key.rfind("ansible_", 0) == 0 || std::find(std::begin(our_keys), std::end(our_keys), key) != std::end(our_keys))
         return;
     if (!p.unknown_keys.insert(key).second) return;
-    std::string best;
-    size_t best_distance = 3;
-    for (const char* known : our_keys)
-        if (edit_distance(key, known) < best_distance) best = known, best_distance = edit_distance(key, known);
+    std::string best = closest(key, std::vector<std::string>(std::begin(our_keys), std::end(our_keys)));
     p.warnings.push_back(p.where(p.line) + ": kelputil does not know the key '" + key + "'" +
                          (best.empty() ? "" : " (did you mean '" + best + "'?)") + "; it is ignored");
 }
@@ -184,13 +180,19 @@ status add_var(parser& p, std::map<std::string, std::string>& vars, const std::s
     return kelp::ok();
 }
 
+constexpr size_t hosts_max = 100000;
+
 // "r[01:03]" -> r01 r02 r03; "[a:c]x" -> ax bx cx; an optional third part
 // is the step; an empty start is 0. Returns what is wrong, or "".
 std::string expand(const std::string& pattern, std::vector<std::string>* out) {
     static const std::string letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
     const std::string usage = "'" + pattern + "' has a range that is not [FROM:TO] or [FROM:TO:STEP]";
     size_t open = pattern.find('['), close = pattern.find(']', open);
-    if (open == std::string::npos) return out->push_back(pattern), "";
+    if (open == std::string::npos) {
+        // Each range is bounded, but ranges multiply: "r[0:9999][0:9999]".
+        if (out->size() >= hosts_max) return "its ranges make more than " + std::to_string(hosts_max) + " hosts";
+        return out->push_back(pattern), "";
+    }
     if (close == std::string::npos) return usage;
     std::string inside = pattern.substr(open + 1, close - open - 1), from, to, step_text = "1";
     size_t colon = inside.find(':'), second = inside.find(':', colon + 1);
@@ -216,7 +218,7 @@ std::string expand(const std::string& pattern, std::vector<std::string>* out) {
             return "'" + pattern + "' has a range whose ends differ in width: write [" + from + ":" +
                    std::string(from.size() > to.size() ? from.size() - to.size() : 0, '0') + to + "]";
         long x = atol(from.c_str()), y = atol(to.c_str());
-        if (x > y || y - x > 100000) return usage;
+        if (x > y || y - x > (long)hosts_max) return usage;
         for (long n = x; n <= y; n += step) {
             std::string number = std::to_string(n);
             if (number.size() < from.size()) number.insert(0, from.size() - number.size(), '0');

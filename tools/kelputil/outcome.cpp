@@ -60,20 +60,18 @@ json outcome_json(const outcome& o) {
     return {{"ok", o.ok()},
             {"exit", o.exit},
             {"code", o.code < 0 ? json(nullptr) : json(o.code)},
-            {"message", json_text(o.message)},
+            {"message", o.message},
             {"data", o.data}};
 }
 
 std::string json_line(const json& j) { return printable(j).dump(-1, ' ', false, json::error_handler_t::replace); }
-
-std::string json_text(const std::string& bytes) { return bytes; }
 
 json json_lines(const std::string& text) {
     json lines = json::array();
     for (size_t start = 0; start < text.size();) {
         size_t end = text.find('\n', start);
         if (end == std::string::npos) end = text.size();
-        lines.push_back(json_text(text.substr(start, end - start)));
+        lines.push_back(text.substr(start, end - start));
         start = end + 1;
     }
     return lines;

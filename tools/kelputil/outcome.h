@@ -33,12 +33,10 @@ outcome failure(const kelp::status& s, json data = nullptr);
 outcome local_failure(const std::string& message);
 
 json outcome_json(const outcome& o);
-// One line of JSON: strings that are not UTF-8 shown as Latin-1, with their
-// exact bytes beside them in base64 (json_bytes.h).
+// One line of JSON: strings that are not UTF-8 (bytes from a device or a
+// file go into json as they are) shown as Latin-1, with their exact bytes
+// beside them in base64 (json_bytes.h).
 std::string json_line(const json& j);
-// Bytes from a device or a file for a JSON string: kept exactly as they are,
-// for json_line to show.
-std::string json_text(const std::string& bytes);
 // Text as a JSON array of its lines (without their newlines).
 json json_lines(const std::string& text);
 // The same text for a terminal: control characters shown as '?', so that a

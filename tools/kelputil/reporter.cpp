@@ -123,12 +123,12 @@ void json_reporter::progress(uint64_t done, uint64_t total) {
 }
 
 void json_reporter::phase(const std::string& text) {
-    printf("%s\n", json_line({{"event", "phase"}, {"text", json_text(text)}}).c_str());
+    printf("%s\n", json_line({{"event", "phase"}, {"text", text}}).c_str());
     flush_stdout();
 }
 
 void json_reporter::upgrade_line(const std::string& line) {
-    printf("%s\n", json_line({{"event", "upgrade"}, {"line", json_text(line)}}).c_str());
+    printf("%s\n", json_line({{"event", "upgrade"}, {"line", line}}).c_str());
     flush_stdout();
 }
 

@@ -16,7 +16,11 @@ bool same_secret(const std::string& a, const std::string& b) {
     return diff == 0;
 }
 
-bool public_path(const std::string& path) { return path == "/healthz" || path == "/metrics"; }
+// The page's own files hold nothing of the routers: the page asks for the
+// token and sends it with its API requests.
+bool public_path(const std::string& path) {
+    return path == "/healthz" || path == "/metrics" || path.rfind("/api/", 0) != 0;
+}
 
 // The one method each path answers; anything else is 405.
 const char* method_for(const std::string& path) {
@@ -68,7 +72,7 @@ void api_server::add_routes() {
             return httplib::Server::HandlerResponse::Handled;
         }
         const char* allowed = method_for(req.path);
-        if (req.method != allowed) {
+        if (req.method != allowed && !(req.method == "HEAD" && std::string(allowed) == "GET")) {
             res.set_header("Allow", allowed);
             answer_error(res, 405, req.method + " is not allowed on " + req.path + ": use " + allowed);
             return httplib::Server::HandlerResponse::Handled;
@@ -99,6 +103,7 @@ void api_server::add_routes() {
         {"GET", R"(/api/v1/hosts/([^/]+)/files/(.+))", get_file},
         {"POST", R"(/api/v1/hosts/([^/]+)/backup)", post_backup},
         {"GET", "/api/v1/search", get_search},
+        {"GET", R"(/(?!api/).*)", get_page_file},
     };
     for (const route& r : routes) {
         auto handler = [&s, f = r.handler](const httplib::Request& req, httplib::Response& res) { f(s, req, res); };

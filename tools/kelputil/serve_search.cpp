@@ -12,7 +12,7 @@ void search_one(const std::string& host, const std::string& file, const std::str
         if (end == std::string::npos) end = content.size();
         std::string line = content.substr(at, end - at);
         if (line.find(text) != std::string::npos)
-            out->push_back({{"host", host}, {"file", json_text(file)}, {"line", number}, {"text", json_text(line)}});
+            out->push_back({{"host", host}, {"path", file}, {"line", number}, {"text", line}});
         at = end + 1;
     }
 }

@@ -104,7 +104,8 @@ void service::after_run(const host_state& s, const host_run& r) {
         {"HOST", s.name}, {"ADDRESS", s.address}, {"TIME", time_text(s.last_attempt)}};
     if (!r.error.empty()) {
         log_event(s.name + ": failed (" + r.error + "), " + std::to_string(s.consecutive_failures) +
-                  " in a row; next try in " + seconds_text(s.next_due - now_seconds()));
+                  " in a row; next try in " +
+                  seconds_text(retry_delay(o_.interval_ms / 1000.0, s.consecutive_failures)));
         vars["ERROR"] = r.error;
         hooks_.start(s.name + " on-failure", o_.on_failure, vars);
         return;

@@ -1,5 +1,6 @@
 #include "fleet.h"
 #include "fleet_backup.h"
+#include "git_store.h"
 #include "outcome.h"
 #include "store_command.h"
 
@@ -7,6 +8,13 @@ int run_store_command(const invocation& inv, char**) {
     std::string cmd = inv.device_command();
     if (cmd == "history") return run_fleet_history(inv);
     if (cmd == "diff") return run_fleet_diff(inv);
+    // A folder that cannot take the backups is refused before anyone is
+    // asked for a password.
+    kelp::status st = inv.list_hosts ? kelp::ok() : git_store::open(inv.into, true, inv.init, nullptr);
+    if (!st) {
+        print_outcome(failure(st), inv.json, inv.quiet);
+        return exit_status(st);
+    }
     return run_on_fleet(inv, [&](fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
         return run_fleet_backup(inv, runner, hosts);
     });
