@@ -147,6 +147,13 @@ TEST_F(serve, config_file_and_push) {
                  "until_in 'router1: failed' none.log; " + stop_serve + "cat cred.log none.log",
              0, {"router2: backed up, changed", "router1: failed (no password: set KELPUTIL_PASSWORD, give --password-file FILE, or a systemd "
                  "credential 'password')"}},
+            // The web page, in a real browser, shows a host as the service has it.
+            {"kelputil serve -i $KELP_INVENTORY --into bk6 --interval 2s 2> web.log & echo $! > pid; "
+             "until_in 'router2: backed up' web.log; HOME=$PWD timeout 60 chromium --headless --no-sandbox "
+             "--disable-gpu --virtual-time-budget=5000 --dump-dom 'http://127.0.0.1:8750/#/hosts/router2' 2>/dev/null "
+             "| sed 's/<[^>]*>/ /g' | tr -s ' \\n' ' '; " + stop_serve,
+             0, {"Address 198.18.0.3 State ok Model simulated kelp-v3 router",
+                 "backup router2: configuration changed router2/config.dat"}},
             // A real Prometheus scrapes the service: one series per host.
             {"kelputil serve -i $KELP_INVENTORY --into bk3 --interval 2s 2> log & echo $! > pid; "
              "printf 'scrape_configs:\\n  - job_name: kelputil\\n    scrape_interval: 1s\\n    static_configs:\\n"
