@@ -14,6 +14,11 @@
 
 namespace {
 
+// Hooks at once, and waiting: enough for a fleet's first start, bounded
+// against a hook that always hangs.
+constexpr int max_running = 4;
+constexpr size_t max_waiting = 10000;
+
 // The variables a hook sees: a clean environment, so that no password the
 // service was given reaches it.
 std::vector<std::string> hook_environment(const std::map<std::string, std::string>& vars) {
@@ -62,36 +67,49 @@ int wait_bounded(pid_t pid, long long timeout_ms) {
 void hook_runner::start(const std::string& what, const std::string& command,
                         const std::map<std::string, std::string>& vars) {
     if (command.empty()) return;
-    {
-        std::lock_guard<std::mutex> hold(lock_);
-        running_++;
+    std::lock_guard<std::mutex> hold(lock_);
+    if (waiting_.size() >= max_waiting) {
+        log_event(what + ": the hook is not run: " + std::to_string(max_waiting) + " hooks are waiting already");
+        return;
     }
-    std::thread([this, what, command, vars] {
-        run(what, command, vars);
-        std::lock_guard<std::mutex> hold(lock_);
-        running_--;
-        ended_.notify_all();
-    }).detach();
+    waiting_.push_back({what, command, vars});
+    if (workers_ - busy_ > 0 || workers_ >= max_running) return;
+    workers_++;
+    std::thread([this] { work(); }).detach();
 }
 
-void hook_runner::run(const std::string& what, const std::string& command,
-                      const std::map<std::string, std::string>& vars) {
-    pid_t pid = spawn(command, hook_environment(vars));
+void hook_runner::work() {
+    std::unique_lock<std::mutex> hold(lock_);
+    while (!waiting_.empty()) {
+        job j = std::move(waiting_.front());
+        waiting_.pop_front();
+        busy_++;
+        hold.unlock();
+        run(j);
+        hold.lock();
+        busy_--;
+    }
+    workers_--;
+    ended_.notify_all();
+}
+
+void hook_runner::run(const job& j) {
+    pid_t pid = spawn(j.command, hook_environment(j.vars));
     if (pid < 0) {
-        log_event(what + ": cannot start the hook: out of processes");
+        log_event(j.what + ": cannot start the hook: out of processes");
         return;
     }
     int status = wait_bounded(pid, timeout_ms_);
     if (status == -1)
-        log_event(what + ": the hook ran longer than " + seconds_text(timeout_ms_ / 1000.0) +
+        log_event(j.what + ": the hook ran longer than " + seconds_text(timeout_ms_ / 1000.0) +
                   " and was ended (--hook-timeout)");
     else if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
-        log_event(what + ": the hook failed with exit status " + std::to_string(WEXITSTATUS(status)));
+        log_event(j.what + ": the hook failed with exit status " + std::to_string(WEXITSTATUS(status)));
     else if (WIFSIGNALED(status))
-        log_event(what + ": the hook was killed by signal " + std::to_string(WTERMSIG(status)));
+        log_event(j.what + ": the hook was killed by signal " + std::to_string(WTERMSIG(status)));
 }
 
 void hook_runner::drain(long long deadline_ms) {
     std::unique_lock<std::mutex> hold(lock_);
-    ended_.wait_for(hold, std::chrono::milliseconds(deadline_ms), [&] { return running_ == 0; });
+    ended_.wait_for(hold, std::chrono::milliseconds(deadline_ms), [&] { return workers_ == 0; });
 }

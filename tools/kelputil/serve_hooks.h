@@ -1,10 +1,12 @@
 // --on-change and --on-failure: a shell command per event, with what
 // happened in KELPUTIL_* variables and nothing else of the service's
-// environment (which may hold passwords). Each runs on its own thread,
-// ended when it outlives its time, so a hook never holds up the schedule.
+// environment (which may hold passwords). They run on threads of their own,
+// a few at a time (a first start changes every host at once), each ended
+// when it outlives its time, so a hook never holds up the schedule.
 #pragma once
 
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
@@ -19,9 +21,15 @@ public:
     void drain(long long deadline_ms);
 
 private:
-    void run(const std::string& what, const std::string& command, const std::map<std::string, std::string>& vars);
+    struct job {
+        std::string what, command;
+        std::map<std::string, std::string> vars;
+    };
+    void work();
+    void run(const job& j);
     long long timeout_ms_;
     std::mutex lock_;
     std::condition_variable ended_;
-    int running_ = 0;
+    std::deque<job> waiting_;
+    int workers_ = 0, busy_ = 0;
 };
