@@ -10,6 +10,15 @@ if(TARGET kelputil AND NOT CMAKE_CROSSCOMPILING)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/kelputil.bash-completion
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kelputil COMPONENT client)
 
+  # kelputil serve as a service: its unit, an example of its settings and
+  # Prometheus alert rules for it.
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/kelputil-serve.service.in
+    ${PROJECT_BINARY_DIR}/packaging/kelputil-serve.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/kelputil-serve.service
+    DESTINATION lib/systemd/system COMPONENT client)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/serve.conf ${PROJECT_SOURCE_DIR}/packaging/kelputil-serve-alerts.yml
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kelputil/examples COMPONENT client)
+
   # The man page is written as a page (docs/kelputil.1.scd), not taken from
   # --help: it has the inventory, patterns, files and examples --help lacks.
   find_program(KELP_SCDOC scdoc)

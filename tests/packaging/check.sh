@@ -298,7 +298,9 @@ deb)
 
   # Exactly the client's files: nothing of the router's.
   mapfile -t files < <(dpkg-deb --contents "$deb" | grep -v '^d' | awk '{print $6}' | sort)
-  expected=(./usr/bin/kelputil ./usr/libexec/kelputil/kelputil-store ./usr/share/bash-completion/completions/kelputil
+  expected=(./usr/bin/kelputil ./usr/lib/systemd/system/kelputil-serve.service ./usr/libexec/kelputil/kelputil-serve
+    ./usr/libexec/kelputil/kelputil-store ./usr/share/bash-completion/completions/kelputil
+    ./usr/share/doc/kelputil/examples/kelputil-serve-alerts.yml ./usr/share/doc/kelputil/examples/serve.conf
     ./usr/share/man/man1/kelputil.1.gz)
   [[ ${files[*]} == "${expected[*]}" ]] || fail "the package holds ${files[*]}, not ${expected[*]}"
 
@@ -363,7 +365,7 @@ completion)
       _ "$script")
   }
   all_commands="check apply reboot backup restore get-script put-script report ppp hotspot kick-ppp \
-kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet help"
+kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet serve help"
   # command line | offered (all of) | not offered (none of); "-" for none, "%" a blank in a word
   rows=(
     "kelputil |$all_commands|-H --help"
@@ -416,6 +418,8 @@ kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack
     "kelputil fleet --limit=r1|r10 r11|--limit=r10"
     "kelputil help |backup fleet|nightly.dat"
     "kelputil help fleet b|backup|bundle-pack"
+    "kelputil serve --t|--token-file --tls-cert --tls-key --timeout|--scripts --list-hosts"
+    "kelputil serve --config h|hosts.ini|nightly.dat"
   )
   for row in "${rows[@]}"; do
     IFS='|' read -r line offered refused <<<"$row"

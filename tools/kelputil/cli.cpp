@@ -199,6 +199,14 @@ void add_fleet(command_line& c, bool whole) {
     diff->add_option("--into", inv.into, "the repository folder (default: the current one)");
 }
 
+// Its options are kelputil-serve's to check: kelputil hands them on.
+void add_serve(command_line& c) {
+    add_command(c.app, "serve", "back up an inventory's hosts on a schedule, with an HTTP API and metrics")
+        ->fallthrough(false)
+        ->prefix_command()
+        ->set_help_flag();
+}
+
 void add_global_options(command_line& c) {
     CLI::App& app = c.app;
     invocation& inv = c.inv;
@@ -332,6 +340,7 @@ std::string misspelt_word(CLI::App& app, int argc, char** argv) {
                 if (candidate->get_name() == a) sub = candidate;
             if (sub) at = sub;
             else if (at == &app) return unknown_command(app, a);
+            if (at->get_prefix_command()) break;  // serve: its helper checks the rest
             continue;
         }
         bool inline_value = a.find('=') != std::string::npos || (a[1] != '-' && a.size() > 2);
@@ -367,6 +376,10 @@ int help_for(command_line& c, int argc, char** argv, int at) {
         args.push_back(word);
         path += (path.empty() ? "" : " ") + word;
         level = sub;
+        if (sub->get_prefix_command()) {  // serve: its helper answers
+            c.inv.command = path;
+            return -1;
+        }
     }
     args.push_back("--help");
     std::vector<char*> line;
@@ -434,6 +447,7 @@ int parse_command_line(int argc, char** argv, invocation* out) {
     int at = typed_command_at(argc, argv);
     std::string typed = at < argc ? argv[at] : "";
     add_fleet(c, typed == "fleet" || typed == "help");
+    add_serve(c);
     add_command(c.app, "help", "show a command's help: help [COMMAND [SUBCOMMAND]]")
         ->add_option("COMMAND", c.help_words, "a command, and for fleet one of its commands");
     c.app.footer(std::string("\n") + footer + "\n");  // the main help only: subcommands exist already

@@ -442,3 +442,48 @@ status git_store::diff(const std::string& folder, const std::string& from, const
     if (git_diff_print(d, GIT_DIFF_FORMAT_PATCH, print, patch) != 0) return git_failure("printing the changes");
     return kelp::ok();
 }
+
+status git_store::files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths) {
+    tree_ptr root;
+    status st = resolve_tree(repo_, rev.empty() ? "HEAD" : rev, root.out());
+    if (!st) return st;
+    git_tree_entry* sub = nullptr;
+    if (git_tree_entry_bypath(&sub, root, folder.c_str()) != 0) return fail(error_kind::local, "no files of " + folder + " at " + (rev.empty() ? "HEAD" : rev));
+    owned<git_tree_entry, git_tree_entry_free> entry{sub};
+    tree_ptr tree;
+    if (git_tree_lookup(tree.out(), repo_, git_tree_entry_id(entry)) != 0) return git_failure("reading a tree");
+    auto collect = [](const char* root_path, const git_tree_entry* e, void* payload) -> int {
+        if (git_tree_entry_type(e) == GIT_OBJECT_BLOB)
+            ((std::vector<std::string>*)payload)->push_back(std::string(root_path) + git_tree_entry_name(e));
+        return 0;
+    };
+    paths->clear();
+    if (git_tree_walk(tree, GIT_TREEWALK_PRE, collect, paths) != 0) return git_failure("listing files");
+    return kelp::ok();
+}
+
+status git_store::read_at(const std::string& rev, const std::string& path, std::string* content) {
+    object_ptr obj;
+    std::string spec = (rev.empty() ? "HEAD" : rev) + ":" + path;
+    if (git_revparse_single(obj.out(), repo_, spec.c_str()) != 0 || git_object_type(obj) != GIT_OBJECT_BLOB)
+        return fail(error_kind::local, "no file " + path + " at " + (rev.empty() ? "HEAD" : rev));
+    const git_blob* blob = (const git_blob*)obj.p;
+    content->assign((const char*)git_blob_rawcontent(blob), (size_t)git_blob_rawsize(blob));
+    return kelp::ok();
+}
+
+status git_store::push(const std::string& remote_url, const std::string& remote_branch) {
+    owned<git_reference, git_reference_free> head;
+    if (git_repository_head(head.out(), repo_) != 0) return git_failure("finding the branch to push");
+    std::string branch = git_reference_name(head);
+    owned<git_remote, git_remote_free> remote;
+    if (git_remote_create_anonymous(remote.out(), repo_, remote_url.c_str()) != 0)
+        return git_failure("pushing to " + remote_url);
+    std::string refspec = branch + ":" + (remote_branch.empty() ? branch : "refs/heads/" + remote_branch);
+    char* specs[] = {refspec.data()};
+    git_strarray refspecs = {specs, 1};
+    git_push_options options;
+    git_push_options_init(&options, GIT_PUSH_OPTIONS_VERSION);
+    if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + remote_url);
+    return kelp::ok();
+}

@@ -55,9 +55,18 @@ public:
     kelp::status diff(const std::string& folder, const std::string& from, const std::string& to, std::string* patch,
                       json* files);
 
+    // For kelputil serve's API and --push: the files under folder at rev,
+    // one file's content at rev, and sending the current branch to remote
+    // (a path or URL) as a fast-forward, to remote_branch (empty: the same
+    // name).
+    kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths);
+    kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
+    kelp::status push(const std::string& remote, const std::string& remote_branch);
+
 private:
     kelp::status check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id);
     git_store(git_repository* repo, const std::string& dir) : repo_(repo), dir_(dir) {}
     git_repository* repo_;
     std::string dir_;
 };
+

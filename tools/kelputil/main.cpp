@@ -59,6 +59,7 @@ int run(int argc, char** argv) {
     remember_umask();
     remove_temporaries_on_signals();
     if (is_store_command(inv)) return run_store_command(inv, argv);
+    if (inv.command == "serve") return run_serve_command(inv, argv);
     if (inv.command.rfind("bundle-", 0) == 0) return finish(inv, run_offline_command(inv));
     if (inv.is_fleet()) return run_fleet(inv);
     return run_single(inv);

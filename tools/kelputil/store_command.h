@@ -15,3 +15,7 @@ inline bool is_store_command(const invocation& inv) {
 // arguments, and returns only when it cannot (the status, already printed).
 // In the helper: runs the command.
 int run_store_command(const invocation& inv, char** argv);
+
+// kelputil serve runs the same way in its helper, kelputil-serve, which
+// alone loads SQLite and the HTTP server.
+int run_serve_command(const invocation& inv, char** argv);

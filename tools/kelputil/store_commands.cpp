@@ -19,3 +19,9 @@ int run_store_command(const invocation& inv, char**) {
         return run_fleet_backup(inv, runner, hosts);
     });
 }
+
+// kelputil sends serve to its own helper, never here.
+int run_serve_command(const invocation& inv, char**) {
+    print_outcome(local_failure("serve runs in kelputil-serve, not kelputil-store"), inv.json, inv.quiet);
+    return exit_usage;
+}

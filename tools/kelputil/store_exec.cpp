@@ -12,8 +12,6 @@
 
 namespace {
 
-const char helper_name[] = "kelputil-store";
-
 std::string own_folder() {
     char path[PATH_MAX];
     ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
@@ -25,21 +23,28 @@ std::string own_folder() {
 
 // Beside kelputil in a build tree; where the package puts it, relative to
 // kelputil's folder, once installed.
-std::string helper_path() {
+std::string helper_path(const std::string& helper_name) {
     std::string folder = own_folder();
     for (std::string candidate : {folder + "/" + helper_name, folder + "/" KELP_STORE_HELPER_DIR "/" + helper_name})
         if (access(candidate.c_str(), X_OK) == 0) return candidate;
     return folder + "/" KELP_STORE_HELPER_DIR "/" + helper_name;
 }
 
-}  // namespace
-
-int run_store_command(const invocation& inv, char** argv) {
-    std::string path = helper_path();
+// Replaces the process with the helper, given the same arguments.
+int exec_helper(const std::string& helper_name, const std::string& command, const invocation& inv, char** argv) {
+    std::string path = helper_path(helper_name);
     execv(path.c_str(), argv);
     int err = errno;
-    print_outcome(local_failure("fleet " + inv.device_command() + " needs " + helper_name + ", which cannot run (" +
-                                path + ": " + strerror(err) + "): reinstall kelputil"),
+    print_outcome(local_failure(command + " needs " + helper_name + ", which cannot run (" + path + ": " +
+                                strerror(err) + "): reinstall kelputil"),
                   inv.json, inv.quiet);
     return exit_usage;
 }
+
+}  // namespace
+
+int run_store_command(const invocation& inv, char** argv) {
+    return exec_helper("kelputil-store", "fleet " + inv.device_command(), inv, argv);
+}
+
+int run_serve_command(const invocation& inv, char** argv) { return exec_helper("kelputil-serve", "serve", inv, argv); }

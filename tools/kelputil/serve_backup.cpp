@@ -1,0 +1,111 @@
+#include "serve_backup.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "archive_members.h"
+#include "bundle.h"
+#include "files.h"
+
+using kelp::bytes;
+using kelp::error_kind;
+using kelp::status;
+
+namespace {
+
+status system_error(const std::string& what, const std::string& path) {
+    return kelp::fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(errno));
+}
+
+// The state database, when it lives in the work tree, stays out of git
+// status without a file of ours in the tree.
+status exclude_state_file(const std::string& dir, const std::string& state_file) {
+    if (state_file.rfind(dir + "/", 0) != 0) return kelp::ok();
+    std::string rule = "/" + state_file.substr(dir.size() + 1) + "*\n";
+    std::string path = dir + "/.git/info/exclude";
+    kelp::bytes old;
+    if (access(path.c_str(), F_OK) == 0 && !read_input(path, &old, 1 << 20)) old.clear();
+    std::string text(old.begin(), old.end());
+    if (text.find(rule) != std::string::npos) return kelp::ok();
+    mkdir((dir + "/.git/info").c_str(), 0755);
+    text += rule;
+    return write_output(path, bytes(text.begin(), text.end()), 0644);
+}
+
+// The host's files written into a fresh folder of the staging area.
+status snapshot(const kelp::target& t, const std::string& folder, backup_result* r) {
+    bytes bundle, plain;
+    status st = kelp::backup_config(t, 0, &bundle);
+    if (!st) return st;
+    if (!(st = kelp::unpack_bundle(bundle, &plain)))
+        return kelp::fail(error_kind::protocol, "the device sent a bundle that does not verify: " + st.message);
+    r->config_bytes = plain.size();
+    if (!(st = write_new_file(folder + "/config.dat", bundle, 0600))) return st;
+    if (!(st = write_new_file(folder + "/config.plain", plain, 0600))) return st;
+    bool is_archive = false;
+    return extract_members(plain, folder + "/config", &is_archive);
+}
+
+// The model and firmware line are kept with the state; a report that
+// fails does not fail the backup, which is already safe.
+void fetch_core_report(const kelp::target& t, backup_result* r) {
+    bytes text;
+    if (kelp::fetch_report(t, action_core_sysinfo, 0, &text))
+        read_core_report(std::string(text.begin(), text.end()), &r->model, &r->firmware);
+}
+
+}  // namespace
+
+void read_core_report(const std::string& report, std::string* model, std::string* firmware) {
+    size_t at = 0;
+    while (at < report.size()) {
+        size_t end = std::min(report.find('\n', at), report.size());
+        std::string line = report.substr(at, end - at);
+        at = end + 1;
+        for (auto [key, out] : {std::pair{"model:", model}, std::pair{"firmware:", firmware}}) {
+            if (line.rfind(key, 0) != 0) continue;
+            size_t value = line.find_first_not_of(' ', strlen(key));
+            *out = value == std::string::npos ? "" : line.substr(value);
+        }
+    }
+}
+
+status backup_store::open(const std::string& dir, const std::string& state_file, const std::vector<std::string>& hosts,
+                          std::unique_ptr<backup_store>* out) {
+    auto store = std::make_unique<backup_store>();
+    store->dir_ = dir;
+    status st = git_store::open(dir, true, false, &store->git_);
+    if (st) st = store->git_->start_clean(hosts);
+    // Beside fleet backup's staging, which its commits clear: hosts of the
+    // service stage while others commit.
+    if (st) store->staging_ = store->git_->staging() + "-serve";
+    if (st) remove_tree(store->staging_);
+    if (st && mkdir(store->staging_.c_str(), 0700) != 0) st = system_error("create", store->staging_);
+    if (st) st = exclude_state_file(dir, state_file);
+    if (st) *out = std::move(store);
+    return st;
+}
+
+backup_result backup_store::back_up(const std::string& host, const kelp::target& t) {
+    backup_result r;
+    std::string staged = staging_ + "/" + host + ".XXXXXX";
+    if (!mkdtemp(staged.data())) {
+        r.st = system_error("create a staging folder in", staging_);
+        return r;
+    }
+    r.st = snapshot(t, staged, &r);
+    if (r.st) fetch_core_report(t, &r);
+    std::lock_guard<std::mutex> hold(lock_);
+    std::vector<std::string> changed;
+    auto message = [&](const std::vector<std::string>&) {
+        return "backup " + host + ": configuration changed\n\nby kelputil serve\n";
+    };
+    if (r.st) r.st = git_->commit_staged({{host, staged}}, message, &changed, &r.commit);
+    remove_tree(staged);
+    return r;
+}

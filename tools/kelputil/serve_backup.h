@@ -1,0 +1,50 @@
+// One host's backup into the shared repository, as fleet backup writes it
+// (config.dat, config.plain, config/), committed on its own with a message
+// naming the host; a host that fails keeps its last good folder.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "actions.h"
+#include "git_store.h"
+
+struct backup_result {
+    kelp::status st;
+    std::string commit;           // empty: nothing changed (or it failed)
+    std::string model, firmware;  // from the core report; empty when it gave none
+    size_t config_bytes = 0;
+};
+
+class backup_store {
+public:
+    // Opens (creating) the repository in dir, brings the hosts' folders back
+    // to the last commit after a crash, and keeps the state file out of git
+    // status.
+    static kelp::status open(const std::string& dir, const std::string& state_file,
+                             const std::vector<std::string>& hosts, std::unique_ptr<backup_store>* out);
+
+    backup_result back_up(const std::string& host, const kelp::target& t);
+
+    // The repository for reading, one caller at a time (libgit2 objects are
+    // not shared between threads).
+    template <typename F>
+    auto read(F f) {
+        std::lock_guard<std::mutex> hold(lock_);
+        return f(*git_);
+    }
+    const std::string& dir() const { return dir_; }
+    // Holds the repository for good: at an exit that leaves runs behind, no
+    // commit may start.
+    void freeze() { lock_.lock(); }
+
+private:
+    std::string dir_, staging_;
+    std::unique_ptr<git_store> git_;
+    std::mutex lock_;
+};
+
+// The "model:" and "firmware:" lines of a core report, without their keys.
+void read_core_report(const std::string& report, std::string* model, std::string* firmware);

@@ -1,0 +1,30 @@
+// What kelputil serve was asked to do: the command line, or the same keys
+// in a configuration file (--config, INI or TOML), checked before anything
+// starts.
+#pragma once
+
+#include <string>
+
+#include "invocation.h"
+
+struct serve_options {
+    invocation conn;  // how hosts are reached: timeout, TLS, trust, password file
+    std::string inventory, limit, into, state;
+    std::string listen_host = "127.0.0.1";
+    int listen_port = 8750;
+    long long interval_ms = 3600 * 1000;
+    int jobs = 16;
+    std::string token;  // from --token-file; empty: no token asked
+    std::string tls_cert, tls_key;
+    std::string on_change, on_failure;
+    long long hook_timeout_ms = 30000;
+    std::string push, push_branch;
+    long long stop_deadline_ms = 10000;
+};
+
+// Fills *out from argv ("kelputil [OPTIONS] serve [OPTIONS]"). Returns -1
+// to go on, or the exit status to end with (its message already printed).
+int parse_serve_command_line(int argc, char** argv, serve_options* out);
+
+// A listening address that only this machine can reach.
+bool is_loopback(const std::string& host);
