@@ -10,56 +10,15 @@
 #include <algorithm>
 #include <mutex>
 
-#include "archive_members.h"
-#include "bundle.h"
 #include "files.h"
 #include "git_store.h"
+#include "host_snapshot.h"
 
 using kelp::bytes;
 using kelp::error_kind;
 using kelp::status;
 
 namespace {
-
-const char* const script_names[] = {"cbq", "fw", "nat", "dhcp"};
-const char* const script_files[] = {"cbq.scr", "fw.scr", "nat.scr", "dhcpd.conf"};
-
-status system_error(const std::string& what, const std::string& path) {
-    return kelp::fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(errno));
-}
-
-// The host's files, fetched and written into a fresh folder of the staging
-// area; nothing of the host's current folder is touched here. *disk: the
-// failure was in writing there, not in the host.
-status snapshot(const invocation& inv, const kelp::target& t, const std::string& folder, size_t* config_bytes,
-                bool* disk) {
-    auto written = [&](status s) {
-        *disk = !s && s.kind == error_kind::local;
-        return s;
-    };
-    *disk = false;
-    bytes bundle, plain;
-    status st = kelp::backup_config(t, 0, &bundle);
-    if (!st) return st;
-    if (!(st = kelp::unpack_bundle(bundle, &plain)))
-        return kelp::fail(error_kind::protocol, "the device sent a bundle that does not verify: " + st.message);
-    *config_bytes = plain.size();
-    if (!(st = written(write_new_file(folder + "/config.dat", bundle, 0600)))) return st;
-    if (!(st = written(write_new_file(folder + "/config.plain", plain, 0600)))) return st;
-    bundle = bytes();  // a host's data is written out, not kept
-    bool is_archive = false;
-    if (!(st = written(extract_members(plain, folder + "/config", &is_archive)))) return st;
-    if (!inv.scripts) return st;
-    if (mkdir((folder + "/scripts").c_str(), 0700) != 0) return written(system_error("create", folder + "/scripts"));
-    for (size_t i = 0; i < 4; i++) {
-        bytes body;
-        st = kelp::get_script(t, kelp::script_by_name(script_names[i]), 0, &body);
-        if (kelp::is_missing_script(st)) continue;
-        if (!st) return kelp::fail(st.kind, std::string("script ") + script_names[i] + ": " + st.message);
-        if (!(st = written(write_new_file(folder + "/scripts/" + script_files[i], body, 0600)))) return st;
-    }
-    return st;
-}
 
 // Fetched folders by host, for the commit once every host is done.
 struct staged_hosts {
@@ -73,19 +32,19 @@ struct staged_hosts {
 outcome back_up_host(const invocation& inv, const std::string& staging, const inventory_host& h, const kelp::target& t,
                      staged_hosts* staged) {
     std::string folder = staging + "/" + h.name + ".XXXXXX";
-    bool disk = true;
+    host_snapshot taken;
+    taken.disk_failure = true;
     status st = mkdtemp(folder.data()) ? kelp::ok() : system_error("create a staging folder in", staging);
-    size_t config_bytes = 0;
-    if (st) st = snapshot(inv, t, folder, &config_bytes, &disk);
+    if (st) st = take_snapshot(t, folder, inv.scripts, &taken);
     std::lock_guard<std::mutex> hold(staged->lock);
     if (!st) {
         remove_tree(folder);
-        if (disk && staged->disk_failure.empty()) staged->disk_failure = st.message + " (backing up " + h.name + "); ";
+        if (taken.disk_failure && staged->disk_failure.empty()) staged->disk_failure = st.message + " (backing up " + h.name + "); ";
         return failure(st);
     }
     staged->folders.emplace_back(h.name, folder);
-    return success("backed up: " + std::to_string(config_bytes) + " bytes of configuration",
-                   {{"folder", h.name}, {"config_bytes", config_bytes}});
+    return success("backed up: " + std::to_string(taken.config_bytes) + " bytes of configuration",
+                   {{"folder", h.name}, {"config_bytes", taken.config_bytes}});
 }
 
 std::string commit_message(const std::vector<host_result>& results, const std::vector<std::string>& changed) {

@@ -8,19 +8,14 @@
 
 #include <algorithm>
 
-#include "archive_members.h"
-#include "bundle.h"
 #include "files.h"
+#include "host_snapshot.h"
 
 using kelp::bytes;
 using kelp::error_kind;
 using kelp::status;
 
 namespace {
-
-status system_error(const std::string& what, const std::string& path) {
-    return kelp::fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(errno));
-}
 
 // The state database, when it lives in the work tree, stays out of git
 // status without a file of ours in the tree.
@@ -35,20 +30,6 @@ status exclude_state_file(const std::string& dir, const std::string& state_file)
     mkdir((dir + "/.git/info").c_str(), 0755);
     text += rule;
     return write_output(path, bytes(text.begin(), text.end()), 0644);
-}
-
-// The host's files written into a fresh folder of the staging area.
-status snapshot(const kelp::target& t, const std::string& folder, backup_result* r) {
-    bytes bundle, plain;
-    status st = kelp::backup_config(t, 0, &bundle);
-    if (!st) return st;
-    if (!(st = kelp::unpack_bundle(bundle, &plain)))
-        return kelp::fail(error_kind::protocol, "the device sent a bundle that does not verify: " + st.message);
-    r->config_bytes = plain.size();
-    if (!(st = write_new_file(folder + "/config.dat", bundle, 0600))) return st;
-    if (!(st = write_new_file(folder + "/config.plain", plain, 0600))) return st;
-    bool is_archive = false;
-    return extract_members(plain, folder + "/config", &is_archive);
 }
 
 // The model and firmware line are kept with the state; a report that
@@ -98,7 +79,9 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
         r.st = system_error("create a staging folder in", staging_);
         return r;
     }
-    r.st = snapshot(t, staged, &r);
+    host_snapshot taken;
+    r.st = take_snapshot(t, staged, false, &taken);
+    r.config_bytes = taken.config_bytes;
     if (r.st) fetch_core_report(t, &r);
     std::lock_guard<std::mutex> hold(lock_);
     std::vector<std::string> changed;

@@ -1,0 +1,53 @@
+#include "host_snapshot.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "archive_members.h"
+#include "bundle.h"
+#include "files.h"
+
+using kelp::bytes;
+using kelp::error_kind;
+using kelp::status;
+
+namespace {
+
+const char* const script_names[] = {"cbq", "fw", "nat", "dhcp"};
+const char* const script_files[] = {"cbq.scr", "fw.scr", "nat.scr", "dhcpd.conf"};
+
+}  // namespace
+
+status system_error(const std::string& what, const std::string& path) {
+    return kelp::fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(errno));
+}
+
+status take_snapshot(const kelp::target& t, const std::string& folder, bool scripts, host_snapshot* out) {
+    auto written = [&](status s) {
+        out->disk_failure = !s && s.kind == error_kind::local;
+        return s;
+    };
+    out->disk_failure = false;
+    bytes bundle, plain;
+    status st = kelp::backup_config(t, 0, &bundle);
+    if (!st) return st;
+    if (!(st = kelp::unpack_bundle(bundle, &plain)))
+        return kelp::fail(error_kind::protocol, "the device sent a bundle that does not verify: " + st.message);
+    out->config_bytes = plain.size();
+    if (!(st = written(write_new_file(folder + "/config.dat", bundle, 0600)))) return st;
+    if (!(st = written(write_new_file(folder + "/config.plain", plain, 0600)))) return st;
+    bundle = bytes();  // a host's data is written out, not kept
+    bool is_archive = false;
+    if (!(st = written(extract_members(plain, folder + "/config", &is_archive)))) return st;
+    if (!scripts) return st;
+    if (mkdir((folder + "/scripts").c_str(), 0700) != 0) return written(system_error("create", folder + "/scripts"));
+    for (size_t i = 0; i < 4; i++) {
+        bytes body;
+        st = kelp::get_script(t, kelp::script_by_name(script_names[i]), 0, &body);
+        if (kelp::is_missing_script(st)) continue;
+        if (!st) return kelp::fail(st.kind, std::string("script ") + script_names[i] + ": " + st.message);
+        if (!(st = written(write_new_file(folder + "/scripts/" + script_files[i], body, 0600)))) return st;
+    }
+    return st;
+}
