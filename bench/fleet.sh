@@ -18,11 +18,14 @@ kelputil -q fleet -j 32 check
 for _ in $(seq "$REPEAT"); do
   rm -rf bk seq
   b0=$(busy) t0=$(now)
-  /usr/bin/time -f %M -o rss kelputil -q fleet -j 32 backup --into bk
+  /usr/bin/time -f '%M %U %S' -o rss kelputil -q fleet -j 32 backup --into bk
   t1=$(now) b1=$(busy)
   $M put "$RAW" fleet_run wall_s "$(echo "$t1 - $t0" | bc -l)"
   $M put "$RAW" fleet_run floor_s "$(echo "($b1 - $b0) / $hz / $cores" | bc -l)"
-  $M put "$RAW" fleet_run rss_kib "$(cat rss)"
+  read -r rss user sys <rss
+  $M put "$RAW" fleet_run rss_kib "$rss"
+  # kelputil's own CPU for one host's backup, to set the service's against.
+  $M put "$RAW" fleet_run cpu_ms_per_backup "$(echo "($user + $sys) * 1000 / $hosts" | bc -l)"
   mkdir seq
   t0=$(now)
   while read -r name address; do

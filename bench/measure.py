@@ -289,6 +289,18 @@ def table(args):
                      "the fleet run", "x", None))
         rows.append(("  kelputil peak RSS, KiB", get("fleet_run", "rss_kib"), get("fleet_ten", "rss_kib"),
                      "10 routers", "x", ("<=", 1.5)))
+    served = get("serve_hosts", "count")
+    if served:
+        interval = get("serve", "interval_s")
+        rows.append(("kelputil serve, %d routers at --interval %ds: worst schedule lag, s" % (served, interval),
+                     get("serve", "lag_s"), interval, "the interval", "pct", ("<=", 0.10)))
+        rows.append(("  its peak RSS, KiB", get("serve", "rss_kib"), 64 * 1024, "64 MiB", "x", ("<=", 1.0)))
+        rows.append(("  its CPU per backup, ms", get("serve", "cpu_ms_per_backup"),
+                     get("fleet_run", "cpu_ms_per_backup"), "kelputil in the fleet run", "x", None))
+        rows.append(("  GET /api/v1/hosts, 99th percentile, ms", get("serve", "hosts_p99_ms"), 50, "50 ms", "x",
+                     ("<=", 1.0)))
+        rows.append(("  GET /metrics, 99th percentile, ms", get("serve", "metrics_p99_ms"), 50, "50 ms", "x",
+                     ("<=", 1.0)))
     rows.append(("Session plain (start..exit), ms", get("sess_plain", "wall_ms"), get("sess_true", "wall_ms"),
                  "/bin/true", "x", None))
     rows.append(("Session TLS (start..exit), ms", get("sess_tls", "wall_ms"), get("sess_openssl", "wall_ms"),

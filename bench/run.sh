@@ -5,14 +5,16 @@
 #   bash bench/run.sh
 # Environment: BENCH_REPEAT (3), BENCH_THR_REPEAT throughput rounds (7),
 # BENCH_THR_SECONDS per throughput run (5), BENCH_SESSIONS (200), BENCH_FLEET
-# routers (200), BENCH_BUILD (build-bench), BENCH_ONLY (parts: throughput bulk
-# syscalls sessions memory bundle fleet; default all).
+# routers (200), BENCH_SERVE routers (500) and BENCH_SERVE_SECONDS (180: three
+# intervals), BENCH_BUILD (build-bench), BENCH_ONLY (parts: throughput bulk
+# syscalls sessions memory bundle fleet serve; default all).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 export BENCH_REPEAT=${BENCH_REPEAT:-3} BENCH_SESSIONS=${BENCH_SESSIONS:-200}
 export BENCH_THR_REPEAT=${BENCH_THR_REPEAT:-7} BENCH_THR_SECONDS=${BENCH_THR_SECONDS:-5}
 export BENCH_BUILD=${BENCH_BUILD:-$ROOT/build-bench} BENCH_FLEET=${BENCH_FLEET:-200}
+export BENCH_SERVE=${BENCH_SERVE:-500} BENCH_SERVE_SECONDS=${BENCH_SERVE_SECONDS:-180}
 B=$BENCH_BUILD
 PY=/usr/bin/python3  # Debian's, which still has the crypt module
 M="$PY $ROOT/bench/measure.py"
@@ -22,7 +24,7 @@ if [[ ${1:-} != --inside ]]; then
   need=()
   for p in g++ cmake ninja-build pkg-config libmbedtls-dev libcrypt-dev libbenchmark-dev iperf3 socat \
     strace openssl binutils iproute2 util-linux python3 time libcli11-dev nlohmann-json3-dev libgit2-dev \
-    libarchive-dev bc; do
+    libarchive-dev bc libsqlite3-dev libcpp-httplib-dev curl; do
     dpkg-query -W -f='${db:Status-Abbrev}\n' "$p" 2>/dev/null | grep -q '^ii' || need+=("$p")
   done
   if ((${#need[@]})); then
@@ -33,9 +35,9 @@ if [[ ${1:-} != --inside ]]; then
   # The simulator is not needed here; only what is measured is built.
   cmake -S . -B "$B" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELP_BENCH=ON -DKELP_TESTS=OFF \
     -DKELP_CLIENT=ON >/dev/null
-  ninja -C "$B" kelputild kelputil kelputil-store kelp-router bundle_bench bench_upload >"$B/build.log" ||
+  ninja -C "$B" kelputild kelputil kelputil-store kelputil-serve kelp-router bundle_bench bench_upload >"$B/build.log" ||
     { cat "$B/build.log"; exit 1; }
-  exec timeout 1200 unshare -m -n --propagation private bash "$ROOT/bench/run.sh" --inside
+  exec timeout 1800 unshare -m -n --propagation private bash "$ROOT/bench/run.sh" --inside
 fi
 
 # --- inside the namespaces: a router-like sandbox -------------------------
@@ -200,9 +202,15 @@ PATH=$B/tools:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_
   -- bash "$ROOT/bench/fleet.sh" "$M" "$RAW" "$BENCH_REPEAT"
 fi
 
+if part serve; then
+step "serve: $BENCH_SERVE simulated routers at --interval 60s for $BENCH_SERVE_SECONDS s"
+PATH=$B/tools:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_SERVE" \
+  -- bash "$ROOT/bench/serve.sh" "$M" "$RAW" "$BENCH_SERVE_SECONDS"
+fi
+
 load
 step "done"
 echo
 $M table "$RAW" "$B/bench/results.json"
 echo
-echo "(medians of $BENCH_REPEAT runs, $N sessions; raw records: $RAW)"
+echo "(medians of $BENCH_REPEAT runs, $BENCH_SESSIONS sessions; raw records: $RAW)"
