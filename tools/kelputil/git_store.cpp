@@ -420,9 +420,16 @@ status git_store::diff(const std::string& folder, const std::string& from, const
     if (from.empty()) {
         std::vector<git_oid> ids;
         if (!(st = require_folder(folder)) || !(st = changes_of(repo_, folder, &ids))) return st;
+        git_oid id = ids[0];
+        object_ptr named;
+        if (!to.empty()) {
+            if (git_revparse_single(named.out(), repo_, (to + "^{commit}").c_str()) != 0)
+                return fail(error_kind::local, "no revision '" + to + "' in the backups");
+            id = *git_object_id(named);
+        }
         commit_ptr c;
-        if (git_commit_lookup(c.out(), repo_, &ids[0]) != 0) return git_failure("reading a commit");
-        if (!(st = tree_of(repo_, ids[0], new_tree.out())) || !(st = parent_tree_of(c, old_tree.out()))) return st;
+        if (git_commit_lookup(c.out(), repo_, &id) != 0) return git_failure("reading a commit");
+        if (!(st = tree_of(repo_, id, new_tree.out())) || !(st = parent_tree_of(c, old_tree.out()))) return st;
     } else {
         if (!(st = resolve_tree(repo_, from, old_tree.out())) || !(st = resolve_tree(repo_, to.empty() ? "HEAD" : to, new_tree.out())))
             return st;

@@ -50,8 +50,9 @@ public:
     kelp::status require_folder(const std::string& folder);
     // The commits that changed folder, newest first: id, date, subject, files.
     kelp::status history(const std::string& folder, json* out);
-    // The patch of folder between two revisions. Empty from: the folder's
-    // last change; empty to: the latest commit.
+    // The patch of folder between two revisions. Empty from: the change the
+    // commit to made (empty to as well: the folder's last change); empty to
+    // alone: up to the latest commit.
     kelp::status diff(const std::string& folder, const std::string& from, const std::string& to, std::string* patch,
                       json* files);
 

@@ -120,13 +120,17 @@ void get_diff(service& s, const httplib::Request& req, httplib::Response& res) {
     if (!find_host(s, req, res, &st)) return;
     if (!plain_revision(from) || !plain_revision(to))
         return answer_error(res, 400, "from and to are commit ids (or HEAD, HEAD~N)");
-    if (from.empty() && !to.empty()) return answer_error(res, 400, "to needs from");
     json files, history;
     kelp::status r = s.store().read([&](git_store& git) {
         kelp::status h = from.empty() ? git.history(st.name, &history) : kelp::ok();
-        if (h && history.size() > 1) from = history[1]["commit"], to = history[0]["commit"];
-        if (h && history.size() == 1) to = history[0]["commit"];
-        return h ? git.diff(st.name, from, from.empty() ? "" : to, &patch, &files) : h;
+        // Without from: the change to made (the last one without to), from the one before it.
+        for (size_t i = 0; h && i < history.size(); i++) {
+            if (!to.empty() && history[i]["commit"].get<std::string>().rfind(to, 0) != 0) continue;
+            to = history[i]["commit"];
+            if (i + 1 < history.size()) from = history[i + 1]["commit"];
+            break;
+        }
+        return h ? git.diff(st.name, from, to, &patch, &files) : h;
     });
     if (!r) return answer_error(res, 404, r.message);
     json out = {{"host", st.name}, {"to", to.empty() ? "HEAD" : to}, {"files", files}, {"patch", patch}};

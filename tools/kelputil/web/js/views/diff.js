@@ -13,7 +13,8 @@ function splitFiles(patch) {
   for (const line of patch.replace(/\n$/, '').split('\n')) {
     if (line.startsWith('diff ') || !parts.length) parts.push({ title: '', lines: [] });
     const part = parts[parts.length - 1];
-    const m = /^\+\+\+ (?:b\/)?(.*)$/.exec(line) || /^--- (?:a\/)?(.*)$/.exec(line);
+    // A binary file has no ---/+++ lines: its name is in the diff line.
+    const m = /^\+\+\+ (?:b\/)?(.*)$/.exec(line) || /^--- (?:a\/)?(.*)$/.exec(line) || /^diff --git a\/.* b\/(.*)$/.exec(line);
     if (m && m[1] !== '/dev/null') part.title = m[1];
     part.lines.push(line);
   }

@@ -41,7 +41,7 @@ function files(h, list) {
 function backupResult(r) {
   if (!r.ok) return el('p', { class: 'error' }, `Backup failed: ${r.message ?? ''}`);
   const what = r.changed ? `changed, now at ${shortRev(r.commit)}` : 'no change';
-  return el('p', { class: 'done' }, `Backup done: ${what}.`, r.message ? ` ${r.message}` : '');
+  return el('p', { class: 'done' }, `Backup done: ${what}.`);
 }
 
 export function renderHost(view, route, ctx) {

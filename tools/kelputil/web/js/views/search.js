@@ -6,13 +6,12 @@ import { el, fill, heading } from '../dom.js';
 import { links } from '../route.js';
 import { table } from '../widgets.js';
 
-// The line with each occurrence marked, all as text.
-function marked(text, needle) {
+// The line with each occurrence marked, all as text; the service matches
+// case and all, and so does the mark.
+function marked(text, n) {
   const out = [];
-  const lower = text.toLowerCase();
-  const n = needle.toLowerCase();
   let at = 0;
-  for (let i = lower.indexOf(n); n && i >= 0; i = lower.indexOf(n, at)) {
+  for (let i = text.indexOf(n); n && i >= 0; i = text.indexOf(n, at)) {
     out.push(text.slice(at, i), el('mark', {}, text.slice(i, i + n.length)));
     at = i + n.length;
   }
