@@ -10,11 +10,11 @@
 #   check.sh completion SCRIPT WORK_DIR
 set -euo pipefail
 fail() { echo "FAIL: $*" >&2; exit 1; }
+fresh() { rm -rf "$1" && mkdir -p "$1"; }
 
 # The router's install component alone, as a firmware build takes it.
 destdir_install() {  # cmake, build dir, work dir: installs into WORK_DIR/root
-  rm -rf "$3"
-  mkdir -p "$3"
+  fresh "$3"
   DESTDIR=$3/root "$1" --install "$2" --component router >"$3/install.log" || { cat "$3/install.log"; fail "install failed"; }
 }
 
@@ -29,8 +29,7 @@ check_program() {  # root, path, expected name
 # supervisor must discard it, or log it when TO_LOG is ON. The daemons are
 # replaced by a stub that prints a password and an error and records its path.
 make_stubs() {  # dir
-  rm -rf "$1"
-  mkdir -p "$1"
+  fresh "$1"
   printf '%s\n' '#!/bin/sh' 'echo "$0" >>"$STUB_LOG/started"' 'echo "Password received: secret"' \
     'echo "bind: Address already in use" >&2' >"$1/kelputild"
   cp "$1/kelputild" "$1/kelputild-tls"
@@ -211,8 +210,7 @@ switch)
   # A scratch configure with the switch the other way: its supervisor files.
   cmake=$2 source=$3 work=$4 sbin=$5 supervisors=$6 to_log=$7
   shift 7
-  rm -rf "$work"
-  mkdir -p "$work"
+  fresh "$work"
   "$cmake" -S "$source" -B "$work/build" -DKELP_TESTS=OFF -DKELP_CLIENT=OFF "-DKELP_SUPERVISORS=$supervisors" \
     "-DKELP_DAEMON_STDOUT_TO_LOG=$to_log" "$@" >"$work/configure.log" 2>&1 ||
     { cat "$work/configure.log"; fail "configure failed"; }
@@ -226,8 +224,7 @@ tls_pair)
   # can load builds.
   cmake=$2 source=$3 work=$4 openssl=$5
   shift 5
-  rm -rf "$work"
-  mkdir -p "$work"
+  fresh "$work"
   def=$source/src/core/default_cert
   s=$work/pairs
   mkdir -p "$s"
@@ -283,8 +280,7 @@ tls_pair)
 deb)
   # The workstation package, built from the build folder into a scratch one.
   cpack=$2 build=$3 work=$4 version=$5
-  rm -rf "$work"
-  mkdir -p "$work"
+  fresh "$work"
   "$cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$work/out" >"$work/cpack.log" 2>&1 ||
     { cat "$work/cpack.log"; fail "cpack failed"; }
   debs=("$work"/out/*.deb)
@@ -426,14 +422,12 @@ kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack
     got=$(complete_line "$line") || fail "completing '$line' failed"
     mapfile -t words <<<"$got"
     got="|$(IFS='|' && echo "${words[*]}")|"
-    if [[ $offered == - ]]; then
-      [[ $got == "||" ]] || fail "'$line' offers $got, expected nothing"
-    else
-      for word in $offered; do
-        [[ $got == *"|${word//%/ }|"* ]] || fail "'$line' does not offer ${word//%/ }: $got"
-      done
-    fi
-    [[ $refused == - ]] && continue
+    [[ $offered == - ]] && offered=
+    [[ $refused == - ]] && refused=
+    [[ -n $offered || $got == "||" ]] || fail "'$line' offers $got, expected nothing"
+    for word in $offered; do
+      [[ $got == *"|${word//%/ }|"* ]] || fail "'$line' does not offer ${word//%/ }: $got"
+    done
     for word in $refused; do
       [[ $got != *"|$word|"* ]] || fail "'$line' offers $word: $got"
     done
