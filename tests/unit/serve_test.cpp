@@ -73,14 +73,9 @@ TEST(serve, runs_keep_each_hosts_place) {
 }
 
 TEST(serve, core_report_lines) {
-    struct row {
-        const char* report;
-        const char* model;
-        const char* firmware;
-    } rows[] = {
+    struct row { const char* report; const char* model; const char* firmware; } rows[] = {
         {"model: simulated kelp-v3 router\nuptime: 5 s\n", "simulated kelp-v3 router", ""},
-        {"uptime: 5 s\nfirmware:   3.2.1\nmodel:", "", "3.2.1"},
-        {"my model: x\n", "", ""},
+        {"uptime: 5 s\nfirmware:   3.2.1\nmodel:", "", "3.2.1"}, {"my model: x\n", "", ""},
     };
     for (const row& r : rows) {
         std::string model, firmware;
