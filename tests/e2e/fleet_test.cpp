@@ -24,8 +24,7 @@ TEST_F(fleet, one_command_on_every_host) {
              {"sim/fleet.ini\n[routers]\nrouter1 ansible_host=198.18.0.2\nrouter50 ansible_host=198.18.0.51\n"}},
             {"kelputil --json fleet --timeout 5 check > out; r=$?; grep -c '\"ok\":true' out; "
              "grep -c 'seconds\":[0-9]*\\.[0-9]\\{4\\}' out; grep '\"host\":\"router3\"' out; grep '\"host\":\"router5\"' out; grep '\"host\":\"router7\"' out; "
-             "tail -1 out; exit $r",
-             20,
+             "tail -1 out; exit $r", 20,
              {"\n47\n0\n", "\"exit\":3,\"host\":\"router3\",\"message\":\"198.18.0.4:857 refused the connection",
               "\"exit\":3,\"host\":\"router5\",\"message\":\"198.18.0.6:857 accepted the connection but sent no greeting",
               "\"exit\":2,\"host\":\"router7\"", "/data/failed=[\"router3\",\"router5\",\"router7\"]", "/exit=20",
@@ -43,8 +42,7 @@ TEST_F(fleet, one_command_on_every_host) {
             // Files per host, or none at all; their folders made before any host is contacted.
             {"kelputil fleet --limit 'router1:router2' get-script fw same.scr", 1, {"must contain {host}"}},
             {"kelputil -q fleet --limit 'router1:router2' get-script fw 'scripts/{host}.scr' && stat -c %a scripts && "
-             "ls scripts",
-             0, {"700\nrouter1.scr\nrouter2.scr\n"}},
+             "ls scripts", 0, {"700\nrouter1.scr\nrouter2.scr\n"}},
             {"touch f && kelputil fleet --limit router3 get-script fw 'f/{host}.scr'", 1,
              {"cannot create the folder f: Not a directory", "!refused"}},
             // The prompt comes once, before the status line and the hosts' clocks;
@@ -57,8 +55,7 @@ TEST_F(fleet, one_command_on_every_host) {
              "router2 ansible_host=198.18.0.3\\n' > dup.ini && log=/run/fleet/router1/messages && "
              "b=$(grep -c 'our ppp list' $log); kelputil -q fleet -i dup.ini ppp; r=$?; for i in $(seq 50); do "
              "[ $(grep -c 'our ppp list' $log) -gt $b ] && break; sleep 0.1; done; sleep 0.3; "
-             "echo sessions $(( $(grep -c 'our ppp list' $log) - b )); exit $r",
-             0, {"sessions 1\n"}},
+             "echo sessions $(( $(grep -c 'our ppp list' $log) - b )); exit $r", 0, {"sessions 1\n"}},
             // What a run would touch, with no password and nothing contacted.
             {"env -u KELPUTIL_PASSWORD kelputil fleet --limit 'routers[0:1]' --plain --list-hosts", 0,
              {"HOST     ADDRESS     PORT   MODE\nrouter1  198.18.0.2  856    plain\nrouter2  198.18.0.3  856    plain\n2 hosts\n"}},
@@ -122,8 +119,7 @@ TEST_F(fleet, backups_in_git) {
             {"cd bk && find router1 -type f | sort | xargs md5sum > ../before && cd .. && "
              "printf 'router1 ansible_host=198.18.0.2 password_env=WRONG\\n' > one.ini && "
              "WRONG=nope kelputil fleet -i one.ini backup --into bk; r=$?; cd bk && md5sum -c --quiet ../before && "
-             "echo same; exit $r",
-             20, {"router1  FAILED", "nothing to commit", "same"}},
+             "echo same; exit $r", 20, {"router1  FAILED", "nothing to commit", "same"}},
             // A host's own local failure (an address it cannot have) is not
             // a full disk: the others are still committed.
             {"printf 'router1 ansible_host=::1\\nrouter2 ansible_host=198.18.0.3\\n' > six.ini && "

@@ -62,10 +62,14 @@ bytes act_pkt(int action, int script, int flags, uint32_t size) {
 
 std::vector<std::string> emulator_prefix() { return router::split_list(KELP_EMULATOR); }
 
-static long long now_ms() {
+bytes kick_request(const std::string& name) {
+    return bytes{(uint8_t)name.size(), (uint8_t)(name.size() >> 8), 0, 0} + text(name);
+}
+
+double now_s() {
     struct timespec t;
     clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
+    return t.tv_sec + t.tv_nsec / 1e9;
 }
 
 void raw_client::close_now() {
@@ -97,9 +101,9 @@ bool raw_client::send_bytes(const bytes& b) {
 
 bytes raw_client::receive(size_t n, int timeout_ms) {
     bytes out;
-    long long deadline = now_ms() + timeout_ms;
+    double deadline = now_s() + timeout_ms / 1000.0;
     while (out.size() < n) {
-        int left = (int)(deadline - now_ms());
+        int left = (int)((deadline - now_s()) * 1000);
         struct pollfd p = {fd_, POLLIN, 0};
         if (left <= 0 || poll(&p, 1, left) <= 0) break;
         uint8_t buf[65536];

@@ -29,6 +29,9 @@ bytes frame(const bytes& payload);
 bytes frames(const bytes& body);
 bytes auth_reply(const bytes& greeting, const std::string& pw, uint16_t tag = 0x0102);
 bytes act_pkt(int action, int script = 0, int flags = 0, uint32_t size = 0);
+// A kick's body: the name's length, 32 bits little-endian, then the name.
+bytes kick_request(const std::string& name);
+double now_s();  // a monotonic clock
 inline const bytes ok = hex("03 01 01 00 00 00 00");  // the result 1, and the ready packet
 
 // A raw TCP client on 127.0.0.1 with bounded waits.

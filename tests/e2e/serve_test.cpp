@@ -58,8 +58,7 @@ TEST_F(serve, schedule_api_signals_and_restart) {
                  "+# one change\n1\n", "router2 config/config/fw.scr 5\n",  "\n2\n1\nbackup router2: configuration changed\n\n"
                  "router2/config.dat\nrouter2/config.plain\nrouter2/config/config/fw.scr\n0\n1\nmetric changed"}},
             {"curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r '.ok, .changed, .message'; " +
-                 code_of("-d '' " + api + "/hosts/router1/backup"),
-             0, {"true\nfalse\nunchanged\n202 "}},
+                 code_of("-d '' " + api + "/hosts/router1/backup"), 0, {"true\nfalse\nunchanged\n202 "}},
             // Every error has its status and says what is wrong.
             {code_of(api + "/hosts/nope") + code_of("'" + api + "/hosts/router1/diff?from=a..b'") +
                  code_of(api + "/search") + code_of(api + "/hosts/router1/files/none") +
@@ -110,8 +109,7 @@ TEST_F(serve, token_and_tls) {
                  code_of("-H \"Authorization: Bearer $(cat tok)\" " + api + "/hosts") +
                  code_of("http://127.0.0.1:8750/healthz") + code_of("http://127.0.0.1:8750/metrics") +
                  code_of("http://127.0.0.1:8750/") + "curl -sI http://127.0.0.1:8750/ | grep -c '^Content-Security-Policy: '; " +
-                 stop_serve,
-             0, {"401 401 200 200 200 200 1\n"}},
+                 stop_serve, 0, {"401 401 200 200 200 200 1\n"}},
             {"openssl req -x509 -newkey rsa:2048 -nodes -keyout k.pem -out c.pem -days 1 -subj /CN=kelp 2>/dev/null; "
              "kelputil serve -i $KELP_INVENTORY --into bk --token-file tok --tls-cert c.pem --tls-key k.pem "
              "--listen 198.18.0.1:8753 2> tls.log & echo $! > pid; until_in 'API on' tls.log; " +
@@ -128,8 +126,7 @@ TEST_F(serve, config_file_and_push) {
     run_steps(
         {
             {"printf 'inventory = %s\\ninto = bk\\nlisten = \"0.0.0.0:8751\"\\n' $KELP_INVENTORY > serve.conf; "
-             "kelputil serve --config serve.conf",
-             1, {"--listen 0.0.0.0:8751 is reachable from other machines"}},
+             "kelputil serve --config serve.conf", 1, {"--listen 0.0.0.0:8751 is reachable from other machines"}},
             {"git init -q --bare remote.git; printf 'inventory = %s\\ninto = bk\\ninterval = 2s\\npush = remote.git\\npush-branch = east\\n' $KELP_INVENTORY > "
              "serve.conf; kelputil serve --config serve.conf 2> log & echo $! > pid; "
              "n=0; until [ \"$(git -C remote.git log --format=%s east 2>/dev/null | wc -l)\" = 2 ] || [ $n -gt 100 ]; do "
