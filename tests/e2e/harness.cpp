@@ -25,14 +25,8 @@ std::string show(const bytes& b) {
     return s;
 }
 
-bytes text(const std::string& s) { return bytes(s.begin(), s.end()); }
-
 bytes frame(const bytes& payload) {
-    bytes f(1462, 0);
-    f[0] = (uint8_t)payload.size();
-    f[1] = (uint8_t)(payload.size() >> 8);
-    std::copy(payload.begin(), payload.end(), f.begin() + 2);
-    return f;
+    return bytes{(uint8_t)payload.size(), (uint8_t)(payload.size() >> 8)} + payload + bytes(1460 - payload.size(), 0);
 }
 
 bytes frames(const bytes& body) {

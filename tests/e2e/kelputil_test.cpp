@@ -208,15 +208,13 @@ TEST_F(kelputil, meter_fits_the_terminal) {
         size_t stop = r.out.find(end), from = r.out.find(columns == 60 ? "@@ 0" : "@@ 60") + 5;
         ASSERT_NE(stop, std::string::npos) << r.out;
         std::string shown = r.out.substr(from, stop - from);
-        size_t widest = 0, at = 0, meters = 0;
+        size_t widest = 0, meters = 0;
         std::string last_meter;
-        while (at < shown.size()) {
-            size_t next = shown.find_first_of("\r\n", at);
-            if (next == std::string::npos) next = shown.size();
+        for (size_t at = 0, next; at < shown.size(); at = next + 1) {
+            next = std::min(shown.find_first_of("\r\n", at), shown.size());
             std::string piece = shown.substr(at, next - at);
             widest = std::max(widest, piece.size());
             if (piece.rfind("[", 0) == 0) meters++, last_meter = piece;
-            at = next + 1;
         }
         EXPECT_LT(widest, (size_t)columns) << shown;
         EXPECT_GT(meters, 1u) << shown;

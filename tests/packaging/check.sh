@@ -51,6 +51,16 @@ busybox_argv() {  # entry: sets argv
   read -ra argv <<<"$1"
 }
 
+# What an init script tells procd, with procd's helpers stubbed.
+procd_told() {  # init script
+  sh -euc '
+    procd_open_instance() { printf "instance %s\n" "$1"; }
+    procd_set_param() { case $1 in command|respawn|stdout|stderr) echo "$@" ;; esac; }
+    procd_close_instance() { echo end; }
+    . "$1"
+    start_service' sh "$1" || fail "start_service failed"
+}
+
 check_stdout_rules() {  # work, to_log, sbin, inittab or "", init script or "", units dir or ""
   local work=$1 to_log=$2 sbin=$3 tab=$4 init=$5 units=$6 stubs=$1/stubs
   if [[ -n $tab ]]; then
@@ -80,12 +90,7 @@ check_stdout_rules() {  # work, to_log, sbin, inittab or "", init script or "", 
   if [[ -n $init ]]; then
     local want=0 seen
     [[ $to_log == ON ]] && want=1
-    seen=$(sh -euc '
-      procd_set_param() { case $1 in stdout|stderr) echo "$@" ;; esac; }
-      procd_open_instance() { :; }
-      procd_close_instance() { :; }
-      . "$1"
-      start_service' sh "$init") || fail "start_service failed"
+    seen=$(procd_told "$init")
     [[ $(echo "$seen" | grep -c "^stdout $want\$") == 2 && $(echo "$seen" | grep -c '^stdout') == 2 ]] ||
       fail "each procd instance must set stdout $want: $seen"
   fi
@@ -146,13 +151,7 @@ install)
     [[ -f $init && -x $init ]] || fail "no executable $initd/kelputild"
     [[ $(head -n1 "$init") == "#!/bin/sh /etc/rc.common" ]] || fail "init script is not an rc.common script"
     grep -qx 'USE_PROCD=1' "$init" || fail "init script does not use procd"
-    # What procd would be told, with procd's helpers stubbed.
-    seen=$(sh -euc '
-      procd_open_instance() { printf "instance %s\n" "$1"; }
-      procd_set_param() { case $1 in command|respawn) echo "$@" ;; esac; }
-      procd_close_instance() { echo end; }
-      . "$1"
-      start_service' sh "$init") || fail "start_service failed"
+    seen=$(procd_told "$init")
     echo "$seen"
     mapfile -t commands < <(echo "$seen" | sed -n 's/^command //p')
     ((${#commands[@]} == 2)) || fail "procd is given ${#commands[@]} commands, not 2"

@@ -11,8 +11,6 @@
 using kelp::bytes;
 using kelp::error_kind;
 
-static bytes text(const std::string& s) { return bytes(s.begin(), s.end()); }
-
 TEST(ClientWire, GreetingTextMarkerAndTagAreChecked) {
     const bytes greeting = text("kelp-v3 utility server\n") + hex("00 FF 01 23 45 67 89 AB CD EF 02 01");
     uint8_t challenge[8];

@@ -9,18 +9,12 @@
 
 namespace {
 
-std::string file_with(const std::string& text) {
-    char path[] = "/tmp/inventory-test-XXXXXX";
-    int fd = mkstemp(path);
-    close(fd);
-    router::write_file(path, text);
-    return path;
-}
-
 kelp::status load(const std::string& text, inventory* out, std::string* path = nullptr) {
-    std::string p = file_with(text);
+    char p[] = "/tmp/inventory-test-XXXXXX";
+    close(mkstemp(p));
+    router::write_file(p, text);
     kelp::status st = load_inventory(p, out);
-    unlink(p.c_str());
+    unlink(p);
     if (path) *path = p;
     return st;
 }

@@ -16,12 +16,6 @@
 // Bytes expected at an offset of a record.
 struct at { size_t offset; bytes want; };
 
-static bytes text(const std::string& s, size_t zeros = 0) {
-    bytes b(s.begin(), s.end());
-    b.resize(b.size() + zeros, 0);
-    return b;
-}
-
 static void expect_fields(const uint8_t* record, const std::vector<at>& fields) {
     for (const at& f : fields)
         EXPECT_EQ(bytes(record + f.offset, record + f.offset + f.want.size()), f.want) << "at " << f.offset;

@@ -47,11 +47,7 @@ TEST(serve, hosts_spread_over_the_interval_and_keep_their_place) {
 // A run in turn moves the host one interval on from its slot; a run out of
 // turn leaves its slot; a failure counts and waits the back-off.
 TEST(serve, runs_keep_each_hosts_place) {
-    auto runner = [](const inventory_host& h) {
-        host_run r;
-        if (h.name == "c") r.error = "refused";
-        return r;
-    };
+    auto runner = [](const inventory_host& h) { return host_run{h.name == "c" ? "refused" : "", "", "", ""}; };
     scheduler s(60, 2, runner, [](const host_state&, const host_run&) {});
     double start = now_seconds();
     s.set_hosts({host("a"), host("b"), host("c")}, {}, start);  // a at start, b +20, c +40
