@@ -108,13 +108,10 @@ TEST_F(Control, Throughput) {
         int status;
         strings left;
     } rows[] = {
-        {"reads 4 MiB and closes", 32, 0x02, [](raw_client& c) {
-             c.receive(4 << 20);
-             c.close_now();
-         }, 0, 5, router::still_running, {"monitor"}},
+        {"reads 4 MiB and closes", 32, 0x02, [](raw_client& c) { c.receive(4 << 20), c.close_now(); }, 0, 5,
+         router::still_running, {"monitor"}},
         {"stops reading", 32, 0, [](raw_client& c) { c.receive(1 << 20); }, 2.5, 7, 0, {}},
-        {"sends 8 MiB and shuts down", 33, 0x01,
-         [](raw_client& c) {
+        {"sends 8 MiB and shuts down", 33, 0x01, [](raw_client& c) {
              EXPECT_TRUE(c.send_bytes(bytes(8 << 20, 'x')));
              c.shutdown_write();
              EXPECT_TRUE(c.closed_by_peer());

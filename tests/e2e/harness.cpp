@@ -18,10 +18,7 @@
 std::string show(const bytes& b) {
     std::string s;
     char buf[4];
-    for (size_t i = 0; i < b.size(); i++) {
-        snprintf(buf, sizeof buf, i ? " %02X" : "%02X", b[i]);
-        s += buf;
-    }
+    for (size_t i = 0; i < b.size(); i++) s.append(buf, (size_t)snprintf(buf, sizeof buf, i ? " %02X" : "%02X", b[i]));
     return s;
 }
 

@@ -72,13 +72,11 @@ check_stdout_rules() {  # work, to_log, sbin, inittab or "", init script or "", 
       STUB_LOG=$stubs PATH=$stubs:$PATH timeout 10 "${argv[@]}" >"$work/out" 2>"$work/err" </dev/null ||
         fail "inittab entry failed: $entry"
       [[ -f $stubs/started ]] || fail "$entry starts no program of $sbin"
-      local name
-      name=$(sed "s|^$stubs/||" "$stubs/started")
-      started+=("$name")
+      started+=("$(sed "s|^$stubs/||" "$stubs/started")")
       [[ ! -s $work/out ]] || fail "$entry leaves standard output on the console: $(cat "$work/out")"
       grep -q 'Address already in use' "$work/err" || fail "$entry loses standard error"
       if [[ $to_log == ON ]]; then
-        grep -qx "logger -t $name" "$stubs/logged" && grep -q 'Password received' "$stubs/logged" ||
+        grep -qx "logger -t ${started[-1]}" "$stubs/logged" && grep -q 'Password received' "$stubs/logged" ||
           fail "$entry does not log standard output"
       else
         [[ ! -e $stubs/logged ]] || fail "$entry logs standard output"

@@ -1,7 +1,6 @@
 // Session list records from untrusted text: hotspot lines and PPP info files.
 #include <gtest/gtest.h>
 
-#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 

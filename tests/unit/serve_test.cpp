@@ -35,12 +35,10 @@ TEST(serve, hosts_spread_over_the_interval_and_keep_their_place) {
     saved["c"].next_due = 990;   // overdue, longer than d: before it
     saved["d"].next_due = 995;   // never-run "a" goes first
     s.set_hosts({host("a"), host("b"), host("c"), host("d")}, saved, 1000);
-    std::map<std::string, double> want = {{"a", 1000}, {"b", 1030}, {"c", 1020}, {"d", 1040}};
-    EXPECT_EQ(due_times(s), want);
+    EXPECT_EQ(due_times(s), (std::map<std::string, double>{{"a", 1000}, {"b", 1030}, {"c", 1020}, {"d", 1040}}));
     // Read again: "e" joins over one interval, "a" leaves, the rest stay.
     s.set_hosts({host("b"), host("c"), host("d"), host("e")}, {}, 1010);
-    want = {{"b", 1030}, {"c", 1020}, {"d", 1040}, {"e", 1010}};
-    EXPECT_EQ(due_times(s), want);
+    EXPECT_EQ(due_times(s), (std::map<std::string, double>{{"b", 1030}, {"c", 1020}, {"d", 1040}, {"e", 1010}}));
     EXPECT_DOUBLE_EQ(s.lag(1012), 2);
 }
 
