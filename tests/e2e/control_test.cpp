@@ -8,8 +8,7 @@
 class Control : public daemon_test {
 protected:
     void install_helpers() override {
-        router::install_helper("do-pppkick", "exit 0");
-        router::install_helper("do-hotkick", "exit 0");
+        for (const char* kick : {"do-pppkick", "do-hotkick"}) router::install_helper(kick, "exit 0");
         router::install_helper("spawn", "\"$@\" </dev/null >/dev/null 2>&1 &");
     }
 };

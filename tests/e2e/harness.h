@@ -106,9 +106,7 @@ protected:
     void expect_log(int priority, const std::string& ident, const std::string& text);
     strings tmp_files() { return router::list_dir("/tmp"); }
     void run(const exchange& x);
-    void run(std::initializer_list<exchange> rows) {
-        for (const exchange& x : rows) run(x);
-    }
+    void run(std::initializer_list<exchange> rows) { for (const exchange& x : rows) run(x); }
 
 private:
     bool front_send(const bytes& b);

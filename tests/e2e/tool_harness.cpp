@@ -32,10 +32,7 @@ run_result in_router(const std::string& script, const std::vector<std::string>& 
     pid_t pid = fork();
     if (pid == 0) {
         setsid();  // no terminal to prompt on, and one group to kill
-        int null = open("/dev/null", O_RDONLY);
-        dup2(null, 0);
-        dup2(fd, 1);
-        dup2(fd, 2);
+        dup2(open("/dev/null", O_RDONLY), 0), dup2(fd, 1), dup2(fd, 2);
         setenv("PATH", env_path.c_str(), 1);
         setenv("KELPUTIL_PASSWORD", password.c_str(), 1);
         std::vector<char*> argv;
@@ -45,7 +42,6 @@ run_result in_router(const std::string& script, const std::vector<std::string>& 
         _exit(127);
     }
     close(fd);
-    run_result r;
     int status = 0;
     for (int waited = 0; waitpid(pid, &status, WNOHANG) == 0; waited += 20) {
         if (waited >= limit_ms) {
@@ -57,8 +53,7 @@ run_result in_router(const std::string& script, const std::vector<std::string>& 
         if (meanwhile) meanwhile();
         usleep(20000);
     }
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = router::read_file(path);
+    run_result r{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), router::read_file(path)};
     unlink(path);
     return r;
 }

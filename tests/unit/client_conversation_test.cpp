@@ -41,10 +41,7 @@ kelp::status converse(const script& device, const std::function<kelp::status(kel
     socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
     timeval tv{2, 0};
     setsockopt(fds[1], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    std::thread t([&] {
-        device(fds[1]);
-        shutdown(fds[1], SHUT_RDWR);
-    });
+    std::thread t([&] { device(fds[1]), shutdown(fds[1], SHUT_RDWR); });
     kelp::status st;
     {
         kelp::session s;

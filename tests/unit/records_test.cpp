@@ -54,10 +54,7 @@ TEST(HotspotLine, Fields) {
 
 class PppInfo : public ::testing::Test {
 protected:
-    void SetUp() override {
-        enter_private_dirs();
-        mkdir("/run/pppoe", 0755);
-    }
+    void SetUp() override { enter_private_dirs(), mkdir("/run/pppoe", 0755); }
 };
 
 // Every line loses its last character, newline or not; the record is
