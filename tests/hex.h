@@ -24,6 +24,13 @@ inline std::vector<uint8_t> hex(const std::string& text) {
     return out;
 }
 
+// A string's bytes, then that many zero bytes.
+inline std::vector<uint8_t> text(const std::string& s, size_t zeros = 0) {
+    std::vector<uint8_t> b(s.begin(), s.end());
+    b.resize(b.size() + zeros, 0);
+    return b;
+}
+
 // One run of bytes after another: hex("03 01 01") + payload.
 inline std::vector<uint8_t> operator+(std::vector<uint8_t> a, const std::vector<uint8_t>& b) {
     a.insert(a.end(), b.begin(), b.end());

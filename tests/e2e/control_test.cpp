@@ -1,21 +1,14 @@
 // Session kicks (48, 53, 54), firmware upload and the upgrade relay (241),
 // and the throughput test (32, 33).
 #include <sys/mount.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "harness.h"
 
-static bytes kick_request(const std::string& name) {
-    uint32_t n = (uint32_t)name.size();
-    return bytes{(uint8_t)n, (uint8_t)(n >> 8), 0, 0} + text(name);
-}
-
 class Control : public daemon_test {
 protected:
     void install_helpers() override {
-        router::install_helper("do-pppkick", "exit 0");
-        router::install_helper("do-hotkick", "exit 0");
+        for (const char* kick : {"do-pppkick", "do-hotkick"}) router::install_helper(kick, "exit 0");
         router::install_helper("spawn", "\"$@\" </dev/null >/dev/null 2>&1 &");
     }
 };
@@ -103,12 +96,6 @@ TEST_F(Control, UpgradeProgressIsRelayed) {
     EXPECT_EQ(router::helper_calls(), (strings{"spawn flash-upgrade x y z", "flash-upgrade x y z"}));
 }
 
-static double now_s() {
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec + t.tv_nsec / 1e9;
-}
-
 // Raw bytes until the client goes or stalls for 3 s; the socket is closed
 // by then, so no result packet ever arrives, yet the post-action runs.
 TEST_F(Control, Throughput) {
@@ -120,19 +107,14 @@ TEST_F(Control, Throughput) {
         int status;
         strings left;
     } rows[] = {
-        {"reads 4 MiB and closes", 32, 0x02, [](raw_client& c) {
-             c.receive(4 << 20);
-             c.close_now();
-         }, 0, 5,
+        {"reads 4 MiB and closes", 32, 0x02, [](raw_client& c) { c.receive(4 << 20), c.close_now(); }, 0, 5,
          router::still_running, {"monitor"}},
         {"stops reading", 32, 0, [](raw_client& c) { c.receive(1 << 20); }, 2.5, 7, 0, {}},
-        {"sends 8 MiB and shuts down", 33, 0x01,
-         [](raw_client& c) {
+        {"sends 8 MiB and shuts down", 33, 0x01, [](raw_client& c) {
              EXPECT_TRUE(c.send_bytes(bytes(8 << 20, 'x')));
              c.shutdown_write();
              EXPECT_TRUE(c.closed_by_peer());
-         },
-         0, 5, 0, {"all.dirty", "monitor"}},
+         }, 0, 5, 0, {"all.dirty", "monitor"}},
         {"sends nothing", 33, 0, [](raw_client& c) { EXPECT_TRUE(c.closed_by_peer(6000)); }, 2.5, 7, 0, {}},
     };
     for (auto& r : rows) {

@@ -11,9 +11,7 @@
 
 class Core : public daemon_test {};
 
-static std::vector<std::pair<std::string, std::string>> passwd(const std::string& content) {
-    return {{"/etc/passwd", content}};
-}
+static files passwd(const std::string& content) { return {{"/etc/passwd", content}}; }
 
 TEST_F(Core, Login) {
     const std::string forty = "abcdefghijklmnopqrstuvwxyz0123456789ABCD", rest = ":0:0::/:/bin/sh\n";
@@ -54,8 +52,7 @@ TEST_F(Core, Login) {
 
 TEST_F(Core, ActionZeroAndTheCommonEnding) {
     const std::pair<int, std::string> reboot = {info, "127.0.0.1 - rebooting the system"};
-    const std::vector<std::pair<std::string, std::string>> temporaries = {{"/tmp/saved-configs", "x"},
-                                                                          {"/tmp/saved-configs.dat", "y"}};
+    const files temporaries = {{"/tmp/saved-configs", "x"}, {"/tmp/saved-configs.dat", "y"}};
     run({
         {.name = "action 0", .files = temporaries, .request = act_pkt(0), .replies = ok + ok},
         {.name = "apply", .request = act_pkt(0, 0, 0x01), .replies = ok + ok, .left = {"all.dirty=", "monitor=apply\n"}},

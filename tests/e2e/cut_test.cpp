@@ -17,19 +17,8 @@
 
 namespace {
 
-bytes data(const std::string& s) { return bytes(s.begin(), s.end()); }
-
-bytes le32_then(uint32_t n, const bytes& rest) {
-    bytes b = {(uint8_t)n, (uint8_t)(n >> 8), (uint8_t)(n >> 16), (uint8_t)(n >> 24)};
-    b.insert(b.end(), rest.begin(), rest.end());
-    return b;
-}
-
-struct conversation {
-    int action, script;
-    uint32_t size;
-    bytes body;  // what follows the request
-};
+// body: what follows the request
+struct conversation { int action, script; uint32_t size; bytes body; };
 
 class Cut : public daemon_test {
 protected:
@@ -63,10 +52,7 @@ protected:
     int cut_after(const conversation& c, size_t cut) {
         start();
         connect_and_greet();
-        bytes talk = auth_reply(greeting, password);
-        bytes req = act_pkt(c.action, c.script, 0x01, c.size);
-        talk.insert(talk.end(), req.begin(), req.end());
-        talk.insert(talk.end(), c.body.begin(), c.body.end());
+        bytes talk = auth_reply(greeting, password) + act_pkt(c.action, c.script, 0x01, c.size) + c.body;
         client.send_bytes(bytes(talk.begin(), talk.begin() + (long)cut));
         client.shutdown_write();
         int status = exit_status(5000);  // nothing waits for its 10 s after a close
@@ -121,16 +107,12 @@ TEST_F(Cut, LoginAndRequest) {
 // removed, the installed copy untouched. Two frames, so that a cut right
 // after a whole first frame is among them.
 TEST_F(Cut, ScriptUpload) {
-    bytes body = data(std::string(2000, 'n'));
-    bytes frames = frame(bytes(body.begin(), body.begin() + 1460));
-    bytes second = frame(bytes(body.begin() + 1460, body.end()));
-    frames.insert(frames.end(), second.begin(), second.end());
-    cut_body({4, 3, (uint32_t)body.size(), frames}, 1, coverage::edges);
+    cut_body({4, 3, 2000, frames(text(std::string(2000, 'n')))}, 1, coverage::edges);
 }
 
 // One frame and nothing run before it: the cheapest upload to cut in full.
 TEST_F(Cut, ConfigurationUpload) {
-    bytes bundle = kelp::pack_bundle(data(std::string(1200, 'c')));
+    bytes bundle = kelp::pack_bundle(text(std::string(1200, 'c')));
     ASSERT_LE(bundle.size(), 1460u);
     cut_body({3, 0, (uint32_t)bundle.size(), frame(bundle)}, 1, in_full_where_cheap());
 }
@@ -145,8 +127,8 @@ TEST_F(Cut, FirmwareUpload) {
 // being a failure, no post-action. The address of action 54 is read the same
 // way into a cleared buffer, so a cut address is handed on as it arrived.
 TEST_F(Cut, Kicks) {
-    cut_body({48, 0, 0, le32_then(5, data("alice"))}, 0, coverage::every_byte);
-    cut_body({53, 0, 0, le32_then(3, data("bob"))}, 0, coverage::every_byte);
+    cut_body({48, 0, 0, kick_request("alice")}, 0, coverage::every_byte);
+    cut_body({53, 0, 0, kick_request("bob")}, 0, coverage::every_byte);
     cut_body({54, 0, 0, {10, 0, 0, 7}}, 0, coverage::every_byte, true);
     std::vector<std::string> calls = router::helper_calls();
     EXPECT_EQ(calls, (std::vector<std::string>{"do-hotkick ip 0.0.0.0", "do-hotkick ip 10.0.0.0", "do-hotkick ip 10.0.0.0",

@@ -18,21 +18,12 @@
 std::string show(const bytes& b) {
     std::string s;
     char buf[4];
-    for (size_t i = 0; i < b.size(); i++) {
-        snprintf(buf, sizeof buf, i ? " %02X" : "%02X", b[i]);
-        s += buf;
-    }
+    for (size_t i = 0; i < b.size(); i++) s.append(buf, (size_t)snprintf(buf, sizeof buf, i ? " %02X" : "%02X", b[i]));
     return s;
 }
 
-bytes text(const std::string& s) { return bytes(s.begin(), s.end()); }
-
 bytes frame(const bytes& payload) {
-    bytes f(1462, 0);
-    f[0] = (uint8_t)payload.size();
-    f[1] = (uint8_t)(payload.size() >> 8);
-    std::copy(payload.begin(), payload.end(), f.begin() + 2);
-    return f;
+    return bytes{(uint8_t)payload.size(), (uint8_t)(payload.size() >> 8)} + payload + bytes(1460 - payload.size(), 0);
 }
 
 bytes frames(const bytes& body) {
@@ -62,10 +53,14 @@ bytes act_pkt(int action, int script, int flags, uint32_t size) {
 
 std::vector<std::string> emulator_prefix() { return router::split_list(KELP_EMULATOR); }
 
-static long long now_ms() {
+bytes kick_request(const std::string& name) {
+    return bytes{(uint8_t)name.size(), (uint8_t)(name.size() >> 8), 0, 0} + text(name);
+}
+
+double now_s() {
     struct timespec t;
     clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
+    return t.tv_sec + t.tv_nsec / 1e9;
 }
 
 void raw_client::close_now() {
@@ -97,9 +92,9 @@ bool raw_client::send_bytes(const bytes& b) {
 
 bytes raw_client::receive(size_t n, int timeout_ms) {
     bytes out;
-    long long deadline = now_ms() + timeout_ms;
+    double deadline = now_s() + timeout_ms / 1000.0;
     while (out.size() < n) {
-        int left = (int)(deadline - now_ms());
+        int left = (int)((deadline - now_s()) * 1000);
         struct pollfd p = {fd_, POLLIN, 0};
         if (left <= 0 || poll(&p, 1, left) <= 0) break;
         uint8_t buf[65536];

@@ -17,18 +17,21 @@
 
 using bytes = std::vector<uint8_t>;
 using strings = std::vector<std::string>;
+using files = std::vector<std::pair<std::string, std::string>>;
 constexpr int alert = 81, err = 83, notice = 85, info = 86;  // authpriv + level
 
 // The emulator that runs a cross-built daemon, empty for a native build.
 std::vector<std::string> emulator_prefix();
 
 std::string show(const bytes& b);
-bytes text(const std::string& s);
 bytes frame(const bytes& payload);
 // A body in frames: full ones, a short one last.
 bytes frames(const bytes& body);
 bytes auth_reply(const bytes& greeting, const std::string& pw, uint16_t tag = 0x0102);
 bytes act_pkt(int action, int script = 0, int flags = 0, uint32_t size = 0);
+// A kick's body: the name's length, 32 bits little-endian, then the name.
+bytes kick_request(const std::string& name);
+double now_s();  // a monotonic clock
 inline const bytes ok = hex("03 01 01 00 00 00 00");  // the result 1, and the ready packet
 
 // A raw TCP client on 127.0.0.1 with bounded waits.
@@ -57,8 +60,8 @@ constexpr const char* password = "secret";
 struct exchange {
     std::string name = {};
     std::string argv0 = "kelputild";
-    std::vector<std::pair<std::string, std::string>> files = {};    // path, content
-    std::vector<std::pair<std::string, std::string>> helpers = {};  // name, shell body
+    ::files files = {};    // path, content
+    ::files helpers = {};  // name, shell body
     std::function<void()> setup = {};
     std::function<void(pid_t)> started = {};
     std::string typed = password;
@@ -93,11 +96,9 @@ protected:
     void fresh_router(const router::options& o = {});
     virtual void install_helpers() {}
 
-    // Starts the daemon under a program name and waits for its listener.
+    // Waits for the listener too.
     void start(const std::string& argv0 = "kelputild", int port = 856);
-    // Connects and reads the greeting.
     void connect_and_greet(int port = 856);
-    // Logs in with the right password.
     void login();
     int exit_status(int timeout_ms = 5000) { return router::wait_exit(daemon, timeout_ms); }
     std::string out() { return router::output(daemon); }
@@ -105,9 +106,7 @@ protected:
     void expect_log(int priority, const std::string& ident, const std::string& text);
     strings tmp_files() { return router::list_dir("/tmp"); }
     void run(const exchange& x);
-    void run(std::initializer_list<exchange> rows) {
-        for (const exchange& x : rows) run(x);
-    }
+    void run(std::initializer_list<exchange> rows) { for (const exchange& x : rows) run(x); }
 
 private:
     bool front_send(const bytes& b);

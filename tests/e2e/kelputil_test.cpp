@@ -27,19 +27,16 @@ TEST_F(kelputil, every_command) {
          {"b.dat: bundle ok, ", "config/fw.scr"}},
         {"kelputil -q restore b.dat && cat /run/sim/events", 0, {"configuration installed"}},
         {"kelputil get-script fw fw.scr && echo 'iptables -A INPUT -j LOG' >> fw.scr && "
-         "kelputil --apply put-script fw fw.scr && kelputil get-script fw",
-         0,
+         "kelputil --apply put-script fw fw.scr && kelputil get-script fw", 0,
          {"script fw installed; the device applies its settings\n",
           "iptables -A INPUT -i lo -j ACCEPT\niptables -A INPUT -j LOG\n"}},
         {"kelputil report full | head -3", 0, {"---[ Software Version ]", "firmware 3.2.1 (simulated)"}},
         {"kelputil report core", 0, {"model: simulated kelp-v3 router"}},
         {"kelputil report kernel", 0, {"---[ Kernel Message Log ]"}},
-        {"kelputil ppp",
-         0,
+        {"kelputil ppp", 0,
          {"NAME   TYPE   INTERFACE  REMOTE     CBQ_RULE\n", "alice  pppoe  ppp0       10.64.0.1  12\n",
           "bob    pptp   ppp1       10.64.0.2  none\n2 PPP sessions\n"}},
-        {"kelputil hotspot",
-         0,
+        {"kelputil hotspot", 0,
          {"USER   IP          MAC                BYTES_IN  BYTES_OUT  SESSION_S  IDLE_S\n",
           "carol  10.0.0.101  00:11:22:33:44:55  1048576   5242880    3600       12\n"}},
         {"kelputil kick-ppp alice && kelputil ppp", 0, {"disconnected alice\n", "1 PPP session\n", "!alice  "}},
@@ -56,8 +53,7 @@ TEST_F(kelputil, every_command) {
           "upgrade done: 300000 bytes flashed\n", "!upgrade: done"}},
         // The upgrade rebooted the router; so does this.
         {std::string(retry) + "retry kelputil -q check && kelputil reboot && until_in 'monitor: reboot' /run/sim/events "
-                              "&& retry kelputil check 2>/dev/null",
-         0, {"the device reboots now", "login ok"}},
+                              "&& retry kelputil check 2>/dev/null", 0, {"the device reboots now", "login ok"}},
     });
 }
 
@@ -69,8 +65,7 @@ TEST_F(kelputil, careless_use) {
         // A full disk keeps the previous backup whole and leaves no temporary.
         {"mkdir small && mount -t tmpfs -o size=16k tmpfs small && kelputil -q backup small/b.dat && cp small/b.dat good "
          "&& head -c 100000 /dev/zero > small/fill 2>/dev/null; kelputil backup small/b.dat; r=$?; cmp small/b.dat good "
-         "&& ls -a small; exit $r",
-         1,
+         "&& ls -a small; exit $r", 1,
          {"cannot write small/b.dat: No space left on device", "\n.\n..\nb.dat\nfill\n"}},
         {"kelputil get-script fw > small/fw.scr", 1, {"kelputil: cannot write standard output: No space left on device"}},
         {"for c in 'report core' ppp hotspot '--json check'; do kelputil $c > /dev/full; echo \"status $?\"; done", 0,
@@ -87,15 +82,13 @@ TEST_F(kelputil, careless_use) {
         {"(umask 027; kelputil -q get-script fw a.scr); (umask 022; kelputil -q get-script fw b.scr); stat -c %a a.scr b.scr",
          0, {"640\n644\n"}},
         {"mkdir d; for c in 'restore d' 'put-script fw d' 'firmware d' 'bundle-verify d' 'bundle-pack d out' "
-         "'backup d' 'bundle-unpack good d'; do kelputil $c; [ $? -eq 1 ] || echo BAD; done",
-         0,
+         "'backup d' 'bundle-unpack good d'; do kelputil $c; [ $? -eq 1 ] || echo BAD; done", 0,
          {"cannot read d: it is a folder", "cannot write d: it is a folder", "!BAD"}},
         {"mkfifo f; kelputil restore f; echo \"status $?\"; kelputil -q backup /dev/full", 1,
          {"f: the bundle is 0 bytes", "status 1", "cannot write /dev/full: No space left on device"}},
         {"kelputil --plain --pin 00 check", 1, {"--pin checks a TLS certificate: it cannot go with --plain"}},
         {"kelputil -q check && sed -i 's/ .*/ " + std::string(64, 'a') + "/' $XDG_CONFIG_HOME/kelputil/known_hosts && "
-         "kelputil check; r=$?; rm $XDG_CONFIG_HOME/kelputil/known_hosts; exit $r",
-         5,
+         "kelputil check; r=$?; rm $XDG_CONFIG_HOME/kelputil/known_hosts; exit $r", 5,
          {"the certificate of 127.0.0.1:857 has changed: it now has SHA-256 ", " holds " + std::string(64, 'a'),
           "delete line 1 of /run/sim/config/kelputil/known_hosts, or pass --pin "}},
         // No password, an empty one, or a file others can read: refused
@@ -108,16 +101,14 @@ TEST_F(kelputil, careless_use) {
          {"has mode 0644, readable by others: chmod 600 open"}},
         {"grep -c 'authentication failed' /run/sim/messages", 1, {"0\n"}},
         {"for o in '-p 66392' '-p 856abc' '-p abc' '--timeout abc' '--timeout -1' '--timeout 0'; do kelputil $o check; "
-         "done; kelputil fleet -i x firmware f --upgrade --batch 0; kelputil throughput rx 100000",
-         1,
+         "done; kelputil fleet -i x firmware f --upgrade --batch 0; kelputil throughput rx 100000", 1,
          {"--port: '66392' is out of range: 1 to 65535", "--batch: '0' is out of range: 1 to 256", "--port: '856abc' is not a port",
           "--port: 'abc' is not a port", "--timeout: 'abc' is not a duration", "--timeout: '-1' is not a duration",
           "--timeout: '0' is out of range", "SECONDS: '100000' is out of range",
           "usage: kelputil throughput [OPTIONS] DIRECTION [SECONDS]"}},
         {"for a in 'bakup x' '--password s3cret check' '--password=s3cret check' '--tiemout 5 check' 'check --jsn' "
          "'-H 127.0.0.1 fleet -i x check' '-H 127.0.0.1:857 check' '-H [::1] check' '-H ::1 check'; do kelputil $a; "
-         "[ $? -eq 1 ] || echo BAD; done",
-         0,
+         "[ $? -eq 1 ] || echo BAD; done", 0,
          {"'bakup' is not a kelputil command. Did you mean 'backup'?",
           "kelputil: --password: the password never comes from the command line, where other users could read it: set "
           "KELPUTIL_PASSWORD, give --password-file FILE, or run on a terminal to be asked\n",
@@ -217,15 +208,13 @@ TEST_F(kelputil, meter_fits_the_terminal) {
         size_t stop = r.out.find(end), from = r.out.find(columns == 60 ? "@@ 0" : "@@ 60") + 5;
         ASSERT_NE(stop, std::string::npos) << r.out;
         std::string shown = r.out.substr(from, stop - from);
-        size_t widest = 0, at = 0, meters = 0;
+        size_t widest = 0, meters = 0;
         std::string last_meter;
-        while (at < shown.size()) {
-            size_t next = shown.find_first_of("\r\n", at);
-            if (next == std::string::npos) next = shown.size();
+        for (size_t at = 0, next; at < shown.size(); at = next + 1) {
+            next = std::min(shown.find_first_of("\r\n", at), shown.size());
             std::string piece = shown.substr(at, next - at);
             widest = std::max(widest, piece.size());
             if (piece.rfind("[", 0) == 0) meters++, last_meter = piece;
-            at = next + 1;
         }
         EXPECT_LT(widest, (size_t)columns) << shown;
         EXPECT_GT(meters, 1u) << shown;

@@ -80,10 +80,10 @@ static bytes record(size_t n, std::initializer_list<std::pair<size_t, bytes>> fi
     return r;
 }
 
-static std::vector<std::pair<std::string, std::string>> ppp_units(std::initializer_list<int> units) {
-    std::vector<std::pair<std::string, std::string>> files;
-    for (int u : units) files.push_back({"/run/pppoe/info.ppp" + std::to_string(u), "NAME=u" + std::to_string(u) + "\n"});
-    return files;
+static files ppp_units(std::initializer_list<int> units) {
+    files made;
+    for (int u : units) made.push_back({"/run/pppoe/info.ppp" + std::to_string(u), "NAME=u" + std::to_string(u) + "\n"});
+    return made;
 }
 
 static bytes ppp(const std::string& name) { return record(326, {{2, text(name)}}); }

@@ -28,8 +28,6 @@ target_compile_options(kelputild_custom_cert PRIVATE -fno-exceptions -fno-rtti)
 target_link_libraries(kelputild_custom_cert PRIVATE kelpd)
 
 add_dependencies(e2e_tests kelputild_custom_cert kelp_tls_fingerprints)
-target_compile_definitions(e2e_tests PRIVATE
-  KELP_CUSTOM_CERT_DAEMON="$<TARGET_FILE:kelputild_custom_cert>"
-  KELP_CUSTOM_CERT_SHA256="${kelp_pair}/cert.sha256"
-  KELP_DEFAULT_CERT_SHA256="${CMAKE_CURRENT_BINARY_DIR}/default_cert.sha256"
-  KELP_OPENSSL="${KELP_OPENSSL}")
+target_compile_definitions(e2e_tests PRIVATE KELP_CUSTOM_CERT_DAEMON="$<TARGET_FILE:kelputild_custom_cert>"
+  KELP_CUSTOM_CERT_SHA256="${kelp_pair}/cert.sha256" KELP_OPENSSL="${KELP_OPENSSL}"
+  KELP_DEFAULT_CERT_SHA256="${CMAKE_CURRENT_BINARY_DIR}/default_cert.sha256")

@@ -50,16 +50,11 @@ static bytes client_hello() {
 TEST_F(Tls, BrokenHandshakesFailNegotiation) {
     const bytes hello = client_hello(), app_data = hex("17 03 03 00 05 68 65 6C 6C 6F");
     ASSERT_GT(hello.size(), 40u);
-    struct {
-        const char* name;
-        bytes sent;
-        bool hang_up;
-        int waits_ms;  // the daemon must still wait this long
-    } rows[] = {
+    // waits_ms: the daemon must still wait this long
+    struct { const char* name; bytes sent; bool hang_up; int waits_ms; } rows[] = {
         // The connection stays open: the daemon must give up on the bytes alone.
         {"a plain client's auth reply", auth_reply(bytes(35, 0), password), false, 0},
-        {"text", text("GET / HTTP/1.0\r\n\r\n"), false, 0},
-        {"application data first", app_data, false, 0},
+        {"text", text("GET / HTTP/1.0\r\n\r\n"), false, 0}, {"application data first", app_data, false, 0},
         {"record length 65535", hex("16 03 01 FF FF 01 00 00 01"), false, 0},
         {"record length 16385", hex("16 03 01 40 01") + bytes(16385, 0x01), false, 0},
         {"empty ClientHello", hex("16 03 01 00 04 01 00 00 00"), false, 0},
@@ -100,13 +95,8 @@ TEST_F(Tls, ServedCertificateAndPins) {
     std::string upper_with_colons;
     for (size_t i = 0; i < custom.size(); i += 2)
         upper_with_colons += (i ? ":" : "") + std::string(1, (char)toupper(custom[i])) + (char)toupper(custom[i + 1]);
-    struct {
-        const char* daemon;
-        std::string pin, served;
-        int status;
-    } rows[] = {
-        {KELP_DAEMON, builtin, builtin, 0},
-        {KELP_CUSTOM_CERT_DAEMON, upper_with_colons, custom, 0},
+    struct { const char* daemon; std::string pin, served; int status; } rows[] = {
+        {KELP_DAEMON, builtin, builtin, 0}, {KELP_CUSTOM_CERT_DAEMON, upper_with_colons, custom, 0},
         {KELP_DAEMON, custom, builtin, 1},  // the error names both
     };
     for (auto& r : rows) {

@@ -6,7 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "router.h"
 
@@ -30,10 +32,7 @@ run_result in_router(const std::string& script, const std::vector<std::string>& 
     pid_t pid = fork();
     if (pid == 0) {
         setsid();  // no terminal to prompt on, and one group to kill
-        int null = open("/dev/null", O_RDONLY);
-        dup2(null, 0);
-        dup2(fd, 1);
-        dup2(fd, 2);
+        dup2(open("/dev/null", O_RDONLY), 0), dup2(fd, 1), dup2(fd, 2);
         setenv("PATH", env_path.c_str(), 1);
         setenv("KELPUTIL_PASSWORD", password.c_str(), 1);
         std::vector<char*> argv;
@@ -43,7 +42,6 @@ run_result in_router(const std::string& script, const std::vector<std::string>& 
         _exit(127);
     }
     close(fd);
-    run_result r;
     int status = 0;
     for (int waited = 0; waitpid(pid, &status, WNOHANG) == 0; waited += 20) {
         if (waited >= limit_ms) {
@@ -55,8 +53,7 @@ run_result in_router(const std::string& script, const std::vector<std::string>& 
         if (meanwhile) meanwhile();
         usleep(20000);
     }
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = router::read_file(path);
+    run_result r{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), router::read_file(path)};
     unlink(path);
     return r;
 }
@@ -100,12 +97,8 @@ void validate(const std::vector<std::string>& lines) {
 // Every line that is a JSON object, for the validator; the last result, for
 // the step's own checks.
 void collect_json(const std::string& out, std::vector<std::string>* lines, json* last) {
-    size_t start = 0;
-    while (start < out.size()) {
-        size_t end = out.find('\n', start);
-        if (end == std::string::npos) end = out.size();
-        std::string line = out.substr(start, end - start);
-        start = end + 1;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) {
         if (line.empty() || line[0] != '{') continue;
         json j = json::parse(line, nullptr, false);
         ASSERT_FALSE(j.is_discarded()) << "not JSON: " << line;
@@ -129,19 +122,12 @@ void check_output(const step& s, const std::string& out, std::vector<std::string
             if (w[op] == '>') {
                 EXPECT_GT(v.get<double>(), atof(want.c_str())) << w;
             } else if (w[op] == ':') {
-                std::string keys;
-                for (auto it = v.begin(); it != v.end(); ++it) keys += (keys.empty() ? "" : ",") + it.key();
-                std::vector<std::string> wanted;
-                for (size_t a = 0; a <= want.size();) {
-                    size_t b = want.find(',', a);
-                    if (b == std::string::npos) b = want.size();
-                    wanted.push_back(want.substr(a, b - a));
-                    a = b + 1;
-                }
+                std::vector<std::string> keys, wanted;  // an object's keys come sorted
+                for (auto it = v.begin(); it != v.end(); ++it) keys.push_back(it.key());
+                std::istringstream in(want);
+                for (std::string k; std::getline(in, k, ',');) wanted.push_back(k);
                 std::sort(wanted.begin(), wanted.end());
-                std::string sorted;
-                for (const std::string& k : wanted) sorted += (sorted.empty() ? "" : ",") + k;
-                EXPECT_EQ(keys, sorted) << w;
+                EXPECT_EQ(keys, wanted) << w;
             } else {
                 EXPECT_EQ(v, json::parse(want)) << w;
             }

@@ -9,10 +9,8 @@
 #include <string>
 #include <vector>
 
-struct run_result {
-    int status = -1;
-    std::string out;  // stdout and stderr together
-};
+// out: stdout and stderr together
+struct run_result { int status = -1; std::string out; };
 
 // Runs script (sh) inside kelp-router with router_args (e.g. {"--fleet",
 // "50"}), without a terminal, KELPUTIL_PASSWORD set to password and kelputil
@@ -27,11 +25,7 @@ run_result in_router(const std::string& script, const std::vector<std::string>& 
 //   "/ptr=JSON"   the last JSON object's value at the pointer is JSON;
 //   "/ptr>N"      ... is a number above N;
 //   "/ptr:k1,k2"  ... is an object with exactly these keys.
-struct step {
-    std::string command;
-    int exit;
-    std::vector<std::string> want;
-};
+struct step { std::string command; int exit; std::vector<std::string> want; };
 
 // Runs the steps in order in one router (each in the same scratch folder)
 // and checks them. Every JSON line the steps print must validate against

@@ -80,7 +80,7 @@ TEST_F(Transfer, ScriptUploads) {
     const bytes first = frame(bytes(1000, 'a'));
     bytes too_long = frame({});
     too_long[0] = 0xB5, too_long[1] = 0x05;
-    const std::vector<std::pair<std::string, std::string>> fw = {{"/etc/config/fw.scr", "keep\n"}};
+    const files fw = {{"/etc/config/fw.scr", "keep\n"}};
     run({
         {.name = "busy beats an unknown script", .files = {{"/tmp/busy", ""}}, .request = act_pkt(4, 200, 0, 10),
          .replies = hex("03 01 04 00 00 00 00"), .status = 1, .left = {"busy"}},

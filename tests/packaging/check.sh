@@ -10,11 +10,11 @@
 #   check.sh completion SCRIPT WORK_DIR
 set -euo pipefail
 fail() { echo "FAIL: $*" >&2; exit 1; }
+fresh() { rm -rf "$1" && mkdir -p "$1"; }
 
 # The router's install component alone, as a firmware build takes it.
 destdir_install() {  # cmake, build dir, work dir: installs into WORK_DIR/root
-  rm -rf "$3"
-  mkdir -p "$3"
+  fresh "$3"
   DESTDIR=$3/root "$1" --install "$2" --component router >"$3/install.log" || { cat "$3/install.log"; fail "install failed"; }
 }
 
@@ -29,8 +29,7 @@ check_program() {  # root, path, expected name
 # supervisor must discard it, or log it when TO_LOG is ON. The daemons are
 # replaced by a stub that prints a password and an error and records its path.
 make_stubs() {  # dir
-  rm -rf "$1"
-  mkdir -p "$1"
+  fresh "$1"
   printf '%s\n' '#!/bin/sh' 'echo "$0" >>"$STUB_LOG/started"' 'echo "Password received: secret"' \
     'echo "bind: Address already in use" >&2' >"$1/kelputild"
   cp "$1/kelputild" "$1/kelputild-tls"
@@ -52,6 +51,16 @@ busybox_argv() {  # entry: sets argv
   read -ra argv <<<"$1"
 }
 
+# What an init script tells procd, with procd's helpers stubbed.
+procd_told() {  # init script
+  sh -euc '
+    procd_open_instance() { printf "instance %s\n" "$1"; }
+    procd_set_param() { case $1 in command|respawn|stdout|stderr) echo "$@" ;; esac; }
+    procd_close_instance() { echo end; }
+    . "$1"
+    start_service' sh "$1" || fail "start_service failed"
+}
+
 check_stdout_rules() {  # work, to_log, sbin, inittab or "", init script or "", units dir or ""
   local work=$1 to_log=$2 sbin=$3 tab=$4 init=$5 units=$6 stubs=$1/stubs
   if [[ -n $tab ]]; then
@@ -63,13 +72,11 @@ check_stdout_rules() {  # work, to_log, sbin, inittab or "", init script or "", 
       STUB_LOG=$stubs PATH=$stubs:$PATH timeout 10 "${argv[@]}" >"$work/out" 2>"$work/err" </dev/null ||
         fail "inittab entry failed: $entry"
       [[ -f $stubs/started ]] || fail "$entry starts no program of $sbin"
-      local name
-      name=$(sed "s|^$stubs/||" "$stubs/started")
-      started+=("$name")
+      started+=("$(sed "s|^$stubs/||" "$stubs/started")")
       [[ ! -s $work/out ]] || fail "$entry leaves standard output on the console: $(cat "$work/out")"
       grep -q 'Address already in use' "$work/err" || fail "$entry loses standard error"
       if [[ $to_log == ON ]]; then
-        grep -qx "logger -t $name" "$stubs/logged" && grep -q 'Password received' "$stubs/logged" ||
+        grep -qx "logger -t ${started[-1]}" "$stubs/logged" && grep -q 'Password received' "$stubs/logged" ||
           fail "$entry does not log standard output"
       else
         [[ ! -e $stubs/logged ]] || fail "$entry logs standard output"
@@ -81,12 +88,7 @@ check_stdout_rules() {  # work, to_log, sbin, inittab or "", init script or "", 
   if [[ -n $init ]]; then
     local want=0 seen
     [[ $to_log == ON ]] && want=1
-    seen=$(sh -euc '
-      procd_set_param() { case $1 in stdout|stderr) echo "$@" ;; esac; }
-      procd_open_instance() { :; }
-      procd_close_instance() { :; }
-      . "$1"
-      start_service' sh "$init") || fail "start_service failed"
+    seen=$(procd_told "$init")
     [[ $(echo "$seen" | grep -c "^stdout $want\$") == 2 && $(echo "$seen" | grep -c '^stdout') == 2 ]] ||
       fail "each procd instance must set stdout $want: $seen"
   fi
@@ -147,13 +149,7 @@ install)
     [[ -f $init && -x $init ]] || fail "no executable $initd/kelputild"
     [[ $(head -n1 "$init") == "#!/bin/sh /etc/rc.common" ]] || fail "init script is not an rc.common script"
     grep -qx 'USE_PROCD=1' "$init" || fail "init script does not use procd"
-    # What procd would be told, with procd's helpers stubbed.
-    seen=$(sh -euc '
-      procd_open_instance() { printf "instance %s\n" "$1"; }
-      procd_set_param() { case $1 in command|respawn) echo "$@" ;; esac; }
-      procd_close_instance() { echo end; }
-      . "$1"
-      start_service' sh "$init") || fail "start_service failed"
+    seen=$(procd_told "$init")
     echo "$seen"
     mapfile -t commands < <(echo "$seen" | sed -n 's/^command //p')
     ((${#commands[@]} == 2)) || fail "procd is given ${#commands[@]} commands, not 2"
@@ -211,8 +207,7 @@ switch)
   # A scratch configure with the switch the other way: its supervisor files.
   cmake=$2 source=$3 work=$4 sbin=$5 supervisors=$6 to_log=$7
   shift 7
-  rm -rf "$work"
-  mkdir -p "$work"
+  fresh "$work"
   "$cmake" -S "$source" -B "$work/build" -DKELP_TESTS=OFF -DKELP_CLIENT=OFF "-DKELP_SUPERVISORS=$supervisors" \
     "-DKELP_DAEMON_STDOUT_TO_LOG=$to_log" "$@" >"$work/configure.log" 2>&1 ||
     { cat "$work/configure.log"; fail "configure failed"; }
@@ -226,8 +221,7 @@ tls_pair)
   # can load builds.
   cmake=$2 source=$3 work=$4 openssl=$5
   shift 5
-  rm -rf "$work"
-  mkdir -p "$work"
+  fresh "$work"
   def=$source/src/core/default_cert
   s=$work/pairs
   mkdir -p "$s"
@@ -283,8 +277,7 @@ tls_pair)
 deb)
   # The workstation package, built from the build folder into a scratch one.
   cpack=$2 build=$3 work=$4 version=$5
-  rm -rf "$work"
-  mkdir -p "$work"
+  fresh "$work"
   "$cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$work/out" >"$work/cpack.log" 2>&1 ||
     { cat "$work/cpack.log"; fail "cpack failed"; }
   debs=("$work"/out/*.deb)
@@ -426,14 +419,12 @@ kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack
     got=$(complete_line "$line") || fail "completing '$line' failed"
     mapfile -t words <<<"$got"
     got="|$(IFS='|' && echo "${words[*]}")|"
-    if [[ $offered == - ]]; then
-      [[ $got == "||" ]] || fail "'$line' offers $got, expected nothing"
-    else
-      for word in $offered; do
-        [[ $got == *"|${word//%/ }|"* ]] || fail "'$line' does not offer ${word//%/ }: $got"
-      done
-    fi
-    [[ $refused == - ]] && continue
+    [[ $offered == - ]] && offered=
+    [[ $refused == - ]] && refused=
+    [[ -n $offered || $got == "||" ]] || fail "'$line' offers $got, expected nothing"
+    for word in $offered; do
+      [[ $got == *"|${word//%/ }|"* ]] || fail "'$line' does not offer ${word//%/ }: $got"
+    done
     for word in $refused; do
       [[ $got != *"|$word|"* ]] || fail "'$line' offers $word: $got"
     done

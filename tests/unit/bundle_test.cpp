@@ -13,23 +13,6 @@
 #include "private_dirs.h"
 #include "transfer/config_bundle.h"
 
-using bytes = std::vector<uint8_t>;
-
-static void write_file(const char* path, const bytes& data) {
-    FILE* f = fopen(path, "w");
-    ASSERT_NE(f, nullptr);
-    fwrite(data.data(), 1, data.size(), f);
-    fclose(f);
-}
-
-static bytes read_file(const char* path) {
-    bytes out;
-    FILE* f = fopen(path, "r");
-    for (int c; f && (c = fgetc(f)) != EOF;) out.push_back((uint8_t)c);
-    if (f) fclose(f);
-    return out;
-}
-
 // The verifier's verdict, with what it printed.
 static std::string verify(bool* ok) {
     testing::internal::CaptureStdout();
@@ -78,12 +61,8 @@ TEST_F(Bundle, OneKeystreamAcrossChunks) {
 
 // Nothing is unpacked from a bundle that fails a check.
 TEST_F(Bundle, VerifierChecksInOrder) {
-    struct {
-        const char* name;
-        void (*alter)(bytes&);
-        const char* output;
-        const char* unpacked;  // nullptr: no plain file
-    } cases[] = {
+    // unpacked nullptr: no plain file
+    struct { const char* name; void (*alter)(bytes&); const char* output; const char* unpacked; } cases[] = {
         {"intact", [](bytes&) {}, "", "hello router\n"},
         {"title altered", [](bytes& b) { b[0] = 'X', b[22] = 'y'; }, "", "hello router\n"},
         {"format word", [](bytes& b) { b[43] = 0x21; }, "!ver\n", nullptr},
@@ -95,12 +74,7 @@ TEST_F(Bundle, VerifierChecksInOrder) {
         // An empty body needs the digest of nothing.
         {"empty body", [](bytes& b) { b.resize(48), b[44] = 48; }, "!md5(1)\n", nullptr},
         {"empty body, digest of nothing",
-         [](bytes& b) {
-             bytes header = hex("D41D8CD98F00B204E9800998ECF8427E 01000020 30000000");
-             b.resize(24);
-             b.insert(b.end(), header.begin(), header.end());
-         },
-         "", ""},
+         [](bytes& b) { b.resize(24), b = b + hex("D41D8CD98F00B204E9800998ECF8427E 01000020 30000000"); }, "", ""},
     };
     for (auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -28,8 +28,7 @@ bytes take(int fd, size_t n) {
     return b;
 }
 bytes greeting(const std::string& tag = "02 01") {
-    std::string text = "kelp-v3 utility server\n";
-    return bytes(text.begin(), text.end()) + hex("00 FF 01 23 45 67 89 AB CD EF " + tag);
+    return text("kelp-v3 utility server\n") + hex("00 FF 01 23 45 67 89 AB CD EF " + tag);
 }
 
 using script = std::function<void(int)>;
@@ -42,10 +41,7 @@ kelp::status converse(const script& device, const std::function<kelp::status(kel
     socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
     timeval tv{2, 0};
     setsockopt(fds[1], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    std::thread t([&] {
-        device(fds[1]);
-        shutdown(fds[1], SHUT_RDWR);
-    });
+    std::thread t([&] { device(fds[1]), shutdown(fds[1], SHUT_RDWR); });
     kelp::status st;
     {
         kelp::session s;
@@ -61,10 +57,7 @@ kelp::status converse(const script& device, const std::function<kelp::status(kel
 
 TEST(ClientConversation, FailuresByKind) {
     auto login = [](kelp::session& s) { return s.login("pw"); };
-    auto download = [](kelp::session& s) {
-        bytes got;
-        return kelp::download(s, &got);
-    };
+    auto download = [](kelp::session& s) { bytes got; return kelp::download(s, &got); };
     auto upload = [](kelp::session& s) { return kelp::upload(s, bytes(10, 1)); };
     bytes answered;  // what the device heard after a greeting with a wrong tag
     struct {

@@ -11,8 +11,6 @@
 using kelp::bytes;
 using kelp::error_kind;
 
-static bytes text(const std::string& s) { return bytes(s.begin(), s.end()); }
-
 TEST(ClientWire, GreetingTextMarkerAndTagAreChecked) {
     const bytes greeting = text("kelp-v3 utility server\n") + hex("00 FF 01 23 45 67 89 AB CD EF 02 01");
     uint8_t challenge[8];
@@ -27,10 +25,8 @@ TEST(ClientWire, GreetingTextMarkerAndTagAreChecked) {
 
 TEST(ClientWire, AuthReplyIsThePasswordUnderRc4KeyedByTheChallenge) {
     const uint8_t challenge[8] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
-    struct {
-        std::string password;
-        const char* reply;  // an empty password leaves the published keystream of key 0123456789ABCDEF
-    } rows[] = {
+    // reply: an empty password leaves the published keystream of key 0123456789ABCDEF
+    struct { std::string password; const char* reply; } rows[] = {
         {"", "02 01 74 94 C2 E7 10 4B 08 79 0D 4B D5 53 32 8F 1E FC 9B 1A E8 48 8E 80 3C 77 52 35 48 B7 76 8C CB D9"},
         {"secret", "02 01 07 F1 A1 95 75 3F 08 79 0D 4B D5 53 32 8F 1E FC 9B 1A E8 48 8E 80 3C 77 52 35 48 B7 76 8C CB D9"},
         // Over 31 characters: cut, and the last byte stays the terminator.
@@ -120,10 +116,7 @@ TEST(ClientBundle, HandBuiltBundleBothWays) {
 }
 
 TEST(ClientBundle, NamesTheFailingCheck) {
-    struct {
-        size_t flipped, size;
-        const char* names;
-    } rows[] = {
+    struct { size_t flipped, size; const char* names; } rows[] = {
         {43, 62, "format"}, {99, 63, "size"}, {99, 47, "size"},  // shorter than a header
         {61, 62, "digest"}, {0, 62, ""},  // the title is never checked
     };

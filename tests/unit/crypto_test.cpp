@@ -9,12 +9,8 @@
 #include "hex.h"
 
 TEST(Rc4, PublishedVectors) {
-    struct {
-        std::string key, plain;
-        const char* cipher;
-    } vectors[] = {
-        {"Key", "Plaintext", "bbf316e8d940af0ad3"},
-        {"Wiki", "pedia", "1021bf0420"},
+    struct { std::string key, plain; const char* cipher; } vectors[] = {
+        {"Key", "Plaintext", "bbf316e8d940af0ad3"}, {"Wiki", "pedia", "1021bf0420"},
         {"Secret", "Attack at dawn", "45a01f645fc35b383552544b9bf5"},
     };
     for (auto& v : vectors) {

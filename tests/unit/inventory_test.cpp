@@ -9,18 +9,12 @@
 
 namespace {
 
-std::string file_with(const std::string& text) {
-    char path[] = "/tmp/inventory-test-XXXXXX";
-    int fd = mkstemp(path);
-    close(fd);
-    router::write_file(path, text);
-    return path;
-}
-
 kelp::status load(const std::string& text, inventory* out, std::string* path = nullptr) {
-    std::string p = file_with(text);
+    char p[] = "/tmp/inventory-test-XXXXXX";
+    close(mkstemp(p));
+    router::write_file(p, text);
     kelp::status st = load_inventory(p, out);
-    unlink(p.c_str());
+    unlink(p);
     if (path) *path = p;
     return st;
 }
@@ -74,10 +68,7 @@ TEST(Inventory, ConstructsAndPrecedence) {
     // Each host once, in Ansible's order: ungrouped, then the top groups as
     // declared, then the groups they hold.
     EXPECT_EQ(names, (std::vector<std::string>{"edge1", "edge2", "lab-a", "lab-b", "r02", "r01", "r03"}));
-    struct {
-        const char* host;
-        std::string vars;
-    } rows[] = {
+    struct { const char* host; std::string vars; } rows[] = {
         {"edge1", "ansible_host=192.0.2.7 password_file=/etc/kelp/pw timeout=30 "},
         {"edge2", "ansible_port=8857 password_file=/etc/kelp/pw "},
         // routers (depth 2) over emea (depth 1) over all; the host's own last.
@@ -99,20 +90,16 @@ TEST(Inventory, ConstructsAndPrecedence) {
 }
 
 TEST(Inventory, BadLinesNameFileAndLine) {
-    struct {
-        std::string text;
-        const char* says;  // after "FILE:"; '@' stands for FILE
-    } rows[] = {
+    // says: after "FILE:"; '@' stands for FILE
+    struct { std::string text; const char* says; } rows[] = {
         {"[routers\nr1\n", "1: a section header is [GROUP], [GROUP:vars] or [GROUP:children]"},
         {"r1\n[routers:hosts2]\n", "2: unknown section kind ':hosts2'"},
         {"r1 port=abc\n", "1: port=abc is not a port (1 to 65535)"},
         {"r1 ansible_port=70000\n", "1: ansible_port=70000 is not a port"},
         {"\n\nr1 tls=maybe\n", "3: tls=maybe is not true or false"},
         {"r1 timeout=forever\n", "1: timeout=forever is not a duration"},
-        {"r1 pin=xyz\n", "1: pin=xyz is not a SHA-256 fingerprint"},
-        {"r1 junk\n", "1: 'junk' is not key=value"},
-        {"r1 x=\"open\n", "1: a quote is not closed"},
-        {"[g:vars]\nnovalue\n", "2: 'novalue' is not key=value"},
+        {"r1 pin=xyz\n", "1: pin=xyz is not a SHA-256 fingerprint"}, {"r1 junk\n", "1: 'junk' is not key=value"},
+        {"r1 x=\"open\n", "1: a quote is not closed"}, {"[g:vars]\nnovalue\n", "2: 'novalue' is not key=value"},
         // In a :vars section Ansible keeps a comment after a word in the value.
         {"[g]\nr1\n[g:vars]\ntls=true # lab\n", "4: tls=true # lab is not true or false (in a :vars section"},
         {"r1\n[g:vars]\nk=1\n", "2: no [g] or [g:children] section declares the group g"},
@@ -121,8 +108,7 @@ TEST(Inventory, BadLinesNameFileAndLine) {
         {"r[01:3]\n", "1: 'r[01:3]' has a range whose ends differ in width: write [01:03]"},
         {"r[0:9999]-[0:9999]\n", "1: its ranges make more than 100000 hosts"},
         {"../evil\n", "1: '../evil' is not a usable host name"},
-        {"[a:children]\nb c\n", "2: 'b c' is not a group name"},
-        {"[a:children]\nb\n[b:children]\na\n", " group "},
+        {"[a:children]\nb c\n", "2: 'b c' is not a group name"}, {"[a:children]\nb\n[b:children]\na\n", " group "},
         // Long lines are read, not recursed over.
         {"[g] # " + std::string(200000, 'x') + "\n[g:children] # " + std::string(200000, 'x') + "\nr1 x\n",
          "3: 'r1 x' is not a group name"},
@@ -144,37 +130,19 @@ TEST(Inventory, BadLinesNameFileAndLine) {
 TEST(Inventory, LimitPatterns) {
     inventory inv;
     ASSERT_TRUE(load(fleet, &inv));
-    struct {
-        std::string pattern;
-        const char* hosts;  // empty: an error naming the element
-    } rows[] = {
-        {"", "edge1 edge2 lab-a lab-b r02 r01 r03"},
-        {"routers", "r02 r01 r03"},
-        {"emea", "r02 r01 r03"},
-        {"r0*", "r02 r01 r03"},
-        {"edge1:lab", "edge1 lab-a lab-b r02"},
-        {"routers:!r02", "r01 r03"},
-        {"!r02:routers", "r01 r03"},
-        {"routers:&lab", "r02"},
-        {"!routers", "edge1 edge2 lab-a lab-b"},
+    // hosts empty: an error naming the element
+    struct { std::string pattern; const char* hosts; } rows[] = {
+        {"", "edge1 edge2 lab-a lab-b r02 r01 r03"}, {"routers", "r02 r01 r03"}, {"emea", "r02 r01 r03"},
+        {"r0*", "r02 r01 r03"}, {"edge1:lab", "edge1 lab-a lab-b r02"}, {"routers:!r02", "r01 r03"},
+        {"!r02:routers", "r01 r03"}, {"routers:&lab", "r02"}, {"!routers", "edge1 edge2 lab-a lab-b"},
         {"edge1,r01", "edge1 r01"},
         // Subscripts count the group's own order; [A:B] includes B.
-        {"routers[0]", "r01"},
-        {"routers[-1]", "r03"},
-        {"routers[1:2]", "r02 r03"},
-        {"lab[1:]", "lab-b r02"},
+        {"routers[0]", "r01"}, {"routers[-1]", "r03"}, {"routers[1:2]", "r02 r03"}, {"lab[1:]", "lab-b r02"},
         {"lab[1:0]", "lab-b"},  // Ansible reads [A:0] as [A]
         {"routers[0:1],edge2", "edge2 r02 r01"},
         // A glob's groups' hosts come before the hosts it names itself.
-        {"e*[3]", "edge1"},
-        {"~r0[13]", "r01 r03"},
-        {"~lab|edge", "edge1 edge2 lab-a lab-b r02"},
-        {"nosuch", ""},
-        {"routers:&edge*", ""},
-        {"routers:!nosuch", ""},
-        {"routers[3]", ""},
-        {"routers[:2]", ""},
-        {"~(", ""},
+        {"e*[3]", "edge1"}, {"~r0[13]", "r01 r03"}, {"~lab|edge", "edge1 edge2 lab-a lab-b r02"}, {"nosuch", ""},
+        {"routers:&edge*", ""}, {"routers:!nosuch", ""}, {"routers[3]", ""}, {"routers[:2]", ""}, {"~(", ""},
         {"~" + std::string(100000, 'r'), ""},
     };
     for (const auto& row : rows) {

@@ -29,25 +29,14 @@ TEST(ProgramBasename, SeparatorsAndExeSuffix) {
 }
 
 TEST(NextToken, DelimiterRules) {
-    struct {
-        const char* text;
-        int position;
-        const char* delimiters;
-        const char* token;
-        int end;
-    } cases[] = {
-        {"admin:abc:0", 0, "\n\r:", "admin", 5},
-        {"admin:abc:0", 5, "\n\r:", "abc", 9},
+    struct { const char* text; int position; const char* delimiters; const char* token; int end; } cases[] = {
+        {"admin:abc:0", 0, "\n\r:", "admin", 5}, {"admin:abc:0", 5, "\n\r:", "abc", 9},
         // An empty field is skipped: the next field becomes the token.
-        {"admin::0:0", 5, "\n\r:", "0", 8},
-        {"admin", 5, "\n\r:", "", 5},
-        {"", 0, "\n\r:", "", 0},
+        {"admin::0:0", 5, "\n\r:", "0", 8}, {"admin", 5, "\n\r:", "", 5}, {"", 0, "\n\r:", "", 0},
         {"x:hash\n", 1, "\n\r:", "hash", 6},
         // Default set: blanks, tabs, '=', brackets, parentheses and quotes.
-        {"  key = \"value\"", 0, nullptr, "key", 5},
-        {"  key = \"value\"", 5, nullptr, "value", 14},
-        {"[a](b)'c'\td", 0, nullptr, "a", 2},
-        {"\t\r\n", 0, nullptr, "", 3},
+        {"  key = \"value\"", 0, nullptr, "key", 5}, {"  key = \"value\"", 5, nullptr, "value", 14},
+        {"[a](b)'c'\td", 0, nullptr, "a", 2}, {"\t\r\n", 0, nullptr, "", 3},
     };
     for (auto& c : cases) {
         char out[64];

@@ -1,7 +1,6 @@
 // Session list records from untrusted text: hotspot lines and PPP info files.
 #include <gtest/gtest.h>
 
-#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -13,19 +12,8 @@
 #include "reports/hotspot_list.h"
 #include "reports/ppp_list.h"
 
-using bytes = std::vector<uint8_t>;
-
 // Bytes expected at an offset of a record.
-struct at {
-    size_t offset;
-    bytes want;
-};
-
-static bytes text(const std::string& s, size_t zeros = 0) {
-    bytes b(s.begin(), s.end());
-    b.resize(b.size() + zeros, 0);
-    return b;
-}
+struct at { size_t offset; bytes want; };
 
 static void expect_fields(const uint8_t* record, const std::vector<at>& fields) {
     for (const at& f : fields)
@@ -38,11 +26,7 @@ static void expect_fields(const uint8_t* record, const std::vector<at>& fields) 
 TEST(HotspotLine, Fields) {
     uint8_t r[316];
     memset(r, 0xAA, sizeof r);
-    struct {
-        std::string line;
-        int result;
-        std::vector<at> fields;
-    } rows[] = {
+    struct { std::string line; int result; std::vector<at> fields; } rows[] = {
         {"alice|10.0.0.5|00:11:22:33:44:55|1000|2000|30|40", 0,
          {{0, hex("00 00") + text("alice", 251) + text("10.0.0.5", 8) + text("00:11:22:33:44:55", 1) +
                   hex("E8 03 00 00 00 00 00 00  D0 07 00 00 00 00 00 00  1E 00 00 00  28 00 00 00")}}},
@@ -53,8 +37,7 @@ TEST(HotspotLine, Fields) {
         {std::string(300, 'n') + "|1234567890123456789|123456789012345678901|1|2|3|4", 0,
          {{256, hex("6E 00") + text("1234567890123456") + text("123456789012345678")}}},
         {"a|b|c|1|2|3", 1, {}},  // five separators
-        {"", 1, {}},
-        {"no separators at all", 1, {}},
+        {"", 1, {}}, {"no separators at all", 1, {}},
         // Numbers saturate; a seventh separator ends the last one.
         {"u|i|m|18446744073709551615|99999999999999999999|4294967296|7|extra", 0, {{292, bytes(20, 0xFF) + hex("07 00 00 00")}}},
         {"u|i|m| 5|+6|-1|12abc", 0, {{292, hex("05 00 00 00 00 00 00 00  06 00 00 00 00 00 00 00  FF FF FF FF  0C 00 00 00")}}},
@@ -71,19 +54,14 @@ TEST(HotspotLine, Fields) {
 
 class PppInfo : public ::testing::Test {
 protected:
-    void SetUp() override {
-        enter_private_dirs();
-        mkdir("/run/pppoe", 0755);
-    }
+    void SetUp() override { enter_private_dirs(), mkdir("/run/pppoe", 0755); }
 };
 
 // Every line loses its last character, newline or not; the record is
 // cleared first, and nothing is written past its 326 bytes.
 TEST_F(PppInfo, KeysFieldsAndTheLastCharacterRule) {
-    struct {
-        std::string file;  // empty: none
-        std::vector<at> fields;
-    } rows[] = {
+    // file empty: none
+    struct { std::string file; std::vector<at> fields; } rows[] = {
         {"", {{0, bytes(326, 0)}}},
         {"PPP=ppp0\nTYPE=pppoe\nREMOTE=10.1.1.1\nCBQRULE=12\nIGNORED=1\nno equals sign\nNAME=alice",
          {{0, hex("00 00") + text("alic", 252) + text("pppoe", 11) + text("ppp0", 4) + text("10.1.1.1", 8) +
@@ -91,8 +69,7 @@ TEST_F(PppInfo, KeysFieldsAndTheLastCharacterRule) {
         // A value is cut at its field's width; the last of a key wins.
         {"NAME=a=b\nPPP=ppp12345678\nCBQRULE=-1\nTYPE=first-long-type-value\nTYPE=x\n",
          {{2, text("a=b", 1)}, {258, text("x", 15) + text("ppp12345") + hex("00")}, {298, hex("FF FF FF FF")}}},
-        {"CBQRULE=abc\nCBQRULE= +7x\n", {{298, hex("00 00 00 07")}}},
-        {"CBQRULE=abc\n", {{298, hex("00 00 00 00")}}},
+        {"CBQRULE=abc\nCBQRULE= +7x\n", {{298, hex("00 00 00 07")}}}, {"CBQRULE=abc\n", {{298, hex("00 00 00 00")}}},
         {"CBQRULE=99999999999\n", {{298, hex("7F FF FF FF")}}},
         // Long lines come in pieces; a NUL hides the real end of a line.
         {"NAME=" + std::string(3000, 'z') + "\n" + std::string("TYPE=ab\0cd\nPPP", 15) + "\n=\nREMOTE=\n",
@@ -101,12 +78,7 @@ TEST_F(PppInfo, KeysFieldsAndTheLastCharacterRule) {
     for (auto& row : rows) {
         SCOPED_TRACE(row.file.substr(0, 40));
         unlink("/var/run/pppoe/info.ppp7");
-        if (!row.file.empty()) {
-            FILE* f = fopen("/var/run/pppoe/info.ppp7", "w");
-            ASSERT_NE(f, nullptr);
-            fwrite(row.file.data(), 1, row.file.size(), f);
-            fclose(f);
-        }
+        if (!row.file.empty()) write_file("/var/run/pppoe/info.ppp7", text(row.file));
         uint8_t r[326 + 16];
         memset(r, 0x5A, sizeof r);
         EXPECT_EQ(read_ppp_info(r, 7), row.file.empty() ? 0 : 1);

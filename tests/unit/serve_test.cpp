@@ -35,23 +35,17 @@ TEST(serve, hosts_spread_over_the_interval_and_keep_their_place) {
     saved["c"].next_due = 990;   // overdue, longer than d: before it
     saved["d"].next_due = 995;   // never-run "a" goes first
     s.set_hosts({host("a"), host("b"), host("c"), host("d")}, saved, 1000);
-    std::map<std::string, double> want = {{"a", 1000}, {"b", 1030}, {"c", 1020}, {"d", 1040}};
-    EXPECT_EQ(due_times(s), want);
+    EXPECT_EQ(due_times(s), (std::map<std::string, double>{{"a", 1000}, {"b", 1030}, {"c", 1020}, {"d", 1040}}));
     // Read again: "e" joins over one interval, "a" leaves, the rest stay.
     s.set_hosts({host("b"), host("c"), host("d"), host("e")}, {}, 1010);
-    want = {{"b", 1030}, {"c", 1020}, {"d", 1040}, {"e", 1010}};
-    EXPECT_EQ(due_times(s), want);
+    EXPECT_EQ(due_times(s), (std::map<std::string, double>{{"b", 1030}, {"c", 1020}, {"d", 1040}, {"e", 1010}}));
     EXPECT_DOUBLE_EQ(s.lag(1012), 2);
 }
 
 // A run in turn moves the host one interval on from its slot; a run out of
 // turn leaves its slot; a failure counts and waits the back-off.
 TEST(serve, runs_keep_each_hosts_place) {
-    auto runner = [](const inventory_host& h) {
-        host_run r;
-        if (h.name == "c") r.error = "refused";
-        return r;
-    };
+    auto runner = [](const inventory_host& h) { return host_run{h.name == "c" ? "refused" : "", "", "", ""}; };
     scheduler s(60, 2, runner, [](const host_state&, const host_run&) {});
     double start = now_seconds();
     s.set_hosts({host("a"), host("b"), host("c")}, {}, start);  // a at start, b +20, c +40
@@ -73,14 +67,9 @@ TEST(serve, runs_keep_each_hosts_place) {
 }
 
 TEST(serve, core_report_lines) {
-    struct row {
-        const char* report;
-        const char* model;
-        const char* firmware;
-    } rows[] = {
+    struct row { const char* report; const char* model; const char* firmware; } rows[] = {
         {"model: simulated kelp-v3 router\nuptime: 5 s\n", "simulated kelp-v3 router", ""},
-        {"uptime: 5 s\nfirmware:   3.2.1\nmodel:", "", "3.2.1"},
-        {"my model: x\n", "", ""},
+        {"uptime: 5 s\nfirmware:   3.2.1\nmodel:", "", "3.2.1"}, {"my model: x\n", "", ""},
     };
     for (const row& r : rows) {
         std::string model, firmware;
