@@ -471,8 +471,8 @@ status git_store::files_at(const std::string& rev, const std::string& folder, st
 
 status git_store::read_at(const std::string& rev, const std::string& path, std::string* content) {
     object_ptr obj;
-    std::string spec = (rev.empty() ? "HEAD" : rev) + ":" + path;
-    if (git_revparse_single(obj.out(), repo_, spec.c_str()) != 0 || git_object_type(obj) != GIT_OBJECT_BLOB)
+    std::string object_name = (rev.empty() ? "HEAD" : rev) + ":" + path;
+    if (git_revparse_single(obj.out(), repo_, object_name.c_str()) != 0 || git_object_type(obj) != GIT_OBJECT_BLOB)
         return fail(error_kind::local, "no file " + path + " at " + (rev.empty() ? "HEAD" : rev));
     const git_blob* blob = (const git_blob*)obj.p;
     content->assign((const char*)git_blob_rawcontent(blob), (size_t)git_blob_rawsize(blob));
@@ -487,8 +487,8 @@ status git_store::push(const std::string& remote_url, const std::string& remote_
     if (git_remote_create_anonymous(remote.out(), repo_, remote_url.c_str()) != 0)
         return git_failure("pushing to " + remote_url);
     std::string refspec = branch + ":" + (remote_branch.empty() ? branch : "refs/heads/" + remote_branch);
-    char* specs[] = {refspec.data()};
-    git_strarray refspecs = {specs, 1};
+    char* mappings[] = {refspec.data()};
+    git_strarray refspecs = {mappings, 1};
     git_push_options options;
     git_push_options_init(&options, GIT_PUSH_OPTIONS_VERSION);
     if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + remote_url);
