@@ -100,7 +100,7 @@ TEST_F(serve, token_and_tls) {
         {"kelputil serve -i $KELP_INVENTORY --into bk --listen 0.0.0.0:8751", 1,
          {"--listen 0.0.0.0:8751 is reachable from other machines: it needs --token-file and --tls-cert"}},
         {"echo 0123456789abcdef0123 > tok; chmod 644 tok; kelputil serve -i $KELP_INVENTORY --into bk --token-file tok",
-         1, {"the token file tok is readable by others: chmod 600 tok"}},
+         1, {"the token file tok has mode 0644, readable by others: chmod 600 tok"}},
         {"chmod 600 tok; kelputil serve -i $KELP_INVENTORY --into bk --token-file tok 2> log & echo $! > pid; "
          "until_in 'API on' log; " + code_of(api + "/hosts") + code_of("-H 'Authorization: Bearer wrong' " + api + "/hosts") +
              code_of("-H \"Authorization: Bearer $(cat tok)\" " + api + "/hosts") +

@@ -49,22 +49,6 @@ bool have_terminal() {
     return true;
 }
 
-status from_file(const std::string& path, std::string* out) {
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 077)) {
-        char mode[8];
-        snprintf(mode, sizeof mode, "%04o", st.st_mode & 07777);
-        return fail(error_kind::local, "the password file " + path + " has mode " + mode +
-                                           ", readable by others: chmod 600 " + path);
-    }
-    kelp::bytes text;
-    status s = read_input(path, &text, 4096);
-    if (!s) return s;
-    std::string line(text.begin(), text.end());
-    *out = line.substr(0, line.find_first_of("\r\n"));
-    if (out->empty()) return fail(error_kind::local, "the password file " + path + " is empty (its first line is the password)");
-    return kelp::ok();
-}
 
 status from_env(const std::string& name, std::string* out, bool* present) {
     const char* value = getenv(name.c_str());
@@ -114,7 +98,7 @@ status prompt(std::string* out) {
 
 status read_now(const password_source& src, std::string* out, bool* prompt_needed) {
     *prompt_needed = false;
-    if (!src.file.empty()) return from_file(src.file, out);
+    if (!src.file.empty()) return read_secret_line(src.file, "password", out);
     bool present = false;
     status s = from_env(src.env, out, &present);
     if (!s || present) return s;
@@ -150,4 +134,22 @@ kelp::password_fn password_provider(const password_source& src) {
         *out = shared->password;
         return kelp::ok();
     };
+}
+
+status read_secret_line(const std::string& path, const std::string& what, std::string* out) {
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 077)) {
+        char mode[8];
+        snprintf(mode, sizeof mode, "%04o", st.st_mode & 07777);
+        return fail(error_kind::local, "the " + what + " file " + path + " has mode " + mode +
+                                           ", readable by others: chmod 600 " + path);
+    }
+    kelp::bytes text;
+    status s = read_input(path, &text, 4096);
+    if (!s) return s;
+    std::string line(text.begin(), text.end());
+    *out = line.substr(0, line.find_first_of("\r\n"));
+    if (out->empty())
+        return fail(error_kind::local, "the " + what + " file " + path + " is empty (its first line is the " + what + ")");
+    return kelp::ok();
 }

@@ -22,3 +22,7 @@ kelp::status check_password_source(const password_source& src);
 // fleet: before its first connection); the answer is kept for later calls,
 // shared by every thread that holds the same provider.
 kelp::password_fn password_provider(const password_source& src);
+
+// The first line of a file that holds a secret (a password, the service's
+// token), refused when others may read the file, as ssh refuses such a key.
+kelp::status read_secret_line(const std::string& path, const std::string& what, std::string* out);

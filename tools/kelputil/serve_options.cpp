@@ -10,6 +10,7 @@
 #include "cli.h"
 #include "files.h"
 #include "outcome.h"
+#include "password.h"
 
 namespace {
 
@@ -85,16 +86,9 @@ std::string duration_of(const char* option, const std::string& text, long long m
     return "";
 }
 
-// The token file holds a secret: refused when others may read it.
 std::string read_token(const std::string& path, std::string* token) {
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0 && (st.st_mode & 077))
-        return "the token file " + path + " is readable by others: chmod 600 " + path;
-    kelp::bytes text;
-    kelp::status r = read_input(path, &text, 4096);
+    kelp::status r = read_secret_line(path, "token", token);
     if (!r) return r.message;
-    std::string line(text.begin(), text.end());
-    *token = line.substr(0, line.find_first_of("\r\n"));
     if (token->size() < 16) return "the token file " + path + " must hold a token of at least 16 characters";
     return "";
 }
