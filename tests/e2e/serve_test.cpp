@@ -53,7 +53,7 @@ TEST_F(serve, schedule_api_signals_and_restart) {
          "git -C bk show --name-only --format=%s HEAD; grep -c PASSWORD hookenv; "
          "grep -c 'KELPUTIL_HOST=router2' hookenv; curl -s http://127.0.0.1:8750/metrics | "
          "grep 'last_change_timestamp_seconds{host=\"router2\"}' | awk '$2 >= '$t' {print \"metric changed\"}'",
-         0, {"ok\ntrue\n", "2\nrouter2/config.dat M\nrouter2/config.plain M\nrouter2/config/config/fw.scr M\n",
+         0, {"ok\ntrue\n", "2\nconfig.dat M\nconfig.plain M\nconfig/config/fw.scr M\n",
              "+# one change\n1\n", "router2 config/config/fw.scr 5\n",  "\n2\n1\nbackup router2: configuration changed\n\n"
              "router2/config.dat\nrouter2/config.plain\nrouter2/config/config/fw.scr\n0\n1\nmetric changed"}},
         {"curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r '.ok, .changed, .message'; " +
@@ -84,7 +84,7 @@ TEST_F(serve, schedule_api_signals_and_restart) {
              code_of("-d '' " + api + "/hosts/router1/backup") + code_of("http://127.0.0.1:8750/healthz") + stop_serve +
              "sed -n '/stopping/,$p' log | grep -c 'router5: failed'; tail -1 log; "
              "git -C bk status --porcelain | wc -l; git -C bk fsck && echo fsck clean",
-         0, {"409 503 1\nkelputil serve: stopped\n0\n", "fsck clean"}},
+         0, {"409 503 1\n", "kelputil serve: stopped\n0\n", "fsck clean"}},
         {backup_counts + " > before; " + start_serve("log2") + "sleep 1; curl -s " + api +
              "/hosts | jq -r '.hosts[] | select(.name == \"router1\") | .state'; curl -s " + api +
              "/hosts | jq '[.hosts[] | select(.attempts_total == 0)] | length'; " + backup_counts + " | paste - before | "
@@ -144,7 +144,7 @@ TEST_F(serve, config_file_and_push) {
          "--disable-gpu --virtual-time-budget=5000 --dump-dom 'http://127.0.0.1:8750/#/hosts/router2' 2>/dev/null "
          "| sed 's/<[^>]*>/ /g' | tr -s ' \\n' ' '; " + stop_serve,
          0, {"Address 198.18.0.3 State ok Model simulated kelp-v3 router",
-             "backup router2: configuration changed router2/config.dat"}},
+             "backup router2: configuration changed config.dat"}},
         // A real Prometheus scrapes the service: one series per host.
         {"kelputil serve -i $KELP_INVENTORY --into bk3 --interval 2s 2> log & echo $! > pid; "
          "printf 'scrape_configs:\\n  - job_name: kelputil\\n    scrape_interval: 1s\\n    static_configs:\\n"

@@ -34,16 +34,20 @@ std::string seconds_text(long long ms) {
     return text;
 }
 
+}  // namespace
+
+std::string duration_problem(const std::string& text, long long min_ms, long long max_ms) {
+    long long ms = parse_duration_ms(text);
+    if (ms < 0) return "'" + text + "' is not a duration (e.g. 15, 2.5, 500ms, 2m)";
+    if (ms < min_ms || ms > max_ms)
+        return "'" + text + "' is out of range: " + seconds_text(min_ms) + " to " + seconds_text(max_ms);
+    return "";
+}
+
+namespace {
+
 CLI::Validator duration(long long min_ms, long long max_ms) {
-    return CLI::Validator(
-        [=](std::string& text) -> std::string {
-            long long ms = parse_duration_ms(text);
-            if (ms < 0) return "'" + text + "' is not a duration (e.g. 15, 2.5, 500ms, 2m)";
-            if (ms < min_ms || ms > max_ms)
-                return "'" + text + "' is out of range: " + seconds_text(min_ms) + " to " + seconds_text(max_ms);
-            return "";
-        },
-        "");
+    return CLI::Validator([=](std::string& text) { return duration_problem(text, min_ms, max_ms); }, "");
 }
 
 CLI::Validator whole_number(long long min, long long max, const char* what) {
@@ -223,7 +227,7 @@ void add_global_options(command_line& c) {
     app.add_option("--password-file", inv.password_file, "read the admin password from FILE (first line)")
         ->type_name("FILE");
     app.add_option("--timeout", c.timeout, "give up on a silent device after this long (default 15 s)")
-        ->check(duration(100, 3600 * 1000))
+        ->check(duration(timeout_min_ms, timeout_max_ms))
         ->type_name("DURATION");
     app.add_flag("--apply", c.apply, "after success, have the device apply its settings");
     app.add_flag("--reboot", c.reboot, "after success, have the device reboot");

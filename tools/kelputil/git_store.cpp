@@ -494,3 +494,118 @@ status git_store::push(const std::string& remote_url, const std::string& remote_
     if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + remote_url);
     return kelp::ok();
 }
+
+namespace {
+
+git_store::folder_change change_of(const git_commit* c, const git_oid& id) {
+    const char* summary = git_commit_summary(const_cast<git_commit*>(c));
+    return {short_id(&id), (double)git_commit_time(c), summary ? summary : ""};
+}
+
+bool id_starts(const git_oid& id, const std::string& prefix) {
+    char hex[GIT_OID_HEXSZ + 1];
+    git_oid_tostr(hex, sizeof hex, &id);
+    return !prefix.empty() && std::string(hex).rfind(prefix, 0) == 0;
+}
+
+// Walks the history from HEAD, newest first, with each commit's tree and its
+// parent's; visit returns false to stop.
+template <typename F>
+status walk_history(git_repository* repo, F visit) {
+    walk_ptr walk;
+    if (git_revwalk_new(walk.out(), repo) != 0) return git_failure("reading the history");
+    git_revwalk_sorting(walk, GIT_SORT_TOPOLOGICAL | GIT_SORT_TIME);
+    if (git_revwalk_push_head(walk) != 0) return kelp::ok();  // no commit yet
+    git_oid id;
+    while (git_revwalk_next(&id, walk) == 0) {
+        commit_ptr c;
+        tree_ptr tree, parent;
+        if (git_commit_lookup(c.out(), repo, &id) != 0) return git_failure("reading a commit");
+        status st = tree_of(repo, id, tree.out());
+        if (st) st = parent_tree_of(c, parent.out());
+        if (!st) return st;
+        if (!visit(id, (const git_commit*)c, (const git_tree*)tree, (const git_tree*)parent)) break;
+    }
+    return kelp::ok();
+}
+
+bool folder_changed(const git_tree* tree, const git_tree* parent, const std::string& folder) {
+    git_oid now = folder_id(tree, folder), before = folder_id(parent, folder);
+    return !git_oid_equal(&now, &before);
+}
+
+}  // namespace
+
+status git_store::last_changes(const std::vector<std::string>& folders, std::map<std::string, folder_change>* out) {
+    std::vector<std::string> left = folders;
+    return walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
+        for (size_t i = 0; i < left.size();) {
+            if (!folder_changed(tree, parent, left[i])) {
+                i++;
+                continue;
+            }
+            if (!git_tree_entry_byname(tree, left[i].c_str())) {
+                left.erase(left.begin() + i);  // removed last: nothing of it at HEAD
+                continue;
+            }
+            (*out)[left[i]] = change_of(c, id);
+            left.erase(left.begin() + i);
+        }
+        return !left.empty();
+    });
+}
+
+status git_store::changes_after(const std::string& folder, const std::string& after, std::vector<folder_change>* out,
+                                bool* found) {
+    *found = false;
+    out->clear();
+    status st = walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
+        if (id_starts(id, after)) {
+            *found = true;
+            return false;
+        }
+        if (folder_changed(tree, parent, folder)) out->insert(out->begin(), change_of(c, id));
+        return true;
+    });
+    if (!*found) out->clear();
+    return st;
+}
+
+status git_store::folders(std::vector<std::string>* out) {
+    out->clear();
+    tree_ptr head;
+    if (git_revparse_single((git_object**)head.out(), repo_, "HEAD^{tree}") != 0) return kelp::ok();  // no commit yet
+    for (size_t i = 0; i < git_tree_entrycount(head); i++) {
+        const git_tree_entry* e = git_tree_entry_byindex(head, i);
+        if (git_tree_entry_type(e) == GIT_OBJECT_TREE) out->push_back(git_tree_entry_name(e));
+    }
+    return kelp::ok();
+}
+
+status git_store::changes_between(double since, double until, size_t max, json* out) {
+    *out = json::array();
+    status failed;
+    status st = walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
+        double t = (double)git_commit_time(c);
+        if (t > until) return true;
+        if (t < since) return false;  // time order: nothing older can be in range
+        folder_change change = change_of(c, id);
+        for (size_t i = 0; i < git_tree_entrycount(tree) && out->size() < max; i++) {
+            const git_tree_entry* e = git_tree_entry_byindex(tree, i);
+            std::string folder = git_tree_entry_name(e);
+            if (git_tree_entry_type(e) != GIT_OBJECT_TREE || !folder_changed(tree, parent, folder)) continue;
+            diff_ptr d;
+            if (!(failed = folder_diff(repo_, parent, tree, folder, d.out()))) return false;
+            json files = json::array();
+            for (json f : changed_files(d)) {
+                std::string path = f["path"];
+                f["path"] = path.substr(folder.size() + 1);
+                files.push_back(f);
+            }
+            out->push_back({{"host", folder}, {"rev", change.commit}, {"time", (long long)t},
+                            {"message", change.subject}, {"files", files}});
+        }
+        return out->size() < max;
+    });
+    return st ? failed : st;
+}

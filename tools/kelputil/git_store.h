@@ -4,6 +4,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -63,6 +64,25 @@ public:
     kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths);
     kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
     kelp::status push(const std::string& remote, const std::string& remote_branch);
+
+    // For kelputil serve, which keeps git as the truth of what it backed up.
+    struct folder_change {
+        std::string commit;  // short id
+        double time = 0;     // Unix seconds
+        std::string subject;
+    };
+    // Each folder's newest change, in one walk of the history; a folder no
+    // commit holds is left out.
+    kelp::status last_changes(const std::vector<std::string>& folders, std::map<std::string, folder_change>* out);
+    // The changes of folder after the commit `after` (an id or its prefix),
+    // oldest first; *found is false when `after` is not among them.
+    kelp::status changes_after(const std::string& folder, const std::string& after, std::vector<folder_change>* out,
+                               bool* found);
+    // Every top-level folder of the last commit.
+    kelp::status folders(std::vector<std::string>* out);
+    // Each commit made in [since, until] with the folders it changed and their
+    // files (paths inside the folder), newest first, at most max entries.
+    kelp::status changes_between(double since, double until, size_t max, json* out);
 
 private:
     kelp::status check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id);

@@ -109,7 +109,9 @@ void api_server::add_routes() {
         {"GET", R"(/api/v1/hosts/([^/]+)/files)", get_file_list},
         {"GET", R"(/api/v1/hosts/([^/]+)/files/(.+))", get_file},
         {"POST", R"(/api/v1/hosts/([^/]+)/backup)", post_backup},
+        {"GET", R"(/api/v1/hosts/([^/]+)/attempts)", get_attempts},
         {"GET", "/api/v1/search", get_search},
+        {"GET", "/api/v1/changes", get_changes},
         {"GET", R"(/(?!api/).*)", get_page_file},
     };
     for (const route& r : routes) {

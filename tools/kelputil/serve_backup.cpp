@@ -32,29 +32,7 @@ status exclude_state_file(const std::string& dir, const std::string& state_file)
     return write_output(path, bytes(text.begin(), text.end()), 0644);
 }
 
-// The model and firmware line are kept with the state; a report that
-// fails does not fail the backup, which is already safe.
-void fetch_core_report(const kelp::target& t, backup_result* r) {
-    bytes text;
-    if (kelp::fetch_report(t, action_core_sysinfo, 0, &text))
-        read_core_report(std::string(text.begin(), text.end()), &r->model, &r->firmware);
-}
-
 }  // namespace
-
-void read_core_report(const std::string& report, std::string* model, std::string* firmware) {
-    size_t at = 0;
-    while (at < report.size()) {
-        size_t end = std::min(report.find('\n', at), report.size());
-        std::string line = report.substr(at, end - at);
-        at = end + 1;
-        for (auto [key, out] : {std::pair{"model:", model}, std::pair{"firmware:", firmware}}) {
-            if (line.rfind(key, 0) != 0) continue;
-            size_t value = line.find_first_not_of(' ', strlen(key));
-            *out = value == std::string::npos ? "" : line.substr(value);
-        }
-    }
-}
 
 status backup_store::open(const std::string& dir, const std::string& state_file, const std::vector<std::string>& hosts,
                           std::unique_ptr<backup_store>* out) {
@@ -82,13 +60,16 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
     host_snapshot taken;
     r.st = take_snapshot(t, staged, false, &taken);
     r.config_bytes = taken.config_bytes;
-    if (r.st) fetch_core_report(t, &r);
     std::lock_guard<std::mutex> hold(lock_);
     std::vector<std::string> changed;
     auto message = [&](const std::vector<std::string>&) {
         return "backup " + host + ": configuration changed\n\nby kelputil serve\n";
     };
-    if (r.st) r.st = git_->commit_staged({{host, staged}}, message, &changed, &r.commit);
+    if (r.st) {
+        r.st = git_->commit_staged({{host, staged}}, message, &changed, &r.commit);
+        r.repository_failure = !r.st;
+        r.unwritable = !r.st && (errno == ENOSPC || errno == EDQUOT);
+    }
     remove_tree(staged);
     return r;
 }

@@ -13,9 +13,11 @@
 
 struct backup_result {
     kelp::status st;
-    std::string commit;           // empty: nothing changed (or it failed)
-    std::string model, firmware;  // from the core report; empty when it gave none
+    std::string commit;  // empty: nothing changed (or it failed)
     size_t config_bytes = 0;
+    // The failure was ours, in staging or committing, not the host's; and
+    // then whether the repository cannot be written at all (a full disk).
+    bool repository_failure = false, unwritable = false;
 };
 
 class backup_store {
@@ -45,6 +47,3 @@ private:
     std::unique_ptr<git_store> git_;
     std::mutex lock_;
 };
-
-// The "model:" and "firmware:" lines of a core report, without their keys.
-void read_core_report(const std::string& report, std::string* model, std::string* firmware);

@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <thread>
-#include <vector>
 
 #include "net.h"
 #include "serve_log.h"
@@ -18,6 +16,8 @@ namespace {
 // against a hook that always hangs.
 constexpr int max_running = 4;
 constexpr size_t max_waiting = 10000;
+// Between the polite and the final signal to a hook's group.
+constexpr int grace_ms = 500;
 
 // The variables a hook sees: a clean environment, so that no password the
 // service was given reaches it.
@@ -42,74 +42,109 @@ pid_t spawn(const std::string& command, const std::vector<std::string>& env) {
         execle("/bin/sh", "sh", "-c", command.c_str(), (char*)nullptr, envp.data());
         _exit(127);
     }
+    if (pid > 0) setpgid(pid, pid);  // also here: no kill may reach a group not yet made
     return pid;
 }
 
-// The hook's status, or -1 when it ran out of time and was ended.
-int wait_bounded(pid_t pid, long long timeout_ms) {
-    long long deadline = kelp::monotonic_ms() + timeout_ms;
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (kelp::monotonic_ms() >= deadline) {
-            kill(-pid, SIGTERM);
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
-            kill(-pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return status;
+void end_group(pid_t pid) {
+    kill(-pid, SIGTERM);
+    std::this_thread::sleep_for(std::chrono::milliseconds(grace_ms));
+    kill(-pid, SIGKILL);
 }
 
 }  // namespace
 
 void hook_runner::start(const std::string& what, const std::string& command,
-                        const std::map<std::string, std::string>& vars) {
-    if (command.empty()) return;
-    std::lock_guard<std::mutex> hold(lock_);
-    if (waiting_.size() >= max_waiting) {
-        log_event(what + ": the hook is not run: " + std::to_string(max_waiting) + " hooks are waiting already");
+                        const std::map<std::string, std::string>& vars, done_fn done) {
+    if (command.empty()) {
+        if (done) done(true);
         return;
     }
-    waiting_.push_back({what, command, vars});
-    if (workers_ - busy_ > 0 || workers_ >= max_running) return;
-    workers_++;
-    std::thread([this] { work(); }).detach();
+    std::lock_guard<std::mutex> hold(lock_);
+    if (stopping_) return;
+    if (waiting_.size() >= max_waiting) {
+        log_event(what + ": the hook is not run: " + std::to_string(max_waiting) + " hooks are waiting already");
+        if (done) done(false);
+        return;
+    }
+    waiting_.push_back({what, command, vars, std::move(done)});
+    if ((int)workers_.size() < max_running && busy_ == (int)workers_.size())
+        workers_.emplace_back([this] { work(); });
+    wake_.notify_one();
 }
 
 void hook_runner::work() {
     std::unique_lock<std::mutex> hold(lock_);
-    while (!waiting_.empty()) {
+    while (true) {
+        wake_.wait(hold, [&] { return stopping_ || !waiting_.empty(); });
+        if (stopping_) return;
         job j = std::move(waiting_.front());
         waiting_.pop_front();
         busy_++;
         hold.unlock();
-        run(j);
+        bool ok = run(j);
+        if (j.done) j.done(ok);
         hold.lock();
         busy_--;
+        ended_.notify_all();
     }
-    workers_--;
-    ended_.notify_all();
 }
 
-void hook_runner::run(const job& j) {
+bool hook_runner::run(const job& j) {
     pid_t pid = spawn(j.command, hook_environment(j.vars));
     if (pid < 0) {
         log_event(j.what + ": cannot start the hook: out of processes");
-        return;
+        return false;
     }
-    int status = wait_bounded(pid, timeout_ms_);
+    int status = wait_bounded(pid);
     if (status == -1)
         log_event(j.what + ": the hook ran longer than " + seconds_text(timeout_ms_ / 1000.0) +
                   " and was ended (--hook-timeout)");
+    else if (status == -2)
+        log_event(j.what + ": the hook was ended: the service is stopping");
     else if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
         log_event(j.what + ": the hook failed with exit status " + std::to_string(WEXITSTATUS(status)));
     else if (WIFSIGNALED(status))
         log_event(j.what + ": the hook was killed by signal " + std::to_string(WTERMSIG(status)));
+    return status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-void hook_runner::drain(long long deadline_ms) {
+// The hook's status; -1 when it ran out of time, -2 when the service's stop
+// ended it.
+int hook_runner::wait_bounded(pid_t pid) {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        running_.insert(pid);
+    }
+    long long deadline = kelp::monotonic_ms() + timeout_ms_;
+    int status = 0, result = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        bool ending;
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            ending = ending_;
+        }
+        if (ending || kelp::monotonic_ms() >= deadline) {
+            end_group(pid);
+            waitpid(pid, &status, 0);
+            result = ending ? -2 : -1;
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::lock_guard<std::mutex> hold(lock_);
+    running_.erase(pid);
+    return result ? result : status;
+}
+
+void hook_runner::stop(long long deadline_ms) {
     std::unique_lock<std::mutex> hold(lock_);
-    ended_.wait_for(hold, std::chrono::milliseconds(deadline_ms), [&] { return workers_ == 0; });
+    stopping_ = true;
+    waiting_.clear();
+    wake_.notify_all();
+    ended_.wait_for(hold, std::chrono::milliseconds(deadline_ms), [&] { return busy_ == 0; });
+    ending_ = true;  // the hooks still running end with their groups
+    std::vector<std::thread> workers = std::move(workers_);
+    hold.unlock();
+    for (std::thread& t : workers) t.join();
 }

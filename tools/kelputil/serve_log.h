@@ -1,4 +1,6 @@
-// One line per event on standard error, which systemd sends to the journal.
+// One line per event on standard error. Under systemd (JOURNAL_STREAM set)
+// the journal stamps each line; elsewhere the line starts with its own
+// ISO 8601 time, as a log file needs.
 #pragma once
 
 #include <string>
@@ -6,3 +8,5 @@
 void log_event(const std::string& line);
 // "0.375 s", "12 s": a duration for the log.
 std::string seconds_text(double seconds);
+// "2026-11-24T23:59:01.123+00:00": a moment in local time, with its offset.
+std::string iso_time(double unix_seconds);

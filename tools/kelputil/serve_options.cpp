@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 #include "cli.h"
 #include "files.h"
@@ -14,11 +15,15 @@
 
 namespace {
 
+// Beyond a week a backup schedule is no schedule.
+constexpr long long max_interval_ms = 7LL * 24 * 3600 * 1000;
+
 struct serve_line {
     CLI::App app{"kelputil serve: back up every host of an inventory on a schedule, with an HTTP API and metrics",
                  "kelputil serve"};
     serve_options& o;
-    std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30", token_file;
+    std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30", stop_timeout = "20",
+                token_file;
     bool tls = false;
     explicit serve_line(serve_options& opts) : o(opts) {}
 };
@@ -55,8 +60,13 @@ void add_serve_options(serve_line& s) {
     s.app.add_option("--tls-cert", o.tls_cert, "serve HTTPS with this certificate")->type_name("FILE");
     s.app.add_option("--tls-key", o.tls_key, "and this key")->type_name("FILE");
     s.app.add_option("--on-change", o.on_change, "run CMD when a host's configuration changed")->type_name("CMD");
-    s.app.add_option("--on-failure", o.on_failure, "run CMD when a host's backup failed")->type_name("CMD");
+    s.app.add_option("--on-failure", o.on_failure, "run CMD when a host starts failing (once per failure streak)")
+        ->type_name("CMD");
+    s.app.add_option("--on-recovery", o.on_recovery, "run CMD when a failing host is backed up again")
+        ->type_name("CMD");
     s.app.add_option("--hook-timeout", s.hook_timeout, "end a hook after this long (default 30 s)")
+        ->type_name("DURATION");
+    s.app.add_option("--stop-timeout", s.stop_timeout, "at a stop, how long backups in flight may take (default 20 s)")
         ->type_name("DURATION");
     s.app.add_option("--push", o.push, "push to this git remote after each commit")->type_name("REMOTE");
     s.app.add_option("--push-branch", o.push_branch, "the remote's branch (default: the same as here)")
@@ -77,12 +87,11 @@ std::string split_listen(const std::string& text, std::string* host, int* port) 
     return "";
 }
 
-std::string duration_of(const char* option, const std::string& text, long long min_ms, long long* out) {
-    long long ms = parse_duration_ms(text);
-    if (ms < min_ms)
-        return std::string(option) + " " + text + ": give a duration of at least " + std::to_string(min_ms / 1000) +
-               " s (e.g. 90s, 15m, 1h)";
-    *out = ms;
+std::string duration_of(const char* option, const std::string& text, long long min_ms, long long max_ms,
+                        long long* out) {
+    std::string wrong = duration_problem(text, min_ms, max_ms);
+    if (!wrong.empty()) return std::string(option) + ": " + wrong;
+    *out = parse_duration_ms(text);
     return "";
 }
 
@@ -107,11 +116,14 @@ std::string check_security(const serve_line& s) {
 std::string settle(serve_line& s) {
     serve_options& o = s.o;
     std::string wrong = split_listen(s.listen, &o.listen_host, &o.listen_port);
-    if (wrong.empty()) wrong = duration_of("--interval", s.interval, 1000, &o.interval_ms);
     long long timeout = 0;
-    if (wrong.empty()) wrong = duration_of("--timeout", s.timeout, 100, &timeout);
+    if (wrong.empty()) wrong = duration_of("--interval", s.interval, 1000, max_interval_ms, &o.interval_ms);
+    if (wrong.empty()) wrong = duration_of("--timeout", s.timeout, timeout_min_ms, timeout_max_ms, &timeout);
     o.conn.timeout_ms = (int)timeout;
-    if (wrong.empty()) wrong = duration_of("--hook-timeout", s.hook_timeout, 100, &o.hook_timeout_ms);
+    if (wrong.empty())
+        wrong = duration_of("--hook-timeout", s.hook_timeout, timeout_min_ms, timeout_max_ms, &o.hook_timeout_ms);
+    if (wrong.empty())
+        wrong = duration_of("--stop-timeout", s.stop_timeout, 1000, timeout_max_ms, &o.stop_deadline_ms);
     if (wrong.empty() && s.tls && o.conn.plain) wrong = "--plain and --tls exclude each other";
     if (wrong.empty()) wrong = check_security(s);
     if (wrong.empty() && !s.token_file.empty()) wrong = read_token(s.token_file, &o.token);
@@ -138,7 +150,54 @@ std::vector<char*> without_command(int argc, char** argv) {
     return args;
 }
 
+// --config FILE's path in the arguments, "" without one.
+std::string config_path(const std::vector<char*>& args) {
+    for (size_t i = 1; i < args.size(); i++) {
+        std::string a = args[i];
+        if (a == "--config" && i + 1 < args.size()) return args[i + 1];
+        if (a.rfind("--config=", 0) == 0) return a.substr(9);
+    }
+    return "";
+}
+
+std::string trimmed(const std::string& s) {
+    size_t b = s.find_first_not_of(" \t\r"), e = s.find_last_not_of(" \t\r");
+    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
+}
+
+// A key the service does not know is most likely a typo: an error naming
+// FILE:LINE and the nearest key, rather than a setting silently lost.
+std::string check_config_keys(const CLI::App& app, const std::string& path) {
+    kelp::bytes data;
+    if (path.empty() || !read_input(path, &data, 1 << 20)) return "";  // the parser names a missing file
+    std::vector<std::string> known;
+    for (const CLI::Option* o : app.get_options())
+        for (const std::string& name : o->get_lnames()) known.push_back(name);
+    std::string text(data.begin(), data.end());
+    int number = 0;
+    for (size_t at = 0; at < text.size(); number++) {
+        size_t end = std::min(text.find('\n', at), text.size());
+        std::string line = trimmed(text.substr(at, end - at));
+        at = end + 1;
+        size_t eq = line.find('=');
+        if (line.empty() || line[0] == '#' || line[0] == ';' || line[0] == '[' || eq == std::string::npos) continue;
+        std::string key = trimmed(line.substr(0, eq));
+        if (key.size() >= 2 && key.front() == '"' && key.back() == '"') key = key.substr(1, key.size() - 2);
+        if (std::find(known.begin(), known.end(), key) != known.end()) continue;
+        std::string best = closest(key, known);
+        return path + ":" + std::to_string(number + 1) + ": unknown key '" + key + "'" +
+               (best.empty() ? "" : " (did you mean '" + best + "'?)") + "; kelputil serve --help lists the keys";
+    }
+    return "";
+}
+
 }  // namespace
+
+long long run_bound_ms(const serve_options& o) {
+    constexpr int sessions = 3;              // the backup and two reports
+    constexpr long long commit_ms = 30000;  // a commit on a slow disk
+    return sessions * (long long)o.conn.timeout_ms + commit_ms;
+}
 
 bool is_loopback(const std::string& host) {
     struct in_addr v4;
@@ -157,6 +216,11 @@ int parse_serve_command_line(int argc, char** argv, serve_options* out) {
         if (strcmp(argv[i], "--json") == 0) out->conn.json = true;
     try {
         std::vector<char*> args = without_command(argc, argv);
+        std::string wrong_key = check_config_keys(s.app, config_path(args));
+        if (!wrong_key.empty()) {
+            print_usage_error(out->conn.json, "serve: " + wrong_key, "kelputil serve -i INVENTORY --into DIR [OPTIONS]");
+            return exit_usage;
+        }
         s.app.parse((int)args.size(), args.data());
     } catch (const CLI::CallForHelp& e) {
         return s.app.exit(e);

@@ -16,11 +16,18 @@ struct serve_options {
     int jobs = 16;
     std::string token;  // from --token-file; empty: no token asked
     std::string tls_cert, tls_key;
-    std::string on_change, on_failure;
+    std::string on_change, on_failure, on_recovery;
     long long hook_timeout_ms = 30000;
     std::string push, push_branch;
-    long long stop_deadline_ms = 10000;
+    // How long a stop lets backups in flight finish: below systemd's
+    // TimeoutStopSec=30 of the unit, with room for the commit and the exit.
+    long long stop_deadline_ms = 20000;
 };
+
+// The longest one host's backup may take (a session per report, each
+// bounded by --timeout, and the commit): a wait=1 answer's bound, and past
+// it a running host counts as stuck.
+long long run_bound_ms(const serve_options& o);
 
 // Fills *out from argv ("kelputil [OPTIONS] serve [OPTIONS]"). Returns -1
 // to go on, or the exit status to end with (its message already printed).

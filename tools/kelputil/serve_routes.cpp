@@ -3,6 +3,7 @@
 #include <httplib.h>
 #include <time.h>
 
+#include "json_bytes.h"
 #include "serve_log.h"
 #include "serve_metrics.h"
 #include "serve_search.h"
@@ -12,27 +13,44 @@ using nlohmann::json;
 
 namespace {
 
+// One answer of /changes lists at most this many hosts' commits.
+constexpr size_t max_changes = 1000;
+
 json seconds_or_null(double t) { return t > 0 ? json((long long)t) : json(nullptr); }
 
 json text_or_null(const std::string& s) { return s.empty() ? json(nullptr) : json(s); }
 
-// "2026-11-24 05:12:00", local time as git_store writes it, in Unix seconds.
-long long unix_time(const std::string& text) {
-    struct tm t {};
-    if (!strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &t)) return 0;
-    t.tm_isdst = -1;
-    return (long long)mktime(&t);
+// A path inside the host's folder, as every answer gives it.
+std::string in_host(const std::string& host, const std::string& path) {
+    return path.rfind(host + "/", 0) == 0 ? path.substr(host.size() + 1) : path;
 }
 
-json history_json(const json& entries) {
+json files_in_host(const std::string& host, const json& files) {
+    json out = json::array();
+    for (json f : files) {
+        f["path"] = in_host(host, f["path"].get<std::string>());
+        out.push_back(f);
+    }
+    return out;
+}
+
+json history_json(const std::string& host, const json& entries) {
     json out = json::array();
     for (const json& e : entries) {
         out.push_back({{"rev", e["commit"]},
-                       {"time", unix_time(e["date"].get<std::string>())},
+                       {"time", e.contains("time") ? e["time"] : json(nullptr)},
                        {"message", e["subject"]},
-                       {"files", e["files"]}});
+                       {"files", files_in_host(host, e["files"])}});
     }
     return out;
+}
+
+// Unix seconds from a query, or fallback when absent; false when not a number.
+bool seconds_param(const std::string& text, double fallback, double* out) {
+    if (text.empty()) return *out = fallback, true;
+    char* end = nullptr;
+    *out = strtod(text.c_str(), &end);
+    return *end == '\0' && *out >= 0;
 }
 
 std::string query(const httplib::Request& req, const char* key) {
@@ -57,18 +75,20 @@ static bool find_host(service& s, const httplib::Request& req, httplib::Response
 
 void answer(httplib::Response& res, int status, const json& body) {
     res.status = status;
-    // A router's bytes that are not UTF-8 show as U+FFFD rather than fail the answer.
-    res.set_content(body.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
+    // A router's bytes that are not UTF-8 travel as kelputil --json gives them.
+    res.set_content(printable(body).dump(), "application/json");
 }
 
 void answer_error(httplib::Response& res, int status, const std::string& message) {
     answer(res, status, {{"error", message}});
 }
 
-json host_json(const host_state& h) {
+json host_json(const host_state& h, double now, double interval) {
     return {{"name", h.name},
             {"address", h.address},
             {"state", scheduler::verdict(h)},
+            {"overdue", is_overdue(h, now, interval)},
+            {"since", seconds_or_null(h.since)},
             {"last_attempt", seconds_or_null(h.last_attempt)},
             {"last_success", seconds_or_null(h.last_success)},
             {"last_change", seconds_or_null(h.last_change)},
@@ -83,22 +103,31 @@ json host_json(const host_state& h) {
             {"firmware", text_or_null(h.firmware)}};
 }
 
+static json host_json(service& s, const host_state& h) {
+    return host_json(h, s.schedule().wall_now(), s.schedule().interval());
+}
+
 void get_healthz(service& s, const httplib::Request&, httplib::Response& res) {
-    if (s.schedule().running())
-        res.set_content("ok\n", "text/plain");
-    else
-        answer_error(res, 503, "the scheduler is not running");
+    std::vector<std::string> reasons = s.health().reasons(s.schedule(), s.options().into);
+    if (reasons.empty()) return answer(res, 200, {{"status", "ok"}});
+    answer(res, 503, {{"status", "failing"}, {"error", reasons[0]}, {"reasons", reasons}});
 }
 
 void get_metrics(service& s, const httplib::Request&, httplib::Response& res) {
-    res.set_content(metrics_text(s.schedule(), now_seconds(), s.options().interval_ms / 1000.0),
+    res.set_content(metrics_text(s.schedule(), s.health().figures(), !s.options().push.empty()),
                     "text/plain; version=0.0.4");
 }
 
 void get_hosts(service& s, const httplib::Request&, httplib::Response& res) {
     json hosts = json::array();
-    for (const host_state& st : s.schedule().hosts()) hosts.push_back(host_json(st));
-    answer(res, 200, {{"interval", s.options().interval_ms / 1000.0}, {"hosts", hosts}});
+    for (const host_state& st : s.schedule().hosts()) hosts.push_back(host_json(s, st));
+    json retired = json::array();
+    for (const auto& [name, c] : s.retired_hosts())
+        retired.push_back({{"name", name}, {"last_commit", text_or_null(c.commit)}, {"last_change", seconds_or_null(c.time)}});
+    answer(res, 200, {{"interval", s.schedule().interval()},
+                      {"started", (long long)s.schedule().started()},
+                      {"hosts", hosts},
+                      {"retired", retired}});
 }
 
 void get_host(service& s, const httplib::Request& req, httplib::Response& res) {
@@ -107,8 +136,8 @@ void get_host(service& s, const httplib::Request& req, httplib::Response& res) {
     json history;
     kelp::status r = s.store().read([&](git_store& git) { return git.history(st.name, &history); });
     if (!r) return answer_error(res, 500, r.message);
-    json out = host_json(st);
-    out["history"] = history_json(history);
+    json out = host_json(s, st);
+    out["history"] = history_json(st.name, history);
     answer(res, 200, out);
 }
 
@@ -133,29 +162,34 @@ void get_diff(service& s, const httplib::Request& req, httplib::Response& res) {
         return h ? git.diff(st.name, from, to, &patch, &files) : h;
     });
     if (!r) return answer_error(res, 404, r.message);
-    json out = {{"host", st.name}, {"to", to.empty() ? "HEAD" : to}, {"files", files}, {"patch", patch}};
+    json out = {{"host", st.name}, {"to", to.empty() ? "HEAD" : to}, {"files", files_in_host(st.name, files)},
+                {"patch", patch}};
     if (!from.empty()) out["from"] = from;
     answer(res, 200, out);
 }
 
+// A host never backed up has no files yet: an empty list with its state.
 void get_file_list(service& s, const httplib::Request& req, httplib::Response& res) {
     host_state st;
     std::string rev = query(req, "rev");
     std::vector<std::string> paths;
     if (!find_host(s, req, res, &st)) return;
     if (!plain_revision(rev)) return answer_error(res, 400, "rev is a commit id (or HEAD, HEAD~N)");
-    kelp::status r = s.store().read([&](git_store& git) { return git.files_at(rev, st.name, &paths); });
-    if (!r) return answer_error(res, 404, r.message);
     json files = json::array();
-    s.store().read([&](git_store& git) {
-        for (const std::string& p : paths) {
-            std::string content;
-            git.read_at(rev, st.name + "/" + p, &content);
-            files.push_back({{"path", p}, {"size", content.size()}});
-        }
-        return 0;
-    });
-    answer(res, 200, {{"host", st.name}, {"rev", rev.empty() ? "HEAD" : rev}, {"files", files}});
+    if (!st.last_commit.empty() || !rev.empty()) {
+        kelp::status r = s.store().read([&](git_store& git) { return git.files_at(rev, st.name, &paths); });
+        if (!r) return answer_error(res, 404, r.message);
+        s.store().read([&](git_store& git) {
+            for (const std::string& p : paths) {
+                std::string content;
+                git.read_at(rev, st.name + "/" + p, &content);
+                files.push_back({{"path", p}, {"size", content.size()}});
+            }
+            return 0;
+        });
+    }
+    answer(res, 200, {{"host", st.name}, {"rev", rev.empty() ? "HEAD" : rev}, {"state", scheduler::verdict(st)},
+                      {"files", files}});
 }
 
 void get_file(service& s, const httplib::Request& req, httplib::Response& res) {
@@ -179,10 +213,10 @@ void post_backup(service& s, const httplib::Request& req, httplib::Response& res
     if (wait != "1") return answer(res, 202, {{"host", name}, {"queued", true}});
     host_state st;
     host_run r;
-    long long bound = 4LL * s.options().conn.timeout_ms + 30000;
+    long long bound = run_bound_ms(s.options()) + s.options().conn.timeout_ms;
     if (!s.schedule().wait_for(name, ticket, bound, &st, &r))
         return answer_error(res, 504, name + "'s backup did not finish in " + seconds_text(bound / 1000.0));
-    json out = host_json(st);
+    json out = host_json(s, st);
     out["ok"] = r.error.empty();
     out["changed"] = !r.commit.empty();
     out["commit"] = text_or_null(r.commit);
@@ -197,6 +231,34 @@ void get_search(service& s, const httplib::Request& req, httplib::Response& res)
     for (const host_state& st : s.schedule().hosts()) names.push_back(st.name);
     json matches = s.store().read([&](git_store& git) { return search_files(git, names, q); });
     answer(res, 200, {{"q", q}, {"matches", matches}});
+}
+
+void get_attempts(service& s, const httplib::Request& req, httplib::Response& res) {
+    host_state st;
+    std::vector<attempt> list;
+    if (!find_host(s, req, res, &st)) return;
+    kelp::status r = s.state().attempts(st.name, &list);
+    if (!r) return answer_error(res, 500, r.message);
+    json out = json::array();
+    for (const attempt& a : list)
+        out.push_back({{"time", seconds_or_null(a.time)},
+                       {"duration", a.duration},
+                       {"result", a.result},
+                       {"error", text_or_null(a.error)},
+                       {"commit", text_or_null(a.commit)}});
+    answer(res, 200, {{"host", st.name}, {"attempts", out}});
+}
+
+// Every host's commits in a time range, newest first.
+void get_changes(service& s, const httplib::Request& req, httplib::Response& res) {
+    double now = s.schedule().wall_now(), since = 0, until = 0;
+    if (!seconds_param(query(req, "since"), now - 7 * 24 * 3600, &since) ||
+        !seconds_param(query(req, "until"), now, &until) || since > until)
+        return answer_error(res, 400, "since and until are Unix seconds, since before until (default: the last 7 days)");
+    json changes;
+    kelp::status r = s.store().read([&](git_store& git) { return git.changes_between(since, until, max_changes, &changes); });
+    if (!r) return answer_error(res, 500, r.message);
+    answer(res, 200, {{"since", (long long)since}, {"until", (long long)until}, {"changes", changes}});
 }
 
 void get_page_file(service&, const httplib::Request& req, httplib::Response& res) {

@@ -24,8 +24,10 @@ void get_file_list(service& s, const httplib::Request& req, httplib::Response& r
 void get_file(service& s, const httplib::Request& req, httplib::Response& res);
 void post_backup(service& s, const httplib::Request& req, httplib::Response& res);
 void get_search(service& s, const httplib::Request& req, httplib::Response& res);
+void get_attempts(service& s, const httplib::Request& req, httplib::Response& res);
+void get_changes(service& s, const httplib::Request& req, httplib::Response& res);
 // The operator's web page: its files, built into the program.
 void get_page_file(service& s, const httplib::Request& req, httplib::Response& res);
 
-// A host's state as the API shows it.
-nlohmann::json host_json(const host_state& h);
+// A host's state as the API shows it, at now (wall time).
+nlohmann::json host_json(const host_state& h, double now, double interval);

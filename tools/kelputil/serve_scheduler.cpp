@@ -1,50 +1,100 @@
 #include "serve_scheduler.h"
 
+#include <ctype.h>
 #include <math.h>
 #include <time.h>
 
 #include <algorithm>
 #include <chrono>
 
-double now_seconds() {
+namespace {
+
+double clock_seconds(clockid_t which) {
     struct timespec t;
-    clock_gettime(CLOCK_REALTIME, &t);
+    clock_gettime(which, &t);
     return t.tv_sec + t.tv_nsec / 1e9;
 }
+
+std::string address_of(const inventory_host& h) {
+    auto a = h.vars.find("ansible_host");
+    return a != h.vars.end() ? a->second : h.name;
+}
+
+}  // namespace
+
+double now_seconds() { return clock_seconds(CLOCK_REALTIME); }
+
+schedule_clock real_clock() { return {[] { return clock_seconds(CLOCK_MONOTONIC); }, now_seconds}; }
 
 double retry_delay(double interval, int failures) {
     double delay = interval / 16 * pow(2, std::max(failures, 1) - 1);
     return std::min(delay, interval / 2);
 }
 
-scheduler::scheduler(double interval, int jobs, host_runner runner, run_listener listener)
-    : interval_(interval), jobs_(jobs), runner_(std::move(runner)), listener_(std::move(listener)) {}
+bool is_overdue(const host_state& h, double now, double interval) {
+    return now - std::max(h.last_success, h.since) > 2 * interval;
+}
+
+bool natural_less(const std::string& a, const std::string& b) {
+    size_t i = 0, j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (isdigit((unsigned char)a[i]) && isdigit((unsigned char)b[j])) {
+            size_t ei = i, ej = j;
+            while (ei < a.size() && isdigit((unsigned char)a[ei])) ei++;
+            while (ej < b.size() && isdigit((unsigned char)b[ej])) ej++;
+            // Without leading zeros the longer run is the larger number.
+            size_t zi = a.find_first_not_of('0', i), zj = b.find_first_not_of('0', j);
+            std::string x = a.substr(std::min(zi, ei), ei - std::min(zi, ei));
+            std::string y = b.substr(std::min(zj, ej), ej - std::min(zj, ej));
+            if (x.size() != y.size()) return x.size() < y.size();
+            if (x != y) return x < y;
+            i = ei, j = ej;
+            continue;
+        }
+        if (a[i] != b[j]) return (unsigned char)a[i] < (unsigned char)b[j];
+        i++, j++;
+    }
+    if (a.size() - i != b.size() - j) return a.size() - i < b.size() - j;
+    return a < b;  // "r01" and "r1": still one order
+}
+
+scheduler::scheduler(double interval, int jobs, host_runner runner, run_listener listener, schedule_clock clock)
+    : interval_(interval), jobs_(jobs), runner_(std::move(runner)), listener_(std::move(listener)),
+      clock_(std::move(clock)) {
+    started_mono_ = clock_.monotonic();
+    started_wall_ = clock_.wall();
+}
 
 scheduler::~scheduler() { stop(0); }
 
-void scheduler::set_hosts(const std::vector<inventory_host>& hosts, const std::map<std::string, host_state>& saved,
-                          double now) {
+void scheduler::set_hosts(const std::vector<inventory_host>& hosts, const std::map<std::string, host_state>& saved) {
     std::lock_guard<std::mutex> hold(lock_);
+    double now = clock_.monotonic(), wall = clock_.wall();
     std::map<std::string, entry> next;
     std::vector<entry*> to_spread;
     for (const inventory_host& h : hosts) {
         auto known = hosts_.find(h.name);
         if (known != hosts_.end()) {
-            next[h.name] = std::move(known->second);
-            next[h.name].host = h;
+            entry& e = next[h.name] = std::move(known->second);
+            e.host = h;
+            e.state.address = address_of(h);
             continue;
         }
         entry& e = next[h.name];
         e.host = h;
+        e.since = now;
         auto s = saved.find(h.name);
         if (s != saved.end()) e.state = s->second;
         e.state.name = h.name;
-        if (e.state.next_due <= now) to_spread.push_back(&e);
+        e.state.address = address_of(h);
+        e.due = e.state.next_due > 0 ? e.state.next_due - wall + now : -HUGE_VAL;  // never run: first
+        if (e.due <= now) to_spread.push_back(&e);
     }
     // The longest waiting first, each a step of interval / n later.
-    std::stable_sort(to_spread.begin(), to_spread.end(),
-                     [](const entry* a, const entry* b) { return a->state.next_due < b->state.next_due; });
-    for (size_t i = 0; i < to_spread.size(); i++) to_spread[i]->state.next_due = now + interval_ * i / to_spread.size();
+    std::stable_sort(to_spread.begin(), to_spread.end(), [](const entry* a, const entry* b) { return a->due < b->due; });
+    for (size_t i = 0; i < to_spread.size(); i++) to_spread[i]->due = now + interval_ * i / to_spread.size();
+    for (auto& [name, e] : hosts_)
+        if (!next.count(name)) release_waiters(e, false);
     hosts_ = std::move(next);
     wake_.notify_all();
 }
@@ -58,7 +108,9 @@ void scheduler::start() {
 bool scheduler::stop(long long deadline_ms) {
     std::unique_lock<std::mutex> hold(lock_);
     stopping_ = true;
+    for (auto& [name, e] : hosts_) release_waiters(e, false);
     wake_.notify_all();
+    done_.notify_all();
     bool all = done_.wait_for(hold, std::chrono::milliseconds(deadline_ms), [&] { return in_flight_ == 0; });
     std::vector<std::thread> workers = std::move(workers_);
     hold.unlock();
@@ -87,11 +139,11 @@ scheduler::entry* scheduler::pick(double now, double* wake) {
             if (!best || !best->front || e.front < best->front) best = &e;
             continue;
         }
-        if (e.state.next_due > now) {
-            *wake = std::min(*wake, e.state.next_due);
+        if (e.due > now) {
+            *wake = std::min(*wake, e.due);
             continue;
         }
-        if (!best || (!best->front && e.state.next_due < best->state.next_due)) best = &e;
+        if (!best || (!best->front && e.due < best->due)) best = &e;
     }
     return best;
 }
@@ -99,66 +151,107 @@ scheduler::entry* scheduler::pick(double now, double* wake) {
 void scheduler::work() {
     std::unique_lock<std::mutex> hold(lock_);
     while (!stopping_) {
-        double now = now_seconds(), wake = 0;
+        double now = clock_.monotonic(), wake = 0;
         entry* e = pick(now, &wake);
         if (!e) {
-            auto until = std::chrono::system_clock::time_point(std::chrono::microseconds((long long)(wake * 1e6)));
-            wake_.wait_until(hold, until);
+            wake_.wait_for(hold, std::chrono::microseconds((long long)((wake - now) * 1e6) + 1));
             continue;
         }
         e->running = true;
+        e->run_start = now;
         e->front = 0;
         in_flight_++;
         inventory_host host = e->host;
+        host_state before = shown(*e);
         hold.unlock();
         host_run r;
         try {
-            r = runner_(host);
+            r = runner_(host, before);
         } catch (const std::exception& ex) {
             r.error = std::string("internal error: ") + ex.what();
         }
         hold.lock();
-        auto it = hosts_.find(host.name);
-        if (it != hosts_.end()) finish(it->second, now, r);
+        finish(hold, host.name, now, r);
         in_flight_--;
         done_.notify_all();
     }
 }
 
-void scheduler::finish(entry& e, double start, const host_run& r) {
-    double now = now_seconds();
+// The new state under the lock; the listener (which saves it, and may take
+// an fsync) outside it; only then may the host run again.
+void scheduler::finish(std::unique_lock<std::mutex>& hold, const std::string& name, double start, const host_run& r) {
+    auto it = hosts_.find(name);
+    if (it == hosts_.end()) return;  // it left the schedule while running
+    double now = clock_.monotonic(), wall = clock_.wall();
+    entry& e = it->second;
     host_state& s = e.state;
-    s.address = e.host.vars.count("ansible_host") ? e.host.vars.at("ansible_host") : e.host.name;
-    s.last_attempt = start;
+    int failures_before = s.consecutive_failures;
+    s.last_attempt = wall - (now - start);
     s.last_duration = now - start;
     s.attempts++;
     if (r.error.empty()) {
-        s.last_success = now;
+        s.last_success = wall;
         s.consecutive_failures = 0;
         s.last_error.clear();
-        if (!r.commit.empty()) s.last_change = now, s.last_commit = r.commit;
-        if (!r.model.empty()) s.model = r.model;
-        if (!r.firmware.empty()) s.firmware = r.firmware;
+        if (!r.commit.empty()) s.last_change = wall, s.last_commit = r.commit;
+        if (r.reports_read) {
+            if (!r.model.empty()) s.model = r.model;
+            if (!r.firmware.empty()) s.firmware = r.firmware;
+            s.uptime = r.uptime;
+            s.reports_time = wall;
+        }
         // Keep the host's place in the interval; a run out of turn does not move it.
-        double due = s.next_due <= start ? s.next_due + interval_ : s.next_due;
-        s.next_due = due > now ? due : now + interval_;
+        double due = e.due <= start ? e.due + interval_ : e.due;
+        e.due = due > now ? due : now + interval_;
     } else {
         s.failures++;
         s.consecutive_failures++;
         s.last_error = r.error;
-        s.next_due = now + retry_delay(interval_, s.consecutive_failures);
+        e.due = now + retry_delay(interval_, s.consecutive_failures);
     }
-    e.running = false;
-    e.runs++;
     e.last = r;
-    listener_(s, r);
+    host_state snapshot = shown(e);
+    hold.unlock();
+    listener_(snapshot, r, failures_before);
+    hold.lock();
+    it = hosts_.find(name);
+    if (it == hosts_.end()) return;
+    it->second.running = false;
+    it->second.runs++;
+    for (auto w = it->second.waiters.begin(); w != it->second.waiters.end();) {
+        if (w->first > it->second.runs) {
+            ++w;
+            continue;
+        }
+        waiter call = std::move(w->second);
+        w = it->second.waiters.erase(w);
+        call(true, snapshot, r);
+    }
     wake_.notify_all();
 }
 
+// The state as shown: due and arrival times in wall time.
+host_state scheduler::shown(const entry& e) const {
+    host_state s = e.state;
+    double offset = clock_.wall() - clock_.monotonic();
+    s.next_due = e.due + offset;
+    s.since = std::max(e.since, started_mono_) + offset;
+    return s;
+}
+
+void scheduler::release_waiters(entry& e, bool done) {
+    host_state s = shown(e);
+    for (auto& [ticket, w] : e.waiters) w(done, s, e.last);
+    e.waiters.clear();
+}
+
 std::vector<host_state> scheduler::hosts() const {
-    std::lock_guard<std::mutex> hold(lock_);
     std::vector<host_state> out;
-    for (const auto& [name, e] : hosts_) out.push_back(e.state);
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        for (const auto& [name, e] : hosts_) out.push_back(shown(e));
+    }
+    std::sort(out.begin(), out.end(), [](const host_state& a, const host_state& b) { return natural_less(a.name, b.name); });
     return out;
 }
 
@@ -166,7 +259,16 @@ bool scheduler::find(const std::string& name, host_state* out) const {
     std::lock_guard<std::mutex> hold(lock_);
     auto it = hosts_.find(name);
     if (it == hosts_.end()) return false;
-    *out = it->second.state;
+    *out = shown(it->second);
+    return true;
+}
+
+bool scheduler::update(const std::string& name, const std::function<void(host_state&)>& change, host_state* out) {
+    std::lock_guard<std::mutex> hold(lock_);
+    auto it = hosts_.find(name);
+    if (it == hosts_.end()) return false;
+    change(it->second.state);
+    *out = shown(it->second);
     return true;
 }
 
@@ -187,24 +289,48 @@ bool scheduler::run_now(const std::string& name, long long* ticket) {
     return true;
 }
 
+bool scheduler::when_done(const std::string& name, long long ticket, waiter w) {
+    std::lock_guard<std::mutex> hold(lock_);
+    auto it = hosts_.find(name);
+    if (it == hosts_.end() || stopping_) return false;
+    it->second.waiters.emplace_back(ticket, std::move(w));
+    return true;
+}
+
 bool scheduler::wait_for(const std::string& name, long long ticket, long long timeout_ms, host_state* out,
                          host_run* r) {
     std::unique_lock<std::mutex> hold(lock_);
     bool done = done_.wait_for(hold, std::chrono::milliseconds(timeout_ms), [&] {
         auto it = hosts_.find(name);
-        return stopping_ || it == hosts_.end() || it->second.runs >= ticket;
+        return stopping_ || it == hosts_.end() || (it->second.runs >= ticket && !it->second.running);
     });
     auto it = hosts_.find(name);
     if (!done || it == hosts_.end() || it->second.runs < ticket) return false;
-    *out = it->second.state;
+    *out = shown(it->second);
     *r = it->second.last;
     return true;
 }
 
-double scheduler::lag(double now) const {
+double scheduler::lag_of(const entry& e, double now) const {
+    if (!e.running) return std::max(0.0, now - e.due);
+    // A run may take its bound; beyond it, the host is stuck.
+    return std::max(0.0, now - e.run_start - run_bound_);
+}
+
+std::string scheduler::most_lagging(double* lag) const {
     std::lock_guard<std::mutex> hold(lock_);
-    double worst = 0;
-    for (const auto& [name, e] : hosts_)
-        if (!e.running) worst = std::max(worst, now - e.state.next_due);
+    double now = clock_.monotonic();
+    std::string worst;
+    *lag = 0;
+    for (const auto& [name, e] : hosts_) {
+        double l = lag_of(e, now);
+        if (l > *lag) *lag = l, worst = name;
+    }
     return worst;
+}
+
+double scheduler::lag() const {
+    double l = 0;
+    most_lagging(&l);
+    return l;
 }

@@ -2,6 +2,10 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
+
+#include "net.h"
+#include "serve_facts.h"
 #include "serve_log.h"
 
 namespace {
@@ -15,6 +19,15 @@ log_notes notes;
 
 std::string time_text(double t) { return std::to_string((long long)t); }
 
+bool same_commit(const std::string& a, const std::string& b) {
+    return !a.empty() && !b.empty() && (a.rfind(b, 0) == 0 || b.rfind(a, 0) == 0);
+}
+
+attempt attempt_of(const host_state& s, const host_run& r) {
+    return {s.last_attempt, s.last_duration, !r.error.empty() ? "failed" : r.commit.empty() ? "unchanged" : "changed",
+            r.error, r.commit};
+}
+
 }  // namespace
 
 std::string state_path(const serve_options& o) {
@@ -24,7 +37,7 @@ std::string state_path(const serve_options& o) {
     return o.into + "/.kelputil-serve.db";
 }
 
-service::service(const serve_options& o) : o_(o), targets_(o_), hooks_(o.hook_timeout_ms) {}
+service::service(const serve_options& o) : o_(o), targets_(o_), health_(now_seconds()), hooks_(o.hook_timeout_ms) {}
 
 service::~service() = default;
 
@@ -42,80 +55,209 @@ kelp::status service::read_hosts(std::vector<inventory_host>* out) {
 kelp::status service::start() {
     std::vector<inventory_host> hosts;
     std::map<std::string, host_state> saved;
+    std::string note;
     kelp::status st = read_hosts(&hosts);
     std::vector<std::string> names;
     for (const inventory_host& h : hosts) names.push_back(h.name);
     if (st) st = backup_store::open(o_.into, state_path(o_), names, &store_);
-    if (st) st = state_db::open(state_path(o_), &db_);
+    if (st) st = state_db::open(state_path(o_), &db_, &note);
+    if (st && !note.empty()) log_event(note);
     if (st) st = db_->load(&saved);
+    if (st) st = take_truth_from_git(hosts, &saved, !note.empty());
     if (!st) return st;
     if (!o_.push.empty()) push_ = std::make_unique<pusher>(*store_, o_.push, o_.push_branch);
     schedule_ = std::make_unique<scheduler>(
-        o_.interval_ms / 1000.0, o_.jobs, [this](const inventory_host& h) { return run_host(h); },
-        [this](const host_state& s, const host_run& r) { after_run(s, r); });
-    schedule_->set_hosts(hosts, saved, now_seconds());
+        o_.interval_ms / 1000.0, o_.jobs,
+        [this](const inventory_host& h, const host_state& before) { return run_host(h, before); },
+        [this](const host_state& s, const host_run& r, int failures_before) { after_run(s, r, failures_before); });
+    schedule_->set_run_bound(run_bound_ms(o_) / 1000.0);
+    schedule_->set_hosts(hosts, saved);
+    find_retired(hosts);
     schedule_->start();
     log_event("serving " + std::to_string(hosts.size()) + " hosts every " + seconds_text(o_.interval_ms / 1000.0) +
               " into " + o_.into);
+    for (const auto& [name, change] : replay_) {
+        host_state s;
+        if (schedule_->find(name, &s)) run_change_hook(s, change.commit, change.time);
+    }
+    replay_.clear();
     return kelp::ok();
+}
+
+// The state is a cache of what git holds: a crash between a commit and the
+// state's save, a lost state file or a repository brought from elsewhere
+// all show what git has. Commits whose change hook may not have run are
+// queued for it.
+kelp::status service::take_truth_from_git(const std::vector<inventory_host>& hosts,
+                                          std::map<std::string, host_state>* saved, bool rebuilt) {
+    std::vector<std::string> names;
+    for (const inventory_host& h : hosts) names.push_back(h.name);
+    std::map<std::string, git_store::folder_change> last;
+    kelp::status st = store_->read([&](git_store& git) { return git.last_changes(names, &last); });
+    if (!st) return st;
+    bool fresh = saved->empty() || rebuilt;
+    for (const std::string& name : names) {
+        host_state& s = (*saved)[name];
+        bool known = !s.name.empty();
+        s.name = name;
+        auto g = last.find(name);
+        if (g == last.end()) {
+            s.last_commit.clear(), s.hooked_commit.clear(), s.last_change = 0;
+            continue;
+        }
+        const git_store::folder_change& c = g->second;
+        if (!same_commit(s.last_commit, c.commit)) {
+            s.last_commit = c.commit;
+            s.last_change = c.time;
+            s.last_success = std::max(s.last_success, c.time);
+        }
+        // A state made anew does not know which hooks ran: history is not
+        // replayed, only what happens from now on.
+        if (fresh || !known || s.hooked_commit.empty()) s.hooked_commit = c.commit;
+        if (same_commit(s.hooked_commit, c.commit)) continue;
+        std::vector<git_store::folder_change> missed;
+        bool found = false;
+        st = store_->read([&](git_store& git) { return git.changes_after(name, s.hooked_commit, &missed, &found); });
+        if (!st) return st;
+        if (!found) log_event(name + ": the last hooked commit " + s.hooked_commit + " is not in the backups' history; "
+                              "no change hook is run again");
+        for (const git_store::folder_change& m : missed) replay_.emplace_back(name, m);
+        if (!found || missed.empty()) s.hooked_commit = c.commit;
+    }
+    if (fresh && !last.empty()) log_event("the hosts' last changes are taken from the backups' history");
+    return kelp::ok();
+}
+
+void service::find_retired(const std::vector<inventory_host>& hosts) {
+    std::vector<std::string> folders, gone;
+    std::map<std::string, git_store::folder_change> last;
+    store_->read([&](git_store& git) { return git.folders(&folders); });
+    for (const std::string& f : folders)
+        if (std::none_of(hosts.begin(), hosts.end(), [&](const inventory_host& h) { return h.name == f; }))
+            gone.push_back(f);
+    std::sort(gone.begin(), gone.end(), natural_less);
+    if (!gone.empty()) store_->read([&](git_store& git) { return git.last_changes(gone, &last); });
+    std::lock_guard<std::mutex> hold(retired_lock_);
+    retired_.clear();
+    for (const std::string& name : gone) retired_.emplace_back(name, last[name]);
+    if (!gone.empty())
+        log_event(std::to_string(gone.size()) + " folders of the backups belong to no host of the inventory; "
+                  "they stay as they are");
+}
+
+std::vector<std::pair<std::string, git_store::folder_change>> service::retired_hosts() {
+    std::lock_guard<std::mutex> hold(retired_lock_);
+    return retired_;
 }
 
 kelp::status service::reload() {
     std::vector<inventory_host> hosts;
     kelp::status st = read_hosts(&hosts);
+    health_.reload_result((bool)st, now_seconds());
     if (!st) return st;
-    std::map<std::string, host_state> saved;
-    db_->load(&saved);
-    schedule_->set_hosts(hosts, saved, now_seconds());
-    log_event("inventory read again: " + std::to_string(hosts.size()) + " hosts");
+    targets_.forget_passwords();
+    schedule_->set_hosts(hosts, {});
+    find_retired(hosts);
+    log_event("inventory and passwords read again: " + std::to_string(hosts.size()) + " hosts");
     return kelp::ok();
 }
 
 bool service::stop() {
     if (!schedule_) return true;
+    health_.stopping();
+    long long deadline = kelp::monotonic_ms() + o_.stop_deadline_ms;
+    if (push_) push_->stop();  // a push in flight is abandoned: the next start pushes again
     if (!schedule_->stop(o_.stop_deadline_ms)) {
         store_->freeze();
         log_event("hosts still running at the deadline are left: their last good files stay");
+        hooks_.stop(0);
         return false;
     }
-    hooks_.drain(o_.stop_deadline_ms);
-    if (push_) push_->stop();
+    hooks_.stop(std::max(0LL, deadline - kelp::monotonic_ms()));
     return true;
 }
 
-host_run service::run_host(const inventory_host& host) {
+host_run service::run_host(const inventory_host& host, const host_state& before) {
     host_run r;
     kelp::target t;
     kelp::status st = targets_.target_for(host, notes, &t);
     backup_result b;
     if (st) b = store_->back_up(host.name, t);
     if (st) st = b.st;
-    if (!st) r.error = st.message;
     r.commit = b.commit;
-    r.model = b.model;
-    r.firmware = b.firmware;
+    if (!st) {
+        r.error = st.message;
+        r.repository_failure = b.repository_failure;
+        r.repository_unwritable = b.unwritable;
+        return r;
+    }
+    router_facts facts;
+    if (facts_due(before, !r.commit.empty(), now_seconds()) && read_facts(t, &facts)) {
+        r.reports_read = true;
+        r.model = facts.model, r.firmware = facts.firmware, r.uptime = facts.uptime;
+    }
     return r;
 }
 
-void service::after_run(const host_state& s, const host_run& r) {
-    kelp::status st = db_->save(s);
+void service::save(const host_state& s, const attempt* a) {
+    kelp::status st = db_->save(s, a);
     if (!st) log_event(st.message);
+}
+
+void service::after_run(const host_state& s, const host_run& r, int failures_before) {
+    attempt a = attempt_of(s, r);
+    save(s, &a);
     std::map<std::string, std::string> vars = {
         {"HOST", s.name}, {"ADDRESS", s.address}, {"TIME", time_text(s.last_attempt)}};
+    if (r.repository_failure)
+        health_.repository_failed(r.error, r.repository_unwritable);
+    else if (r.error.empty())
+        health_.repository_ok();
     if (!r.error.empty()) {
         log_event(s.name + ": failed (" + r.error + "), " + std::to_string(s.consecutive_failures) +
                   " in a row; next try in " +
                   seconds_text(retry_delay(o_.interval_ms / 1000.0, s.consecutive_failures)));
+        if (failures_before > 0) return;  // the streak's hook ran at its first failure
         vars["ERROR"] = r.error;
-        hooks_.start(s.name + " on-failure", o_.on_failure, vars);
+        vars["FAILURES"] = std::to_string(s.consecutive_failures);
+        hooks_.start(s.name + " on-failure", o_.on_failure, vars,
+                     [this](bool ok) { health_.hook_result("on-failure", ok); });
         return;
+    }
+    if (failures_before > 0) {
+        log_event(s.name + ": backed up again after " + std::to_string(failures_before) + " failures");
+        vars["FAILURES"] = std::to_string(failures_before);
+        hooks_.start(s.name + " on-recovery", o_.on_recovery, vars,
+                     [this](bool ok) { health_.hook_result("on-recovery", ok); });
     }
     if (r.commit.empty()) {
         log_event(s.name + ": backed up, unchanged");
         return;
     }
     log_event(s.name + ": backed up, changed: commit " + r.commit);
-    vars["COMMIT"] = r.commit;
-    hooks_.start(s.name + " on-change", o_.on_change, vars);
+    run_change_hook(s, r.commit, s.last_success);
     if (push_) push_->notify();
+}
+
+void service::run_change_hook(const host_state& s, const std::string& commit, double time) {
+    std::map<std::string, std::string> vars = {
+        {"HOST", s.name}, {"ADDRESS", s.address}, {"COMMIT", commit}, {"TIME", time_text(time)}};
+    std::string host = s.name;
+    hooks_.start(s.name + " on-change", o_.on_change, vars, [this, host, commit](bool ok) {
+        if (!o_.on_change.empty()) health_.hook_result("on-change", ok);
+        hooked(host, commit);
+    });
+}
+
+// Marks the host's change hook as run up to commit, when that is still its
+// last commit (a later one's hook is still to come).
+void service::hooked(const std::string& host, const std::string& commit) {
+    host_state now;
+    bool changed = false;
+    bool found = schedule_->update(host, [&](host_state& s) {
+        if (!same_commit(s.last_commit, commit) || same_commit(s.hooked_commit, commit)) return;
+        s.hooked_commit = s.last_commit;
+        changed = true;
+    }, &now);
+    if (found && changed) save(now);
 }

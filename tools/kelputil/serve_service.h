@@ -6,6 +6,7 @@
 #include <string>
 
 #include "serve_backup.h"
+#include "serve_health.h"
 #include "serve_hooks.h"
 #include "serve_options.h"
 #include "serve_push.h"
@@ -17,25 +18,39 @@ class service {
 public:
     explicit service(const serve_options& o);
     ~service();
-    // Opens the repository and the state, reads the inventory and starts
-    // the schedule.
+    // Opens the repository and the state, takes what git holds as the
+    // truth of each host's last change, reads the inventory and starts the
+    // schedule; change hooks that a crash left unrun run now.
     kelp::status start();
-    // Reads the inventory again: new hosts join, removed ones leave. A bad
-    // inventory changes nothing.
+    // Reads the inventory and the password sources again: new hosts join,
+    // removed ones leave, addresses change at once. A bad inventory changes
+    // nothing.
     kelp::status reload();
-    // Lets runs in flight finish within the deadline and the hooks end.
-    // False when some runs were still going: the repository is then held
-    // shut, and the process must end without waiting for anything more.
+    // Lets runs in flight finish within the stop deadline, ends the hooks
+    // and the push. False when some runs were still going: the repository
+    // is then held shut, and the process must end without waiting more.
     bool stop();
 
     const serve_options& options() const { return o_; }
     scheduler& schedule() { return *schedule_; }
     backup_store& store() { return *store_; }
+    state_db& state() { return *db_; }
+    service_health& health() { return health_; }
+    // Folders of the repository whose host is not in the inventory: their
+    // files stay, in history and at HEAD, untouched. Found at start and at
+    // each reload.
+    std::vector<std::pair<std::string, git_store::folder_change>> retired_hosts();
 
 private:
     kelp::status read_hosts(std::vector<inventory_host>* out);
-    host_run run_host(const inventory_host& host);
-    void after_run(const host_state& s, const host_run& r);
+    void find_retired(const std::vector<inventory_host>& hosts);
+    kelp::status take_truth_from_git(const std::vector<inventory_host>& hosts, std::map<std::string, host_state>* saved,
+                                     bool rebuilt);
+    host_run run_host(const inventory_host& host, const host_state& before);
+    void after_run(const host_state& s, const host_run& r, int failures_before);
+    void run_change_hook(const host_state& s, const std::string& commit, double time);
+    void hooked(const std::string& host, const std::string& commit);
+    void save(const host_state& s, const attempt* a = nullptr);
 
     serve_options o_;
     std::unique_ptr<backup_store> store_;
@@ -43,7 +58,12 @@ private:
     std::unique_ptr<scheduler> schedule_;
     std::unique_ptr<pusher> push_;
     serve_targets targets_;
+    service_health health_;
     hook_runner hooks_;
+    // Commits whose change hook is still to run, found at start.
+    std::vector<std::pair<std::string, git_store::folder_change>> replay_;
+    std::mutex retired_lock_;
+    std::vector<std::pair<std::string, git_store::folder_change>> retired_;
 };
 
 // Where the state lives: --state, else the service's state folder, else

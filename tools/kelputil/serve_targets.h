@@ -19,6 +19,11 @@ public:
     explicit serve_targets(const serve_options& o) : o_(o) {}
     // notes must outlive the target.
     kelp::status target_for(const inventory_host& host, reporter& notes, kelp::target* out);
+    // Passwords are read again at their next use (SIGHUP: a changed file).
+    void forget_passwords() {
+        std::lock_guard<std::mutex> hold(lock_);
+        providers_.clear();
+    }
 
 private:
     kelp::status provider_for(const password_source& src, kelp::password_fn* out);
