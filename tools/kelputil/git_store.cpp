@@ -557,7 +557,7 @@ status git_store::last_changes(const std::vector<std::string>& folders, std::map
 
 status git_store::changes_after(const std::string& folder, const std::string& after, std::vector<folder_change>* out,
                                 bool* found) {
-    *found = false;
+    *found = after.empty();  // after nothing: the whole history
     out->clear();
     status st = walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
         if (id_starts(id, after)) {
@@ -569,6 +569,11 @@ status git_store::changes_after(const std::string& folder, const std::string& af
     });
     if (!*found) out->clear();
     return st;
+}
+
+std::string git_store::head_commit() {
+    git_oid id;
+    return git_reference_name_to_id(&id, repo_, "HEAD") == 0 ? short_id(&id) : "";
 }
 
 status git_store::folders(std::vector<std::string>* out) {

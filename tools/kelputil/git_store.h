@@ -74,10 +74,13 @@ public:
     // Each folder's newest change, in one walk of the history; a folder no
     // commit holds is left out.
     kelp::status last_changes(const std::vector<std::string>& folders, std::map<std::string, folder_change>* out);
-    // The changes of folder after the commit `after` (an id or its prefix),
-    // oldest first; *found is false when `after` is not among them.
+    // The changes of folder after the commit `after` (an id or its prefix;
+    // empty: all of them), oldest first; *found is false when `after` is not
+    // in the history.
     kelp::status changes_after(const std::string& folder, const std::string& after, std::vector<folder_change>* out,
                                bool* found);
+    // The last commit's short id, "" before the first.
+    std::string head_commit();
     // Every top-level folder of the last commit.
     kelp::status folders(std::vector<std::string>* out);
     // Each commit made in [since, until] with the folders it changed and their

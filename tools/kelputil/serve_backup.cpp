@@ -32,6 +32,10 @@ status exclude_state_file(const std::string& dir, const std::string& state_file)
     return write_output(path, bytes(text.begin(), text.end()), 0644);
 }
 
+bool is_full_disk(const std::string& message) {
+    return message.find(strerror(ENOSPC)) != std::string::npos || message.find(strerror(EDQUOT)) != std::string::npos;
+}
+
 }  // namespace
 
 status backup_store::open(const std::string& dir, const std::string& state_file, const std::vector<std::string>& hosts,
@@ -60,6 +64,7 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
     host_snapshot taken;
     r.st = take_snapshot(t, staged, false, &taken);
     r.config_bytes = taken.config_bytes;
+    if (!r.st && taken.disk_failure) r.repository_failure = true, r.unwritable = is_full_disk(r.st.message);
     std::lock_guard<std::mutex> hold(lock_);
     std::vector<std::string> changed;
     auto message = [&](const std::vector<std::string>&) {
@@ -68,7 +73,7 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
     if (r.st) {
         r.st = git_->commit_staged({{host, staged}}, message, &changed, &r.commit);
         r.repository_failure = !r.st;
-        r.unwritable = !r.st && (errno == ENOSPC || errno == EDQUOT);
+        r.unwritable = !r.st && is_full_disk(r.st.message);
     }
     remove_tree(staged);
     return r;

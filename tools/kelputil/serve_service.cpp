@@ -87,18 +87,23 @@ kelp::status service::start() {
 // The state is a cache of what git holds: a crash between a commit and the
 // state's save, a lost state file or a repository brought from elsewhere
 // all show what git has. Commits whose change hook may not have run are
-// queued for it.
+// queued for it: for a host the state knows, those after its last hooked
+// commit; for one it does not, those made since the state file was made
+// (a state made anew replays nothing of the past).
 kelp::status service::take_truth_from_git(const std::vector<inventory_host>& hosts,
                                           std::map<std::string, host_state>* saved, bool rebuilt) {
     std::vector<std::string> names;
     for (const inventory_host& h : hosts) names.push_back(h.name);
+    bool had_state = !saved->empty();
     std::map<std::string, git_store::folder_change> last;
+    std::string base, head = store_->read([&](git_store& git) { return git.head_commit(); });
+    bool present = false;
     kelp::status st = store_->read([&](git_store& git) { return git.last_changes(names, &last); });
+    if (st) st = db_->get_meta("created_head", &base, &present);
+    if (st && !present) st = db_->set_meta("created_head", base = head);
     if (!st) return st;
-    bool fresh = saved->empty() || rebuilt;
     for (const std::string& name : names) {
         host_state& s = (*saved)[name];
-        bool known = !s.name.empty();
         s.name = name;
         auto g = last.find(name);
         if (g == last.end()) {
@@ -111,20 +116,24 @@ kelp::status service::take_truth_from_git(const std::vector<inventory_host>& hos
             s.last_change = c.time;
             s.last_success = std::max(s.last_success, c.time);
         }
-        // A state made anew does not know which hooks ran: history is not
-        // replayed, only what happens from now on.
-        if (fresh || !known || s.hooked_commit.empty()) s.hooked_commit = c.commit;
-        if (same_commit(s.hooked_commit, c.commit)) continue;
+        std::string from = s.hooked_commit.empty() ? base : s.hooked_commit;
+        s.hooked_commit = c.commit;
+        if (o_.on_change.empty() || same_commit(from, c.commit)) continue;
         std::vector<git_store::folder_change> missed;
         bool found = false;
-        st = store_->read([&](git_store& git) { return git.changes_after(name, s.hooked_commit, &missed, &found); });
+        st = store_->read([&](git_store& git) { return git.changes_after(name, from, &missed, &found); });
         if (!st) return st;
-        if (!found) log_event(name + ": the last hooked commit " + s.hooked_commit + " is not in the backups' history; "
-                              "no change hook is run again");
+        if (!found) {
+            log_event(name + ": the commit " + from + " is not in the backups' history; no change hook is run again");
+            continue;
+        }
+        if (missed.empty()) continue;
+        s.hooked_commit = from;  // until the hooks below have run
         for (const git_store::folder_change& m : missed) replay_.emplace_back(name, m);
-        if (!found || missed.empty()) s.hooked_commit = c.commit;
     }
-    if (fresh && !last.empty()) log_event("the hosts' last changes are taken from the backups' history");
+    if ((rebuilt || !had_state) && !last.empty()) log_event("the hosts' last changes are taken from the backups' history");
+    if (!replay_.empty())
+        log_event(std::to_string(replay_.size()) + " change hooks did not run before the last stop: they run now");
     return kelp::ok();
 }
 

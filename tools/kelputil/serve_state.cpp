@@ -52,7 +52,8 @@ const char* const added_columns[] = {
 const char attempts_table[] =
     "CREATE TABLE IF NOT EXISTS attempts (host TEXT NOT NULL, time REAL, duration REAL, result TEXT, error TEXT,"
     " commit_id TEXT);"
-    "CREATE INDEX IF NOT EXISTS attempts_by_host ON attempts (host, time)";
+    "CREATE INDEX IF NOT EXISTS attempts_by_host ON attempts (host, time);"
+    "CREATE TABLE IF NOT EXISTS meta (key TEXT PRIMARY KEY, value TEXT)";
 
 template <typename F>
 void each_column(F f) {
@@ -298,5 +299,30 @@ status state_db::attempts(const std::string& host, std::vector<attempt>* out) {
         out->push_back({sqlite3_column_double(q.s, 0), sqlite3_column_double(q.s, 1), text_of(q.s, 2), text_of(q.s, 3),
                         text_of(q.s, 4)});
     if (r != SQLITE_DONE) return db_failure(db_, "reading " + host + "'s attempts");
+    return kelp::ok();
+}
+
+status state_db::get_meta(const std::string& key, std::string* value, bool* present) {
+    std::lock_guard<std::mutex> hold(lock_);
+    statement q;
+    if (sqlite3_prepare_v2(db_, "SELECT value FROM meta WHERE key = ?1", -1, &q.s, nullptr) != SQLITE_OK)
+        return db_failure(db_, "reading the state's " + key);
+    sqlite3_bind_text(q.s, 1, key.data(), (int)key.size(), SQLITE_TRANSIENT);
+    int r = sqlite3_step(q.s);
+    *present = r == SQLITE_ROW;
+    if (*present) *value = text_of(q.s, 0);
+    if (r != SQLITE_ROW && r != SQLITE_DONE) return db_failure(db_, "reading the state's " + key);
+    return kelp::ok();
+}
+
+status state_db::set_meta(const std::string& key, const std::string& value) {
+    std::lock_guard<std::mutex> hold(lock_);
+    statement q;
+    if (sqlite3_prepare_v2(db_, "INSERT OR REPLACE INTO meta (key, value) VALUES (?1, ?2)", -1, &q.s, nullptr) !=
+        SQLITE_OK)
+        return db_failure(db_, "saving the state's " + key);
+    sqlite3_bind_text(q.s, 1, key.data(), (int)key.size(), SQLITE_TRANSIENT);
+    sqlite3_bind_text(q.s, 2, value.data(), (int)value.size(), SQLITE_TRANSIENT);
+    if (sqlite3_step(q.s) != SQLITE_DONE) return db_failure(db_, "saving the state's " + key);
     return kelp::ok();
 }

@@ -52,6 +52,9 @@ public:
     // transaction; the host keeps its last max_attempts attempts.
     kelp::status save(const host_state& h, const attempt* a = nullptr);
     kelp::status attempts(const std::string& host, std::vector<attempt>* out);
+    // The file's own facts, such as the repository's HEAD when it was made.
+    kelp::status get_meta(const std::string& key, std::string* value, bool* present);
+    kelp::status set_meta(const std::string& key, const std::string& value);
 
     static constexpr int max_attempts = 100;
 
