@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "cli.h"
+#include "natural_order.h"
 #include "net.h"
 #include "reporter.h"
 
@@ -260,8 +261,11 @@ int fleet_runner::finish(const std::vector<host_result>& results, const std::str
     if (!s_->inv.quiet || !failed_hosts.empty()) {
         size_t width = 4;
         for (const host_result& r : results) width = std::max(width, r.host.size());
+        std::vector<host_result> rows = results;
+        std::stable_sort(rows.begin(), rows.end(),
+                         [](const host_result& a, const host_result& b) { return natural_less(a.host, b.host); });
         printf("%-*s  %-6s  %6s  %s\n", (int)width, "HOST", "RESULT", "TIME", "MESSAGE");
-        for (const host_result& r : results) {
+        for (const host_result& r : rows) {
             if (s_->inv.quiet && r.result.ok()) continue;
             const char* verdict = !r.touched ? "-" : r.result.ok() ? "ok" : "FAILED";
             printf("%-*s  %-6s  %6s  %s\n", (int)width, r.host.c_str(), verdict,

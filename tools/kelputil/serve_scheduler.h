@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "inventory.h"
+#include "natural_order.h"
 #include "serve_state.h"
 
 // What one run of a host gives: an error, or the new commit (empty when
@@ -48,9 +49,6 @@ double retry_delay(double interval, int failures);
 // no success within two intervals of the later of the service's start and
 // the host's arrival in the schedule (h.since).
 bool is_overdue(const host_state& h, double now, double interval);
-
-// Names as people sort them: "router2" before "router10".
-bool natural_less(const std::string& a, const std::string& b);
 
 class scheduler {
 public:
