@@ -67,7 +67,7 @@ function show() {
 // redrawn only when it changes so that it is read out once.
 async function checkHealth() {
   const r = await probe(paths.health());
-  const h = r ? healthFromApi(r.data) : { ok: false, reasons: ['the service does not answer'] };
+  const h = r ? healthFromApi(r.data) : { ok: false, reasons: ['it does not answer'] };
   const text = h.ok || r?.status === 200 ? '' : h.reasons.join('; ') || `health check answered ${r.status}`;
   if (health.textContent === (text && `The service is failing: ${text}`)) return;
   fill(health, text && el('p', { class: 'banner' }, el('strong', {}, 'The service is failing: '), text));
