@@ -22,6 +22,7 @@ export const exactTime = (t) => exact.format(new Date(t * 1000));
 export const isoTime = (t) => new Date(t * 1000).toISOString();
 
 export function duration(s) {
+  if (s < 1) return `${Math.round(s * 1000)} ms`;
   return s < 60 ? `${Math.round(s * 10) / 10} s` : `${Math.floor(s / 60)} min ${Math.round(s % 60)} s`;
 }
 

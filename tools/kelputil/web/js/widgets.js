@@ -47,5 +47,7 @@ export function table(columns, rows, caption) {
       el('caption', { class: 'visually-hidden' }, caption),
       el('thead', {}, el('tr', {}, columns.map((c) => el('th', { scope: 'col' }, c)))),
       el('tbody', {}, rows.map((cells) =>
-        el('tr', {}, cells.map((cell, i) => el('td', { 'data-label': columns[i] }, cell)))))));
+        // One element per cell: a narrow window lays a cell out as label and value.
+        el('tr', {}, cells.map((cell, i) => el('td', { 'data-label': columns[i] },
+          Array.isArray(cell) ? el('span', {}, cell) : cell)))))));
 }

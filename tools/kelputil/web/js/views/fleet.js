@@ -18,7 +18,7 @@ const columns = [
     show: (h) => [h.name, () => el('a', { href: links.host(h.name) }, h.name)] },
   { key: 'address', label: 'Address', order: byText((h) => h.address), show: (h) => text(h.address) },
   { key: 'state', label: 'State', order: byNumber((h) => (STATE_ORDER[h.state] ?? 3) - (h.overdue ? 0.5 : 0)),
-    show: (h) => [`${h.state} ${h.overdue}`, () => [stateBadge(h.state), h.overdue ? [' ', overdueMark()] : null]] },
+    show: (h) => [`${h.state} ${h.overdue}`, () => el('span', {}, stateBadge(h.state), h.overdue ? [' ', overdueMark()] : null)] },
   { key: 'success', label: 'Last success', order: byNumber((h) => h.lastSuccess),
     show: (h, at) => timeCell(h.lastSuccess, at) },
   { key: 'change', label: 'Last change', order: byNumber((h) => h.lastChange),
