@@ -318,6 +318,7 @@ class Page(unittest.TestCase):
             for address, scheme, background in [('#/', 'light', 'rgb(255, 255, 255)'),
                                                  ('#/hosts/router3', 'dark', 'rgb(16, 20, 24)'),
                                                  ('#/hosts/router5/diff', 'light', 'rgb(255, 255, 255)'),
+                                                 ('#/changes', 'dark', 'rgb(16, 20, 24)'),
                                                  ('#/', 'dark', 'rgb(16, 20, 24)')]:
                 with self.subTest(address=address, scheme=scheme):
                     self.b.driver.execute_cdp_cmd('Emulation.setEmulatedMedia', {
