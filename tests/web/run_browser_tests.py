@@ -166,7 +166,8 @@ class Page(unittest.TestCase):
         # Each change in a host's history links to its diff against the one before.
         self.open('#/hosts/router5')
         newest, first = self.b.wait('the history', lambda: self.b.js(
-            "return [...document.querySelectorAll(arguments[0])].map(a => a.getAttribute('href'))", f'main {HISTORY} a'))
+            "return [...document.querySelectorAll(arguments[0])].map(a => a.getAttribute('href'))",
+            f'main {HISTORY} a'))
         self.assertEqual(first, '#/hosts/router5/diff?to=' + re.match(r'#/hosts/router5/diff\?from=(\w+)&to=\w+$', newest)[1])
 
     def test_back_up_now_shows_the_changed_line_in_the_diff(self):
@@ -203,7 +204,8 @@ class Page(unittest.TestCase):
                 self.assertRegex(details['Next backup'], r'^in \d+ \w+$|^now$|^\d+ \w+ ago$')
                 self.assertIn([result, '' if state == 'ok' else error], [a[2:4] for a in attempts])
                 text = self.b.js("return document.querySelector('main').textContent")
-                self.assertEqual(('Something went wrong' in text, files in text, 'Back up now' in text), (False, True, True))
+                self.assertEqual(('Something went wrong' in text, files in text, 'Back up now' in text),
+                                 (False, True, True))
         self.b.shot(ARGS.shots, 'host.png')
 
     def test_changes_in_a_range_link_to_each_diff(self):
@@ -211,13 +213,14 @@ class Page(unittest.TestCase):
         retired = self.b.find('main .retired a').get_attribute('href')[len(SERVE.url):]
         first = get(SERVE.url + 'api/v1/hosts/router4')[1]['history'][-1]['rev']
         day = lambda t: time.strftime('%Y-%m-%d', time.localtime(t))  # noqa: E731
-        shown = lambda: self.b.js("""const c = document.querySelector('main .changes');
-            return c && !c.textContent.startsWith('Loading') && {rows: [...c.querySelectorAll('tbody tr')].map(r =>
-                [r.cells[1].textContent, r.cells[2].querySelector('a')?.getAttribute('href') ?? null])}""")  # noqa: E731
+        def shown():
+            return self.b.js("""const c = document.querySelector('main .changes');
+                return c && !c.textContent.startsWith('Loading') && {rows: [...c.querySelectorAll('tbody tr')].map(r =>
+                    [r.cells[1].textContent, r.cells[2].querySelector('a')?.getAttribute('href') ?? null])}""")
         # The range typed into the form or given in a link; a change it shows; the only host it shows.
         for since, until, address, change, only in [
-                (day(time.time() - 86400), day(time.time()), '#/changes', ['router4', f'#/hosts/router4/diff?to={first}'],
-                 None),
+                (day(time.time() - 86400), day(time.time()), '#/changes',
+                 ['router4', f'#/hosts/router4/diff?to={first}'], None),
                 ('2001-01-01', '2001-01-31', '#/changes', None, None),
                 (None, None, retired, [GONE, None], GONE)]:
             with self.subTest(since=since, address=address):
@@ -227,7 +230,8 @@ class Page(unittest.TestCase):
                     self.b.js("document.getElementById('changes-since').value = arguments[0];"
                               "document.getElementById('changes-until').value = arguments[1]", since, until)
                     self.b.find('main form button').click()
-                    self.b.wait('the range', lambda: self.b.js('return location.hash') == f'#/changes?since={since}&until={until}')
+                    self.b.wait('the range', lambda: self.b.js('return location.hash') ==
+                                f'#/changes?since={since}&until={until}')
                 rows = self.b.wait('the changes', shown)['rows']
                 self.assertTrue(change in rows if change else rows == [], rows)
                 self.assertEqual({r[0] for r in rows} if only else None, {only} if only else None)

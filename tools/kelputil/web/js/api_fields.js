@@ -78,7 +78,10 @@ export const healthFromApi = (j) => ({
 
 export const diffFromApi = (j) => ({ from: j.from, to: j.to, patch: j.patch });
 
-export const filesFromApi = (j) => ({ rev: j.rev, files: (j.files || []).map((f) => ({ path: f.path, size: f.size })) });
+export const filesFromApi = (j) => ({
+  rev: j.rev,
+  files: (j.files || []).map((f) => ({ path: f.path, size: f.size })),
+});
 
 // A file comes as JSON with its text, or as the text itself.
 export const fileTextFromApi = (body) => (typeof body === 'string' ? body : body.content);

@@ -27,7 +27,8 @@ function rangeForm(params) {
 function changeCell(c, served) {
   const rev = el('code', {}, shortRev(c.rev));
   if (!served.has(c.host)) return [rev, el('span', { class: 'muted' }, ' (host no longer served)')];
-  return el('a', { href: links.diff(c.host, undefined, c.rev), 'aria-label': `${c.host} change ${shortRev(c.rev)}` }, rev);
+  const label = `${c.host} change ${shortRev(c.rev)}`;
+  return el('a', { href: links.diff(c.host, undefined, c.rev), 'aria-label': label }, rev);
 }
 
 function changeTable(list, served) {
@@ -55,7 +56,9 @@ export function renderChanges(view, route) {
   async function load() {
     const to = dayEnd(params.until);
     const from = dayStart(params.since) ?? (to === null ? null : Math.max(0, to + 1 - 7 * 86400));
-    if (from !== null && to !== null && from > to) return fill(body, el('p', { class: 'error' }, 'The range ends before it begins.'));
+    if (from !== null && to !== null && from > to) {
+      return fill(body, el('p', { class: 'error' }, 'The range ends before it begins.'));
+    }
     const [fleet, answer] = await Promise.all([request(paths.hosts()), request(paths.changes(from, to))]);
     const found = changesFromApi(answer);
     // The inputs show the range the service used, defaults included.

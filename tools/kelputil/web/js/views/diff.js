@@ -37,7 +37,8 @@ function filePart(part) {
   const removed = body.filter((l) => l.startsWith('-')).length;
   const binary = body.some((l) => l.startsWith('Binary files '));
   return el('section', { class: 'diff-file' },
-    el('h2', {}, part.title || 'change', el('span', { class: 'muted' }, binary ? ' binary' : ` +${added} −${removed}`)),
+    el('h2', {}, part.title || 'change',
+      el('span', { class: 'muted' }, binary ? ' binary' : ` +${added} −${removed}`)),
     el('pre', { class: 'diff', tabindex: '0' }, part.lines.map(lineNode)));
 }
 
