@@ -48,7 +48,7 @@ function changeCell(h, at) {
 
 function matches(h, needle) {
   if (!needle) return true;
-  return [h.name, h.address, h.state, h.lastError, h.model, h.firmware]
+  return [h.name, h.address, h.state, h.overdue ? 'overdue' : null, h.lastError, h.model, h.firmware]
     .some((v) => v !== null && v !== undefined && String(v).toLowerCase().includes(needle));
 }
 
@@ -151,7 +151,7 @@ export function renderFleet(view, route, ctx) {
   const problem = el('div');
   const retired = el('div');
   const input = el('input', { type: 'search', id: 'fleet-filter', value: state.filter,
-    placeholder: 'name, address, state, error', autocomplete: 'off' });
+    placeholder: 'name, address, state, overdue, error', autocomplete: 'off' });
   const table = new FleetTable((key) => {
     state.dir = state.sort === key && state.dir === 'asc' ? 'desc' : 'asc';
     state.sort = key;

@@ -124,7 +124,11 @@ export function renderHost(view, route, ctx) {
   fill(view, el('nav', { class: 'crumbs', 'aria-label': 'Breadcrumb' }, el('a', { href: links.fleet() }, 'Fleet'), ' › '),
     heading(name), el('p', {}, button), result, problem, about.node,
     el('h2', {}, 'Attempts'), tried.node, el('h2', {}, 'History'), past.node, el('h2', {}, 'Current files'), now.node);
-  const refresh = () => load().catch((err) => (err.status === 401 ? ctx.fail(err) : fill(problem, errorBox(err))));
+  const refresh = () => load().catch((err) => {
+    if (!view.isConnected) return;  // an answer for a page already left
+    if (err.status === 401) ctx.fail(err);
+    else fill(problem, errorBox(err));
+  });
   const timer = setInterval(refresh, REFRESH_MS);
   return { ready: load(), stop: () => clearInterval(timer) };
 }
