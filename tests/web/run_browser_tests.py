@@ -11,6 +11,10 @@ TOKEN = '0123456789abcdef0123'
 HOSTILE = ['<img src=x onerror=window.__pwned=1>', '</script><script>window.__pwned=2</script>']
 FW = 'config/config/fw.scr'
 SEARCHED = 'iptables -A INPUT -s 198.18.5.4 -j ACCEPT'  # router5's fifth line
+HISTORY = '[aria-label^="History of"]'
+GONE = 'gone1'  # backed up once, then left out of the inventory
+DOWN = ('198.18.0.8:857 refused the connection: is kelputild running there, and is the port right? '
+        '(TLS 857, plain 856)')
 WORK = None  # in the fleet's own /tmp
 SERVE = None
 
@@ -69,9 +73,12 @@ def setUpModule():
         f.write(TOKEN + '\n')
     os.chmod(os.path.join(WORK, 'token'), 0o600)
     add_lines('198.18.0.14', HOSTILE)  # router13
-    # Every router once at a 2 s interval; then the same repository and state
-    # at an hour, so that no scheduled backup races the tests' own.
-    SERVE = Service(os.environ['KELP_INVENTORY'], 8760, '2s')
+    # Every router once at a 2 s interval (and GONE, router1 under another
+    # name); then the same repository and state at an hour without GONE, so
+    # that no scheduled backup races the tests' own.
+    with open(os.environ['KELP_INVENTORY']) as f, open(os.path.join(WORK, 'first.ini'), 'w') as first:
+        first.write(f.read() + f'{GONE} ansible_host=198.18.0.2\n')
+    SERVE = Service(first.name, 8760, '2s')
     until('every host tried', lambda: all(h['state'] != 'pending' for h in SERVE.hosts()))
     SERVE.close()
     add_lines('198.18.0.6', [SEARCHED])  # router5
@@ -110,18 +117,20 @@ class Page(unittest.TestCase):
         self.open('#/')
         rows = self.b.wait('20 hosts', lambda: len(self.fleet_rows()) == 20 and self.fleet_rows())
         self.assertEqual([r[0] for r in rows], [f'router{k}' for k in range(1, 21)])
+        self.assertEqual([h['name'] for h in SERVE.hosts()], [f'router{k}' for k in range(1, 21)])
         by_name = {r[0]: r for r in rows}
         for host, address, state, error in [
                 ('router1', '198.18.0.2', 'state state-ok', ''),
-                ('router7', '198.18.0.8', 'state state-failed', '198.18.0.8:857 refused the connection: is kelputild '
-                 'running there, and is the port right? (TLS 857, plain 856)'),
+                ('router7', '198.18.0.8', 'state state-failed', DOWN),
                 ('router20', '198.18.0.21', 'state state-ok', '')]:
             with self.subTest(host=host):
                 r = by_name[host]
                 self.assertEqual((r[1], r[2], r[7], r[5] != '0', r[6]), (address, state.split('-')[-1], state, bool(error), error))
         self.assertEqual(by_name['router7'][3:5], ['never', 'never'])
+        # router7 has never been backed up, but the service started minutes ago: not overdue.
         self.assertEqual(self.b.texts('.counts li'),
-                         ['19 ok', '1 failed', '0 pending', '1 not backed up for two intervals'])
+                         ['19 ok', '1 failed', '0 pending', '0 overdue (no backup in two intervals)'])
+        self.assertRegex(self.b.texts('main .retired li')[0], rf'^{GONE} · last change .+ · its changes$')
         self.b.shot(ARGS.shots, 'fleet.png')
 
     def test_every_view_has_its_own_address(self):
@@ -157,7 +166,8 @@ class Page(unittest.TestCase):
         # Each change in a host's history links to its diff against the one before.
         self.open('#/hosts/router5')
         newest, first = self.b.wait('the history', lambda: self.b.js(
-            "return [...document.querySelectorAll('main tbody a[href*=\"/diff?\"]')].map(a => a.getAttribute('href'))"))
+            "return [...document.querySelectorAll(arguments[0])].map(a => a.getAttribute('href'))",
+            f'main {HISTORY} a'))
         self.assertEqual(first, '#/hosts/router5/diff?to=' + re.match(r'#/hosts/router5/diff\?from=(\w+)&to=\w+$', newest)[1])
 
     def test_back_up_now_shows_the_changed_line_in_the_diff(self):
@@ -168,14 +178,67 @@ class Page(unittest.TestCase):
                                            if b.text == 'Back up now'])[0].click()
         done = self.b.wait('the result', lambda: self.b.texts('main .done'), 40)
         self.assertRegex(done[0], r'^Backup done: changed, now at [0-9a-f]{10}\.$')
-        self.b.wait('the new change in the history', lambda: len(self.b.texts('main tbody tr')) == 2)
-        self.b.find('main tbody tr a[href*="/diff?"]').click()
+        self.b.wait('the new change in the history', lambda: len(self.b.texts(f'main {HISTORY} tbody tr')) == 2)
+        self.b.find(f'main {HISTORY} tbody tr a[href*="/diff?"]').click()
         self.b.wait('the diff', lambda: self.b.texts('main ins'))
         self.assertEqual(self.b.texts('main ins, main del'), ['+iptables -A INPUT -s 198.18.4.77 -j ACCEPT\n'])
         self.assertEqual(self.b.heading(), 'router4: change')
-        self.assertEqual(self.b.texts('main h2'), ['router4/config.dat +0 −0', 'router4/config.plain +0 −0',
-                                                   'router4/config/config/fw.scr +1 −0'])
+        # One heading per file the API names, by its path in the host's folder; the script's with the line.
+        query = re.search(r'diff\?(.*)$', self.b.driver.current_url)[1]
+        files = get(f'{SERVE.url}api/v1/hosts/router4/diff?{query}')[1]['files']
+        titles = dict(re.match(r'^(.*) (\+\d+ −\d+|binary)$', t).groups() for t in self.b.texts('main h2'))
+        self.assertEqual((list(titles), titles.get(FW)), ([f['path'] for f in files], '+1 −0'))
         self.b.shot(ARGS.shots, 'diff.png')
+
+    def test_every_host_has_its_whole_page(self):
+        for host, state, error, result, files in [
+                ('router7', 'failed', DOWN, 'failed', 'No files backed up yet.'),
+                ('router5', 'ok', 'none', 'changed', FW)]:
+            with self.subTest(host=host):
+                self.open(f'#/hosts/{host}')
+                attempts = self.b.wait('the attempts', lambda: self.b.js(
+                    "return [...document.querySelectorAll('main [aria-label^=\"Backup attempts\"] tbody tr')]"
+                    ".map(r => [...r.cells].map(c => c.textContent))"))
+                details = dict(zip(self.b.texts('main dt'), self.b.texts('main dd')))
+                self.assertEqual((self.b.heading(), details['State'], details['Last error']), (host, state, error))
+                self.assertRegex(details['Next backup'], r'^in \d+ \w+$|^now$|^\d+ \w+ ago$')
+                self.assertIn([result, '' if state == 'ok' else error], [a[2:4] for a in attempts])
+                text = self.b.js("return document.querySelector('main').textContent")
+                self.assertEqual(('Something went wrong' in text, files in text, 'Back up now' in text),
+                                 (False, True, True))
+        self.b.shot(ARGS.shots, 'host.png')
+
+    def test_changes_in_a_range_link_to_each_diff(self):
+        self.open('#/')
+        retired = self.b.find('main .retired a').get_attribute('href')[len(SERVE.url):]
+        first = get(SERVE.url + 'api/v1/hosts/router4')[1]['history'][-1]['rev']
+        day = lambda t: time.strftime('%Y-%m-%d', time.localtime(t))  # noqa: E731
+        def shown():
+            return self.b.js("""const c = document.querySelector('main .changes');
+                return c && !c.textContent.startsWith('Loading') && {rows: [...c.querySelectorAll('tbody tr')].map(r =>
+                    [r.cells[1].textContent, r.cells[2].querySelector('a')?.getAttribute('href') ?? null])}""")
+        # The range typed into the form or given in a link; a change it shows; the only host it shows.
+        for since, until, address, change, only in [
+                (day(time.time() - 86400), day(time.time()), '#/changes',
+                 ['router4', f'#/hosts/router4/diff?to={first}'], None),
+                ('2001-01-01', '2001-01-31', '#/changes', None, None),
+                (None, None, retired, [GONE, None], GONE)]:
+            with self.subTest(since=since, address=address):
+                self.open(address)
+                self.b.find('main table')
+                if since:
+                    self.b.js("document.getElementById('changes-since').value = arguments[0];"
+                              "document.getElementById('changes-until').value = arguments[1]", since, until)
+                    self.b.find('main form button').click()
+                    self.b.wait('the range', lambda: self.b.js('return location.hash') ==
+                                f'#/changes?since={since}&until={until}')
+                rows = self.b.wait('the changes', shown)['rows']
+                self.assertTrue(change in rows if change else rows == [], rows)
+                self.assertEqual({r[0] for r in rows} if only else None, {only} if only else None)
+        self.open('#/changes')
+        self.b.find(f'main a[href="#/hosts/router4/diff?to={first}"]').click()
+        self.b.find('main ins')
+        self.assertEqual(self.b.heading(), 'router4: change')
 
     def test_search_finds_the_line_and_its_link_opens_the_file_at_it(self):
         from selenium.webdriver.common.keys import Keys
@@ -259,6 +322,7 @@ class Page(unittest.TestCase):
             for address, scheme, background in [('#/', 'light', 'rgb(255, 255, 255)'),
                                                  ('#/hosts/router3', 'dark', 'rgb(16, 20, 24)'),
                                                  ('#/hosts/router5/diff', 'light', 'rgb(255, 255, 255)'),
+                                                 ('#/changes', 'dark', 'rgb(16, 20, 24)'),
                                                  ('#/', 'dark', 'rgb(16, 20, 24)')]:
                 with self.subTest(address=address, scheme=scheme):
                     self.b.driver.execute_cdp_cmd('Emulation.setEmulatedMedia', {
@@ -294,6 +358,12 @@ class Scale(unittest.TestCase):
             print(f'\n1000 hosts shown {shown:.0f} ms after navigation; page files {size} bytes', file=sys.stderr)
             self.assertLess(shown, 1000)
             self.assertLess(size, 100 * 1024)
+            # A fresh start is no outage, and a host not tried yet has its address.
+            self.assertEqual(b.js("""return [document.querySelectorAll('.counts li')[3].textContent,
+                [...document.querySelectorAll('table.fleet tbody tr')].filter(r => !r.cells[1].textContent).length]"""),
+                             ['0 overdue (no backup in two intervals)', 0])
+            service.close()
+            b.wait('the banner', lambda: b.texts('#health') == ['The service is failing: it does not answer'], 10)
         finally:
             b.quit()
             service.close()

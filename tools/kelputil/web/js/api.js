@@ -31,3 +31,14 @@ export async function request(path, method = 'GET') {
   if (!res.ok) throw new ApiError(res.status, errorText(data) || `${res.status} ${res.statusText}`, t !== null);
   return data;
 }
+
+// A request whose answer is read whatever its status (/healthz says why it
+// fails in its body); null when the service does not answer at all.
+export async function probe(path) {
+  try {
+    const res = await fetch(path, { cache: 'no-store' });
+    return { status: res.status, data: await body(res) };
+  } catch {
+    return null;
+  }
+}

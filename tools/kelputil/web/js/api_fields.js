@@ -14,16 +14,24 @@ export const paths = {
   host: (name) => `${API}/hosts/${enc(name)}`,
   diff: (name, from, to) => `${API}/hosts/${enc(name)}/diff` + query({ from, to }),
   files: (name) => `${API}/hosts/${enc(name)}/files`,
+  attempts: (name) => `${API}/hosts/${enc(name)}/attempts`,
   file: (name, path, rev) =>
     `${API}/hosts/${enc(name)}/files/${path.split('/').map(enc).join('/')}` + query({ rev }),
   backup: (name) => `${API}/hosts/${enc(name)}/backup?wait=1`,
   search: (text) => `${API}/search` + query({ q: text }),
+  changes: (since, until) => `${API}/changes` + query({ since, until }),
+  health: () => 'healthz',
 };
 
 export const errorText = (body) => (body && typeof body === 'object' ? body.error : undefined);
 
 export function fleetFromApi(j) {
-  return { interval: j.interval, hosts: j.hosts.map(hostFromApi) };
+  return {
+    interval: j.interval,
+    started: j.started,
+    hosts: j.hosts.map(hostFromApi),
+    retired: (j.retired || []).map((r) => ({ name: r.name, lastCommit: r.last_commit, lastChange: r.last_change })),
+  };
 }
 
 export function hostFromApi(h) {
@@ -31,11 +39,15 @@ export function hostFromApi(h) {
     name: h.name,
     address: h.address,
     state: h.state,
+    overdue: h.overdue === true,
+    since: h.since,
     lastAttempt: h.last_attempt,
     lastSuccess: h.last_success,
     lastChange: h.last_change,
     lastCommit: h.last_commit,
     failures: h.failures,
+    attemptsTotal: h.attempts_total,
+    failuresTotal: h.failures_total,
     lastError: h.last_error,
     lastDuration: h.last_duration,
     nextDue: h.next_due,
@@ -45,18 +57,31 @@ export function hostFromApi(h) {
   };
 }
 
+// Paths are relative to the host's folder; the status is git's letter (A, M, D...).
+const fileFromApi = (f) => (typeof f === 'string' ? { path: f } : { path: f.path, status: f.status });
+
 function changeFromApi(c) {
-  return {
-    rev: c.rev,
-    time: c.time,
-    message: c.message,
-    files: (c.files || []).map((f) => (typeof f === 'string' ? f : f.path)),
-  };
+  return { host: c.host, rev: c.rev, time: c.time, message: c.message, files: (c.files || []).map(fileFromApi) };
 }
+
+export const changesFromApi = (j) => ({ since: j.since, until: j.until, changes: j.changes.map(changeFromApi) });
+
+export const attemptsFromApi = (j) => j.attempts.map((a) => ({
+  time: a.time, duration: a.duration, result: a.result, error: a.error, commit: a.commit,
+}));
+
+// 200 {"status":"ok"} or 503 {"status":"failing","error","reasons":[...]}.
+export const healthFromApi = (j) => ({
+  ok: Boolean(j) && j.status === 'ok',
+  reasons: j && Array.isArray(j.reasons) ? j.reasons : j && j.error ? [j.error] : [],
+});
 
 export const diffFromApi = (j) => ({ from: j.from, to: j.to, patch: j.patch });
 
-export const filesFromApi = (j) => ({ rev: j.rev, files: j.files.map((f) => ({ path: f.path, size: f.size })) });
+export const filesFromApi = (j) => ({
+  rev: j.rev,
+  files: (j.files || []).map((f) => ({ path: f.path, size: f.size })),
+});
 
 // A file comes as JSON with its text, or as the text itself.
 export const fileTextFromApi = (body) => (typeof body === 'string' ? body : body.content);

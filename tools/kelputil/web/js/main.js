@@ -1,6 +1,8 @@
 // Picks the view for the address and shows it; a refused request asks for
 // the access token and then shows the same view again.
 import { parse } from './route.js';
+import { probe } from './api.js';
+import { paths, healthFromApi } from './api_fields.js';
 import { el, fill, errorBox } from './dom.js';
 import { renderFleet } from './views/fleet.js';
 import { renderHost } from './views/host.js';
@@ -11,6 +13,8 @@ import { renderChanges } from './views/changes.js';
 import { renderToken } from './views/token.js';
 
 const main = document.getElementById('main');
+const health = document.getElementById('health');
+const HEALTH_MS = 5000;
 let current = { stop() {} };
 
 function pick(parts) {
@@ -59,8 +63,22 @@ function show() {
     (err) => { if (main.contains(view)) fail(err); });
 }
 
+// The service's own verdict above every view (/healthz needs no token),
+// redrawn only when it changes so that it is read out once.
+async function checkHealth() {
+  const r = await probe(paths.health());
+  const h = r ? healthFromApi(r.data) : { ok: false, reasons: ['it does not answer'] };
+  const text = h.ok || r?.status === 200 ? '' : h.reasons.join('; ') || `health check answered ${r.status}`;
+  if (health.textContent === (text && `The service is failing: ${text}`)) return;
+  fill(health, text && el('p', { class: 'banner' }, el('strong', {}, 'The service is failing: '), text));
+}
+
 // Only route addresses change the view: the skip link's #main does not.
 window.addEventListener('hashchange', () => {
   if (location.hash === '' || location.hash.startsWith('#/')) show();
+checkHealth();
+setInterval(checkHealth, HEALTH_MS);
 });
 show();
+checkHealth();
+setInterval(checkHealth, HEALTH_MS);

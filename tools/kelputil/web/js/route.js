@@ -1,6 +1,8 @@
 // Each view has its own address, so that a link to it can be pasted into a
-// ticket: #/, #/changes, #/search?q=, #/hosts/NAME, #/hosts/NAME/diff?from=&to=,
-// #/hosts/NAME/files/PATH?rev=&line=.
+// ticket: #/, #/changes?since=DAY&until=DAY&host=, #/search?q=, #/hosts/NAME,
+// #/hosts/NAME/diff?from=&to=, #/hosts/NAME/files/PATH?rev=&line=.
+import { day } from './time.js';
+
 export function parse(hash) {
   const h = hash.startsWith('#/') ? hash.slice(1) : '/';
   const cut = h.indexOf('?');
@@ -18,7 +20,9 @@ export function href(parts, params = {}) {
 
 export const links = {
   fleet: (params) => href([], params),
-  changes: () => href(['changes']),
+  changes: (params) => href(['changes'], params),
+  // A host that left the inventory: all its changes up to its last one.
+  retired: (name, last) => href(['changes'], { host: name, since: day(0), until: day(last) }),
   search: (q) => href(['search'], { q }),
   host: (name) => href(['hosts', name]),
   diff: (name, from, to) => href(['hosts', name, 'diff'], { from, to }),

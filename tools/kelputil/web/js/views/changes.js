@@ -1,24 +1,71 @@
-// The latest change of every host, newest first, each linking to its diff.
+// What changed in the fleet between two days, newest first, each change
+// linking to its diff. The range is in the address (?since=DAY&until=DAY,
+// optionally &host=NAME); without one, the service's default: the last 7 days.
 import { request } from '../api.js';
-import { paths, fleetFromApi } from '../api_fields.js';
+import { paths, fleetFromApi, changesFromApi } from '../api_fields.js';
 import { el, fill, heading } from '../dom.js';
 import { links } from '../route.js';
-import { when, shortRev, table } from '../widgets.js';
+import { day, dayStart, dayEnd } from '../time.js';
+import { when, shortRev, table, fileName } from '../widgets.js';
 
-export function renderChanges(view) {
-  const body = el('div', {}, el('p', {}, 'Loading…'));
-  fill(view, heading('Changes'), body);
+function rangeForm(params) {
+  const since = el('input', { type: 'date', id: 'changes-since', value: params.since || '' });
+  const until = el('input', { type: 'date', id: 'changes-until', value: params.until || '' });
+  const form = el('form', { class: 'filter range' },
+    el('label', { for: 'changes-since' }, 'From '), since, ' ',
+    el('label', { for: 'changes-until' }, 'to '), until, ' ',
+    el('button', { type: 'submit' }, 'Show'));
+  form.addEventListener('submit', (e) => {
+    e.preventDefault();
+    location.hash = links.changes({ since: since.value, until: until.value, host: params.host });
+  });
+  return { form, since, until };
+}
+
+// A host that left the inventory has no diff the service shows: its change
+// is named, not linked.
+function changeCell(c, served) {
+  const rev = el('code', {}, shortRev(c.rev));
+  if (!served.has(c.host)) return [rev, el('span', { class: 'muted' }, ' (host no longer served)')];
+  const label = `${c.host} change ${shortRev(c.rev)}`;
+  return el('a', { href: links.diff(c.host, undefined, c.rev), 'aria-label': label }, rev);
+}
+
+function changeTable(list, served) {
+  if (!list.length) return el('p', {}, 'No change in this range.');
+  const rows = list.map((c) => [
+    when(c.time),
+    served.has(c.host) ? el('a', { href: links.host(c.host) }, c.host) : c.host,
+    changeCell(c, served),
+    c.message,
+    el('ul', { class: 'plain' }, c.files.map((f) => el('li', {}, fileName(f)))),
+  ]);
+  return [el('p', { role: 'status' }, `${list.length} changes in ${new Set(list.map((c) => c.host)).size} hosts`),
+    table(['Time', 'Host', 'Change', 'Message', 'Files'], rows, 'Changes')];
+}
+
+export function renderChanges(view, route) {
+  const params = route.params;
+  const { form, since, until } = rangeForm(params);
+  const body = el('div', { class: 'changes' }, el('p', {}, 'Loading…'));
+  fill(view, heading('Changes'), form,
+    params.host ? el('p', {}, `Only ${params.host} · `, el('a', { href: links.changes({ since: params.since,
+      until: params.until }) }, 'every host')) : null,
+    body);
 
   async function load() {
-    const hosts = fleetFromApi(await request(paths.hosts())).hosts
-      .filter((h) => h.lastChange && h.lastCommit)
-      .sort((a, b) => b.lastChange - a.lastChange);
-    if (!hosts.length) return fill(body, el('p', {}, 'No host has changed yet.'));
-    fill(body, table(['Time', 'Host', 'Change'], hosts.map((h) => [
-      when(h.lastChange),
-      el('a', { href: links.host(h.name) }, h.name),
-      el('a', { href: links.diff(h.name, undefined, h.lastCommit) }, el('code', {}, shortRev(h.lastCommit))),
-    ]), 'Latest changes'));
+    const to = dayEnd(params.until);
+    const from = dayStart(params.since) ?? (to === null ? null : Math.max(0, to + 1 - 7 * 86400));
+    if (from !== null && to !== null && from > to) {
+      return fill(body, el('p', { class: 'error' }, 'The range ends before it begins.'));
+    }
+    const [fleet, answer] = await Promise.all([request(paths.hosts()), request(paths.changes(from, to))]);
+    const found = changesFromApi(answer);
+    // The inputs show the range the service used, defaults included.
+    since.value = day(found.since);
+    until.value = day(found.until);
+    const served = new Set(fleetFromApi(fleet).hosts.map((h) => h.name));
+    fill(body, changeTable(found.changes.filter((c) => !params.host || c.host === params.host), served));
   }
   return { ready: load() };
 }

@@ -7,15 +7,16 @@ import { el, fill, heading } from '../dom.js';
 import { links, replaceAddress } from '../route.js';
 import { shortRev } from '../widgets.js';
 
-// Splits a unified diff into one part per file.
-function splitFiles(patch) {
+// Splits a unified diff into one part per file, each named by its path in
+// the host's folder (the patch itself keeps git's paths).
+function splitFiles(patch, name) {
   const parts = [];
   for (const line of patch.replace(/\n$/, '').split('\n')) {
     if (line.startsWith('diff ') || !parts.length) parts.push({ title: '', lines: [] });
     const part = parts[parts.length - 1];
     // A binary file has no ---/+++ lines: its name is in the diff line.
     const m = /^\+\+\+ (?:b\/)?(.*)$/.exec(line) || /^--- (?:a\/)?(.*)$/.exec(line) || /^diff --git a\/.* b\/(.*)$/.exec(line);
-    if (m && m[1] !== '/dev/null') part.title = m[1];
+    if (m && m[1] !== '/dev/null') part.title = m[1].startsWith(`${name}/`) ? m[1].slice(name.length + 1) : m[1];
     part.lines.push(line);
   }
   return parts;
@@ -34,8 +35,10 @@ function filePart(part) {
   const body = part.lines.filter((l) => !/^(\+\+\+|---) /.test(l));
   const added = body.filter((l) => l.startsWith('+')).length;
   const removed = body.filter((l) => l.startsWith('-')).length;
+  const binary = body.some((l) => l.startsWith('Binary files '));
   return el('section', { class: 'diff-file' },
-    el('h2', {}, part.title || 'change', el('span', { class: 'muted' }, ` +${added} −${removed}`)),
+    el('h2', {}, part.title || 'change',
+      el('span', { class: 'muted' }, binary ? ' binary' : ` +${added} −${removed}`)),
     el('pre', { class: 'diff', tabindex: '0' }, part.lines.map(lineNode)));
 }
 
@@ -61,7 +64,7 @@ export function renderDiff(view, route) {
     if (to && view.isConnected) replaceAddress(links.diff(name, from, to));
     const d = diffFromApi(await request(paths.diff(name, from, to)));
     fill(where, from ? `From ${shortRev(d.from ?? from)} to ${shortRev(d.to ?? to)}` : `First backup, ${shortRev(d.to ?? to)}`);
-    const parts = d.patch ? splitFiles(d.patch) : [];
+    const parts = d.patch ? splitFiles(d.patch, name) : [];
     fill(body, parts.length ? parts.map(filePart) : el('p', {}, 'No differences.'));
   }
   return { ready: load() };

@@ -5,21 +5,21 @@ import { paths, fleetFromApi } from '../api_fields.js';
 import { el, fill, heading, errorBox } from '../dom.js';
 import { links, replaceAddress } from '../route.js';
 import { exactTime, now } from '../time.js';
-import { stateBadge, when } from '../widgets.js';
+import { stateBadge, overdueMark, when, shortRev, naturally } from '../widgets.js';
 
 const REFRESH_MS = 5000;
-const natural = new Intl.Collator('en', { numeric: true, sensitivity: 'base' });
 const STATE_ORDER = { failed: 0, pending: 1, ok: 2 };
 
-const byText = (f) => (a, b) => natural.compare(String(f(a) ?? ''), String(f(b) ?? ''));
+const byText = (f) => (a, b) => naturally(f(a), f(b));
 const byNumber = (f) => (a, b) => (f(a) ?? -Infinity) - (f(b) ?? -Infinity);
 
 const columns = [
   { key: 'name', label: 'Name', order: byText((h) => h.name),
     show: (h) => [h.name, () => el('a', { href: links.host(h.name) }, h.name)] },
   { key: 'address', label: 'Address', order: byText((h) => h.address), show: (h) => text(h.address) },
-  { key: 'state', label: 'State', order: byNumber((h) => STATE_ORDER[h.state] ?? 3),
-    show: (h) => [h.state, () => stateBadge(h.state)] },
+  { key: 'state', label: 'State', order: byNumber((h) => (STATE_ORDER[h.state] ?? 3) - (h.overdue ? 0.5 : 0)),
+    show: (h) => [`${h.state} ${h.overdue}`,
+      () => el('span', {}, stateBadge(h.state), h.overdue ? [' ', overdueMark()] : null)] },
   { key: 'success', label: 'Last success', order: byNumber((h) => h.lastSuccess),
     show: (h, at) => timeCell(h.lastSuccess, at) },
   { key: 'change', label: 'Last change', order: byNumber((h) => h.lastChange),
@@ -48,15 +48,17 @@ function changeCell(h, at) {
 
 function matches(h, needle) {
   if (!needle) return true;
-  return [h.name, h.address, h.state, h.lastError, h.model, h.firmware]
+  return [h.name, h.address, h.state, h.overdue ? 'overdue' : null, h.lastError, h.model, h.firmware]
     .some((v) => v !== null && v !== undefined && String(v).toLowerCase().includes(needle));
 }
 
-function counts(fleet, at) {
-  const c = { ok: 0, failed: 0, pending: 0, stale: 0 };
+// Overdue is the service's verdict, the same as its metric and alert: a
+// fresh start is not an outage.
+function counts(fleet) {
+  const c = { ok: 0, failed: 0, pending: 0, overdue: 0 };
   for (const h of fleet.hosts) {
     if (h.state in c) c[h.state] += 1;
-    if (h.lastSuccess === null || h.lastSuccess === undefined || at - h.lastSuccess > 2 * fleet.interval) c.stale += 1;
+    if (h.overdue) c.overdue += 1;
   }
   return c;
 }
@@ -65,7 +67,21 @@ function countList(c) {
   const item = (cls, n, label) => el('li', { class: cls }, el('strong', {}, String(n)), ' ', label);
   return el('ul', { class: 'counts', 'aria-label': 'Counts' },
     item('state-ok', c.ok, 'ok'), item('state-failed', c.failed, 'failed'),
-    item('state-pending', c.pending, 'pending'), item('stale', c.stale, 'not backed up for two intervals'));
+    item('state-pending', c.pending, 'pending'), item('overdue', c.overdue, 'overdue (no backup in two intervals)'));
+}
+
+// Hosts that left the inventory: no longer backed up, their folders kept as
+// they were. The service answers for them only in its list of changes.
+function retiredList(fleet) {
+  if (!fleet.retired.length) return [];
+  const rows = fleet.retired.map((r) => el('li', {}, el('strong', {}, r.name), ' · last change ', when(r.lastChange),
+    r.lastCommit ? [' ', el('code', {}, shortRev(r.lastCommit))] : null,
+    r.lastChange ? [' · ', el('a', { href: links.retired(r.name, r.lastChange) }, 'its changes')] : null));
+  return [el('h2', {}, 'No longer in the inventory'),
+    el('p', { class: 'muted' }, 'These hosts are not backed up any more. Their folders stay in the repository as ',
+      'their last backup left them; this page lists their changes but cannot show their files or diffs ',
+      '(git log and git show in the repository can).'),
+    el('ul', { class: 'plain retired' }, rows)];
 }
 
 class FleetTable {
@@ -133,8 +149,9 @@ export function renderFleet(view, route, ctx) {
   // Not a live region: it changes with every refresh, and would be read out each time.
   const shown = el('p', { class: 'muted' });
   const problem = el('div');
+  const retired = el('div');
   const input = el('input', { type: 'search', id: 'fleet-filter', value: state.filter,
-    placeholder: 'name, address, state, error', autocomplete: 'off' });
+    placeholder: 'name, address, state, overdue, error', autocomplete: 'off' });
   const table = new FleetTable((key) => {
     state.dir = state.sort === key && state.dir === 'asc' ? 'desc' : 'asc';
     state.sort = key;
@@ -153,9 +170,10 @@ export function renderFleet(view, route, ctx) {
     const col = columns.find((c) => c.key === state.sort);
     const sign = state.dir === 'desc' ? -1 : 1;
     const hosts = state.fleet.hosts.filter((h) => matches(h, needle))
-      .sort((a, b) => sign * col.order(a, b) || natural.compare(a.name, b.name));
+      .sort((a, b) => sign * col.order(a, b) || naturally(a.name, b.name));
     table.show(hosts, at);
-    fill(summary, countList(counts(state.fleet, at)));
+    fill(summary, countList(counts(state.fleet)));
+    if (!retired.contains(document.activeElement)) fill(retired, retiredList(state.fleet));
     fill(shown, `Showing ${hosts.length} of ${state.fleet.hosts.length} hosts · updated ${exactTime(at)}`);
   }
 
@@ -171,7 +189,7 @@ export function renderFleet(view, route, ctx) {
   });
   fill(view, heading('Fleet'), summary,
     el('p', { class: 'filter' }, el('label', { for: 'fleet-filter' }, 'Filter '), input),
-    shown, problem, table.node);
+    shown, problem, table.node, retired);
   update();
 
   const timer = setInterval(() => load().catch((err) => (err.status === 401 ? ctx.fail(err) : fill(problem, errorBox(err)))),

@@ -1,22 +1,41 @@
-// One host: its details, a "back up now" button, its history and its
-// current files.
+// One host: its details and "back up now" from the first second, then its
+// attempts, its history and its current files. Each part shows its own
+// error, so that a host never backed up still has its whole page.
 import { request } from '../api.js';
-import { paths, hostFromApi, filesFromApi, backupFromApi } from '../api_fields.js';
+import { paths, hostFromApi, filesFromApi, backupFromApi, attemptsFromApi } from '../api_fields.js';
 import { el, fill, heading, errorBox } from '../dom.js';
 import { links } from '../route.js';
 import { duration } from '../time.js';
-import { stateBadge, when, shortRev, table } from '../widgets.js';
+import { stateBadge, overdueMark, resultBadge, when, shortRev, table, fileName } from '../widgets.js';
+
+const REFRESH_MS = 5000;
+
+const seconds = (s) => (s === undefined || s === null ? '' : duration(s));
 
 function details(h) {
-  const item = (term, value) => [el('dt', {}, term), el('dd', {}, value ?? '')];
+  const item = (term, ...value) => [el('dt', {}, term), el('dd', {}, ...value)];
+  const tried = h.lastAttempt === null || h.lastAttempt === undefined;
   return el('dl', { class: 'details' },
-    item('Address', h.address), item('State', stateBadge(h.state)),
-    item('Model', h.model), item('Firmware', h.firmware),
-    item('Last attempt', when(h.lastAttempt)), item('Last success', when(h.lastSuccess)),
-    item('Last change', when(h.lastChange)), item('Consecutive failures', String(h.failures ?? '')),
-    item('Last error', h.lastError || 'none'),
-    item('Last duration', h.lastDuration === undefined || h.lastDuration === null ? '' : duration(h.lastDuration)),
-    item('Next due', when(h.nextDue)));
+    item('State', stateBadge(h.state), h.overdue ? [' ', overdueMark()] : null,
+      tried && h.state === 'pending' ? el('span', { class: 'muted' }, ' not tried yet') : null),
+    item('Last error', h.lastError ? el('span', { class: 'error' }, h.lastError) : 'none'),
+    item('Next backup', when(h.nextDue)),
+    item('Address', h.address ?? ''),
+    item('Last attempt', when(h.lastAttempt), seconds(h.lastDuration) && ` (took ${seconds(h.lastDuration)})`),
+    item('Last success', when(h.lastSuccess)), item('Last change', when(h.lastChange)),
+    item('Consecutive failures', String(h.failures ?? '')),
+    item('Attempts', `${h.attemptsTotal ?? 0}, ${h.failuresTotal ?? 0} failed`),
+    item('In the schedule since', when(h.since)),
+    item('Model', h.model ?? ''), item('Firmware', h.firmware ?? ''));
+}
+
+function attempts(name, list) {
+  if (!list.length) return el('p', {}, 'No attempt yet.');
+  const rows = list.map((a) => [
+    when(a.time), seconds(a.duration), resultBadge(a.result), a.error ?? '',
+    a.commit ? el('a', { href: links.diff(name, undefined, a.commit) }, el('code', {}, shortRev(a.commit))) : '',
+  ]);
+  return table(['Time', 'Took', 'Result', 'Error', 'Change'], rows, `Backup attempts of ${name}`);
 }
 
 // Newest first, as the service sends it; each change against the one before.
@@ -26,15 +45,15 @@ function history(h) {
     when(c.time),
     el('a', { href: links.diff(h.name, h.history[i + 1]?.rev, c.rev) }, el('code', {}, shortRev(c.rev))),
     c.message,
-    el('ul', { class: 'plain' }, c.files.map((f) => el('li', {}, f))),
+    el('ul', { class: 'plain' }, c.files.map((f) => el('li', {}, fileName(f)))),
   ]);
   return table(['Time', 'Change', 'Message', 'Files'], rows, `History of ${h.name}`);
 }
 
-function files(h, list) {
+function files(name, list) {
   if (!list.files.length) return el('p', {}, 'No files backed up yet.');
   return el('ul', { class: 'files' }, list.files.map((f) =>
-    el('li', {}, el('a', { href: links.file(h.name, f.path) }, f.path),
+    el('li', {}, el('a', { href: links.file(name, f.path) }, f.path),
       f.size === undefined ? '' : el('span', { class: 'muted' }, ` ${f.size} bytes`))));
 }
 
@@ -44,17 +63,48 @@ function backupResult(r) {
   return el('p', { class: 'done' }, `Backup done: ${what}.`);
 }
 
+// Redraws a part when what it shows changed, or else only when nothing in
+// it has the focus (relative times move on), so a refresh keeps the focus.
+function redraw(part, key, build) {
+  if (part.key === key && part.node.contains(document.activeElement)) return;
+  part.key = key;
+  fill(part.node, build());
+}
+
+// A part's own request: its failure is shown in its place, except a refused
+// token, which the whole page answers. True when it was shown.
+async function settle(part, promise, show) {
+  try {
+    const data = await promise;
+    redraw(part, JSON.stringify(data), () => show(data));
+    return true;
+  } catch (err) {
+    if (err.status === 401) throw err;
+    redraw(part, `error ${err.message}`, () => errorBox(err));
+    return false;
+  }
+}
+
 export function renderHost(view, route, ctx) {
   const name = route.parts[1];
-  const body = el('div');
+  const part = () => ({ node: el('div'), key: null });
+  const about = part(), tried = part(), past = part(), now = part();
   const result = el('div', { role: 'status', 'aria-live': 'polite' });
+  const problem = el('div');
   const button = el('button', { type: 'button', class: 'primary' }, 'Back up now');
+  let shownCommit;  // whose files the page shows: they are asked for again only after a change
 
   async function load() {
-    const [h, list] = await Promise.all([request(paths.host(name)), request(paths.files(name))]);
-    const host = hostFromApi(h);
-    fill(body, details(host), el('h2', {}, 'History'), history(host),
-      el('h2', {}, 'Current files'), files(host, filesFromApi(list)));
+    const host = hostFromApi(await request(paths.host(name)));
+    fill(problem);
+    fill(about.node, details(host));
+    redraw(past, JSON.stringify(host.history), () => history(host));
+    const commit = host.lastCommit ?? '';
+    await Promise.all([
+      settle(tried, request(paths.attempts(name)).then(attemptsFromApi), (list) => attempts(name, list)),
+      shownCommit !== commit && settle(now, request(paths.files(name)).then(filesFromApi), (list) => files(name, list))
+        .then((shown) => { if (shown) shownCommit = commit; }),
+    ]);
   }
 
   button.addEventListener('click', async () => {
@@ -72,6 +122,13 @@ export function renderHost(view, route, ctx) {
   });
 
   fill(view, el('nav', { class: 'crumbs', 'aria-label': 'Breadcrumb' }, el('a', { href: links.fleet() }, 'Fleet'), ' › '),
-    heading(name), el('p', {}, button), result, body);
-  return { ready: load() };
+    heading(name), el('p', {}, button), result, problem, about.node,
+    el('h2', {}, 'Attempts'), tried.node, el('h2', {}, 'History'), past.node, el('h2', {}, 'Current files'), now.node);
+  const refresh = () => load().catch((err) => {
+    if (!view.isConnected) return;  // an answer for a page already left
+    if (err.status === 401) ctx.fail(err);
+    else fill(problem, errorBox(err));
+  });
+  const timer = setInterval(refresh, REFRESH_MS);
+  return { ready: load(), stop: () => clearInterval(timer) };
 }
