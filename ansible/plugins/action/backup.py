@@ -45,15 +45,16 @@ class ActionModule(RouterAction):
             fcntl.flock(lock, fcntl.LOCK_EX)
             if self._task.check_mode:
                 return self.compare_with_repository(router, os.path.join(into, host, 'config.dat'), work)
+            line = '%s ansible_host=%s' % (host, router.settings['host'])
             with open(os.path.join(work, 'host.ini'), 'w') as f:
-                f.write('%s ansible_host=%s%s\n' % (host, router.settings['host'],
-                                                    ' ansible_port=%d' % router.settings['port'] if router.settings['port'] else ''))
+                f.write(line + (' ansible_port=%d\n' % router.settings['port'] if router.settings['port'] else '\n'))
             command = ['fleet', '-i', os.path.join(work, 'host.ini'), 'backup', '--into', into]
             answer = router.run(*command + (['--scripts'] if args['scripts'] else []))
             if not answer['ok']:
                 line = next((h for h in answer['hosts'] if h.get('host') == host), None)
                 return self.failed(line or answer)
-            return dict(changed=host in answer['data']['changed'], commit=answer['data']['commit'], msg=answer['message'])
+            data = answer['data']
+            return dict(changed=host in data['changed'], commit=data['commit'], msg=answer['message'])
         finally:
             os.close(lock)
             shutil.rmtree(work)
@@ -63,4 +64,5 @@ class ActionModule(RouterAction):
         answer = router.run('backup', fetched)
         if not answer['ok']:
             return self.failed(answer)
-        return dict(changed=not (os.path.exists(kept) and filecmp.cmp(fetched, kept, shallow=False)), msg=answer['message'])
+        same = os.path.exists(kept) and filecmp.cmp(fetched, kept, shallow=False)
+        return dict(changed=not same, msg=answer['message'])

@@ -25,8 +25,8 @@ class ActionModule(RouterAction):
         result['lines'] = answer['data'].get('lines', [])
         back = self.wait_until_back(router, args['settle'])
         if back is None:
-            return dict(result, failed=True, msg='%s was flashed and did not answer again within %d s (settle): look at '
-                        'it before going on' % (task_vars['inventory_hostname'], args['settle']))
+            return dict(result, failed=True, msg='%s was flashed and did not answer again within %d s (settle): look '
+                        'at it before going on' % (task_vars['inventory_hostname'], args['settle']))
         result['back_after_s'] = back
         result['version'], answer = self.version(router)
         if result['version'] is None:

@@ -23,9 +23,9 @@ class ActionModule(RouterAction):
         before = text_of(answer['data'])
         result = dict(changed=before != wanted, name=name, bytes=len(wanted), sha1=hashlib.sha1(wanted).hexdigest())
         if self._task.diff and result['changed']:
-            host = task_vars['inventory_hostname']
-            result['diff'] = dict(before=to_text(before, errors='surrogate_or_replace'), before_header='%s: %s' % (host, name),
-                                  after=to_text(wanted, errors='surrogate_or_replace'), after_header='%s: %s' % (host, name))
+            header = '%s: %s' % (task_vars['inventory_hostname'], name)
+            result['diff'] = dict(before=to_text(before, errors='surrogate_or_replace'), before_header=header,
+                                  after=to_text(wanted, errors='surrogate_or_replace'), after_header=header)
         if args['backup'] and not self._task.check_mode:
             result['backup_path'] = self.save_backup(before, args, task_vars)
         if not result['changed'] or self._task.check_mode:
@@ -47,8 +47,8 @@ class ActionModule(RouterAction):
         playbook unless told otherwise; mode 600, written whole or not at all."""
         options = args['backup_options'] or {}
         folder = options.get('dir_path') or os.path.join(self._loader.get_basedir(), 'backup')
-        name = options.get('filename') or '%s_%s.scr.%s' % (task_vars['inventory_hostname'], args['name'],
-                                                           time.strftime('%Y-%m-%d@%H:%M:%S'))
+        stamp = time.strftime('%Y-%m-%d@%H:%M:%S')
+        name = options.get('filename') or '%s_%s.scr.%s' % (task_vars['inventory_hostname'], args['name'], stamp)
         os.makedirs(folder, mode=0o700, exist_ok=True)
         path = os.path.join(folder, name)
         temporary = self.temporary(folder, '.' + name + '.')

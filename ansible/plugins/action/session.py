@@ -23,7 +23,8 @@ class ActionModule(RouterAction):
             return result
         # As kelputil lists them: a PPP session's user is its name, a hotspot one's its user.
         if args['address']:
-            present, command = any(s['ip'] == args['address'] for s in sessions['hotspot']), ['kick-ip', args['address']]
+            present = any(s['ip'] == args['address'] for s in sessions['hotspot'])
+            command = ['kick-ip', args['address']]
         else:
             key = 'name' if args['kind'] == 'ppp' else 'user'
             present = any(s[key] == args['user'] for s in sessions[args['kind']])

@@ -12,7 +12,7 @@ description:
     is for what ansible-core 2.14 runs as a module instead, above all a play's own fact gathering with
     C(ansible_facts_modules=kelp.router.facts); other modules it runs act on the controller.
 version_added: 1.0.0
-author: kelp developers
+author: kelp developers (!UNKNOWN)
 options:
   remote_addr:
     description: The router's address.

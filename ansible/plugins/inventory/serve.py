@@ -13,7 +13,7 @@ description:
     C(ansible-playbook -l kelp_failed fix.yml) runs on the routers whose last backup failed.
   - The inventory source is a YAML file whose C(plugin) is C(kelp.router.serve).
 version_added: 1.0.0
-author: kelp developers
+author: kelp developers (!UNKNOWN)
 extends_documentation_fragment:
   - constructed
 options:

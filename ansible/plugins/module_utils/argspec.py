@@ -63,13 +63,9 @@ def spec(module):
     return rules
 
 
-def run_on_target(module):
-    """What a module does when it is sent to a host instead of running as its action plugin: say so."""
-    from ansible.module_utils.basic import AnsibleModule
-    rules = spec(module)
-    AnsibleModule(supports_check_mode=True, **rules).fail_json(
-        msg='kelp.router.%s runs on the controller as an action plugin and was sent to the host instead: run it as a '
-            'task of its own (its action plugin then runs it)' % module)
+# What a module says when it was sent to a host instead of running as its action plugin.
+ON_TARGET = ('kelp.router.%s runs on the controller as an action plugin and was sent to the host instead: run it as '
+             'a task of its own (its action plugin then runs it)')
 
 # The environment variable in which the kelp.router.kelputil connection hands a module the router's settings (as
 # JSON; the password itself only through the pipe it names, password_fd).

@@ -66,7 +66,8 @@ class Router:
         """fleet: the command names its hosts in an inventory, which holds their addresses and ports."""
         s = self.settings
         argv = [self.program, '--json'] + ([] if fleet else ['-H', s['host']])
-        for option, key in (('-p', 'port'), ('--pin', 'pin'), ('--known-hosts', 'known_hosts'), ('--timeout', 'timeout')):
+        for option, key in (('-p', 'port'), ('--pin', 'pin'), ('--known-hosts', 'known_hosts'),
+                            ('--timeout', 'timeout')):
             if s.get(key) not in (None, '') and not (fleet and key == 'port'):
                 argv += [option, str(s[key])]
         if s.get('plain'):
@@ -75,8 +76,8 @@ class Router:
 
     def run(self, *args, **kw):
         """kelputil's answer to one command: its last JSON object, with 'events' (the JSON lines before it),
-        'hosts' (a fleet command's lines for its hosts) and 'notes' (what it said on standard error). stdin: bytes for a FILE given as '-'; on_event(event) is
-        called as each event arrives."""
+        'hosts' (a fleet command's lines for its hosts) and 'notes' (what it said on standard error).
+        stdin: bytes for a FILE given as '-'; on_event(event) is called as each event arrives."""
         stdin, on_event = kw.get('stdin'), kw.get('on_event')
         read_end, write_end = os.pipe()
         try:
@@ -85,8 +86,9 @@ class Router:
             os.close(write_end)
         env = dict((k, v) for k, v in os.environ.items() if k != 'KELPUTIL_PASSWORD')
         try:
-            proc = subprocess.Popen(self.argv(args, read_end, args[0] == 'fleet'), stdin=subprocess.DEVNULL if stdin is None else subprocess.PIPE,
-                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=(read_end,), env=env)
+            proc = subprocess.Popen(self.argv(args, read_end, args[0] == 'fleet'), stdout=subprocess.PIPE,
+                                    stdin=subprocess.DEVNULL if stdin is None else subprocess.PIPE,
+                                    stderr=subprocess.PIPE, pass_fds=(read_end,), env=env)
         except OSError as e:
             raise KelputilError('cannot run %s: %s' % (self.program, e))
         finally:
@@ -117,8 +119,8 @@ class Router:
         notes = [n[len('kelputil: '):] if n.startswith('kelputil: ') else n
                  for n in b''.join(errors).decode('utf-8', 'replace').splitlines() if n.strip()]
         if answer is None:
-            answer = {'ok': False, 'exit': proc.returncode, 'code': None, 'data': None,
-                      'message': 'kelputil ended (status %s) without an answer: %s' % (proc.returncode, ' '.join(notes))}
+            said = 'kelputil ended (status %s) without an answer: %s' % (proc.returncode, ' '.join(notes))
+            answer = {'ok': False, 'exit': proc.returncode, 'code': None, 'data': None, 'message': said}
         answer.update(events=events, notes=notes, hosts=hosts)
         return answer
 

@@ -67,9 +67,9 @@ def interfaces(text):
         m = re.match(r'^\d+: ([^:@\s]+)(?:@\S+)?: <([^>]*)>(.*)$', line)
         if m:
             mtu, state = re.search(r'\bmtu (\d+)', m.group(3)), re.search(r'\bstate (\S+)', m.group(3))
-            current = found[m.group(1)] = dict(ipv4=[], ipv6=[], macaddress=None, mtu=int(mtu.group(1)) if mtu else None,
-                                               operstatus=state.group(1).lower() if state else None,
-                                               flags=m.group(2).split(','))
+            current = found[m.group(1)] = dict(ipv4=[], ipv6=[], macaddress=None, flags=m.group(2).split(','),
+                                               mtu=int(mtu.group(1)) if mtu else None,
+                                               operstatus=state.group(1).lower() if state else None)
             continue
         words = line.split()
         if current is None or len(words) < 2:

@@ -14,15 +14,27 @@ description:
     (C(ansible_facts_modules=kelp.router.facts)), ansible-core runs it as a module, which needs the routers'
     C(ansible_connection=kelp.router.kelputil) (see that connection plugin).
 version_added: 1.0.0
-author: kelp developers
-extends_documentation_fragment: kelp.router.router
+author: kelp developers (!UNKNOWN)
+extends_documentation_fragment:
+  - kelp.router.router
+  - ansible.builtin.action_common_attributes
+  - ansible.builtin.action_common_attributes.flow
+  - ansible.builtin.action_common_attributes.facts
 attributes:
+  action:
+    support: full
+  async:
+    support: none
+  bypass_host_loop:
+    support: none
   check_mode:
     support: full
   diff_mode:
     support: none
   facts:
     support: full
+  platform:
+    platforms: kelputild routers
 options:
   gather_subset:
     description:
@@ -159,14 +171,16 @@ def main():
     over the router's settings and its password's pipe."""
     module = AnsibleModule(supports_check_mode=True, **spec('facts'))
     if SETTINGS_FROM_CONNECTION not in os.environ:
-        module.fail_json(msg='kelp.router.facts was sent to the host as a module: as a task it runs on the controller '
-                             '(its action plugin); as ansible_facts_modules it needs ansible_connection=kelp.router.kelputil')
+        module.fail_json(msg='kelp.router.facts was sent to the host as a module: as a task it runs on the '
+                             'controller (its action plugin); as ansible_facts_modules it needs '
+                             'ansible_connection=kelp.router.kelputil')
     settings = json.loads(os.environ[SETTINGS_FROM_CONNECTION])
     with os.fdopen(settings.pop('password_fd'), 'rb') as pipe:
         settings['password'] = pipe.read().decode('utf-8', 'surrogateescape').rstrip('\n')
     settings.update((k, v) for k, v in module.params.items() if v is not None and k in settings)
     try:
-        module.exit_json(changed=False, ansible_facts=gather(Router(settings), chosen_subsets(module.params['gather_subset'])))
+        subsets = chosen_subsets(module.params['gather_subset'])
+        module.exit_json(changed=False, ansible_facts=gather(Router(settings), subsets))
     except (KelputilError, ValueError) as e:
         module.fail_json(msg=str(e))
     except GatherError as e:

@@ -11,13 +11,24 @@ description:
     apply its settings afterwards.
   - Check mode compares and changes nothing; with C(--diff) the change is shown as a unified diff.
 version_added: 1.0.0
-author: kelp developers
-extends_documentation_fragment: kelp.router.router
+author: kelp developers (!UNKNOWN)
+extends_documentation_fragment:
+  - kelp.router.router
+  - ansible.builtin.action_common_attributes
+  - ansible.builtin.action_common_attributes.flow
 attributes:
+  action:
+    support: full
+  async:
+    support: none
+  bypass_host_loop:
+    support: none
   check_mode:
     support: full
   diff_mode:
     support: full
+  platform:
+    platforms: kelputild routers
 options:
   name:
     description: The script, as kelputil names it.
@@ -28,7 +39,8 @@ options:
     description: The script's text. One of I(content) and I(src).
     type: str
   src:
-    description: A file on the controller holding the script (looked for under C(files/) too, as M(ansible.builtin.copy) does).
+    description: A file on the controller holding the script (looked for under C(files/) too, as
+      M(ansible.builtin.copy) does).
     type: path
   apply:
     description: After a change, have the router apply its settings (its post-action). Nothing is applied when the
@@ -91,7 +103,8 @@ msg:
   description: kelputil's message; on failure, why (a refused password, a router that cannot be reached, ...).
   returned: on failure, and when the router changed
   type: str
-  sample: "198.18.0.4:857 refused the connection: is kelputild running there, and is the port right? (TLS 857, plain 856)"
+  sample: "198.18.0.4:857 refused the connection: is kelputild running there, and is the port right? (TLS 857,
+    plain 856)"
 kelputil_exit:
   description: kelputil's exit status (2 wrong password, 3 could not connect, 10 and up the router's refusal).
   returned: on failure
@@ -99,11 +112,12 @@ kelputil_exit:
   sample: 3
 '''
 
-from ansible_collections.kelp.router.plugins.module_utils.argspec import run_on_target
+from ansible.module_utils.basic import AnsibleModule
+from ansible_collections.kelp.router.plugins.module_utils.argspec import ON_TARGET, spec
 
 
 def main():
-    run_on_target('script')
+    AnsibleModule(supports_check_mode=True, **spec('script')).fail_json(msg=ON_TARGET % 'script')
 
 
 if __name__ == '__main__':

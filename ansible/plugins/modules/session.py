@@ -12,13 +12,24 @@ description:
     when there is one, and changes nothing when there is none.
   - Check mode lists and changes nothing.
 version_added: 1.0.0
-author: kelp developers
-extends_documentation_fragment: kelp.router.router
+author: kelp developers (!UNKNOWN)
+extends_documentation_fragment:
+  - kelp.router.router
+  - ansible.builtin.action_common_attributes
+  - ansible.builtin.action_common_attributes.flow
 attributes:
+  action:
+    support: full
+  async:
+    support: none
+  bypass_host_loop:
+    support: none
   check_mode:
     support: full
   diff_mode:
     support: none
+  platform:
+    platforms: kelputild routers
 options:
   kind:
     description: Which sessions; both when not given. Needed with I(user).
@@ -66,7 +77,8 @@ msg:
   description: kelputil's message; on failure, why (a refused password, a router that cannot be reached, ...).
   returned: on failure, and when the router changed
   type: str
-  sample: "198.18.0.4:857 refused the connection: is kelputild running there, and is the port right? (TLS 857, plain 856)"
+  sample: "198.18.0.4:857 refused the connection: is kelputild running there, and is the port right? (TLS 857,
+    plain 856)"
 kelputil_exit:
   description: kelputil's exit status (2 wrong password, 3 could not connect, 10 and up the router's refusal).
   returned: on failure
@@ -74,11 +86,12 @@ kelputil_exit:
   sample: 3
 '''
 
-from ansible_collections.kelp.router.plugins.module_utils.argspec import run_on_target
+from ansible.module_utils.basic import AnsibleModule
+from ansible_collections.kelp.router.plugins.module_utils.argspec import ON_TARGET, spec
 
 
 def main():
-    run_on_target('session')
+    AnsibleModule(supports_check_mode=True, **spec('session')).fail_json(msg=ON_TARGET % 'session')
 
 
 if __name__ == '__main__':

@@ -45,7 +45,8 @@ class RouterAction(ActionBase):
     def router_settings(self, args, task_vars):
         """The option, else the host's kelp_NAME; the address from ansible_host (else the inventory name), the port
         from ansible_port, the password from kelp_password or ansible_password."""
-        fallback = dict(host=['ansible_host', 'inventory_hostname'], port=['ansible_port'], password=['ansible_password'])
+        fallback = dict(host=['ansible_host', 'inventory_hostname'], port=['ansible_port'],
+                        password=['ansible_password'])
         settings = {}
         for key in SETTINGS:
             value = args.get(key)
