@@ -1,6 +1,7 @@
 """The kelp.router collection under Debian's real ansible-playbook, against a
 simulated fleet of 12 routers: router3 down, router5 silent, router7 with
-another password. The script starts itself again inside `kelp-router`.
+another password, router11 whose flash fails and router12 that does not come
+back from a reboot. The script starts itself again inside `kelp-router`.
 Exit 77 when Ansible is not installed."""
 import argparse, glob, json, os, re, shutil, subprocess, sys, tempfile, threading, time, unittest, urllib.request
 
@@ -95,20 +96,38 @@ class Fleet(unittest.TestCase):
             for host in ANSWERING:
                 self.assertEqual(results[host]['msg'], f'simulated kelp-v3 router 3.2.1 {address(host)}', out)
 
-    def test_firmware_rollout_stops_at_the_batch_with_a_failed_router(self):
+    def test_upgrade_rollout_stops_at_the_batch_with_a_failed_router(self):
         # serial 2: batches router1+2, router3+4, ...; router3 is down. Then without router3 and router5 the
-        # batches are router1+2, router4+6, router7+8, ...: router7 refuses the password.
-        for limit, failed, flashed in [('routers', ['router3'], ['router1', 'router2', 'router4']),
-                                       ('routers:!router3:!router5', ['router7'], ['router6', 'router8'])]:
+        # batches are router1+2, router4+6, router7+8, ...: router7 refuses the password. Last, the two whose
+        # flash fails or who do not come back. (Last of the tests: router12 is gone after it.)
+        for limit, failed, flashed, says in [
+                ('routers', ['router3'], ['router1', 'router2', 'router4'], {}),
+                ('routers:!router3:!router5', ['router7'], ['router6', 'router8'], {}),
+                ('router11,router12', ['router11', 'router12'], [], {
+                    'router11': 'error: image check failed',
+                    'router12': 'router12 was flashed and did not answer again within 3 s (settle)'})]:
             before = {h: router_log(h).count('firmware received') for h in HOSTS}
-            out, recap, results = play('firmware.yml', '-v', '-l', limit)
+            out, recap, results = play('firmware.yml', '-v', '-l', limit, '-e', 'settle=3')
             self.assertEqual(hosts_where(recap, 'failed'), failed, out)
             self.assertEqual(hosts_where(recap, 'changed'), flashed, out)
-            self.assertEqual([h for h in HOSTS if router_log(h).count('firmware received') > before[h]], flashed)
+            received = [h for h in HOSTS if router_log(h).count('firmware received') > before[h]]
+            self.assertEqual(received, sorted(flashed + list(says), key=HOSTS.index))
             for host in flashed:
                 self.assertEqual((results[host]['version_before'], results[host]['version']), ('3.2.1', '3.3.0'))
+            for host, message in says.items():
+                self.assertIn(message, results[host]['msg'])
             self.assertIn('writing flash 50%', out)
-        self.assertIn('3.2.1', kelputil('router12', 'report', 'full').stdout.splitlines()[1])
+        self.assertIn('3.2.1', kelputil('router10', 'report', 'full').stdout.splitlines()[1])
+
+    def test_kelputil_missing_or_too_old_named(self):
+        with open(os.open(os.path.join(WORK, 'old-kelputil'), os.O_WRONLY | os.O_CREAT, 0o755), 'w') as f:
+            f.write('#!/bin/sh\necho kelputil 0.9.0\n')
+        out, recap, results = play('kelputil.yml', '-l', 'router1')
+        self.assertEqual(results['router1']['msg'].split(' | '), [
+            'kelputil not found (/nonexistent/kelputil): install the kelputil package, or give its path as the '
+            'kelputil option or the kelp_kelputil variable',
+            f'{WORK}/old-kelputil is kelputil 0.9.0, too old: kelp.router needs kelputil 1.0.0 or later (upgrade the '
+            'kelputil package)'], out)
 
     def test_inventory_plugin_gives_the_state_groups_of_a_real_kelputil_serve(self):
         with open(os.path.join(WORK, 'token'), 'w') as f:
@@ -263,7 +282,19 @@ PLAYBOOKS = {
     - kelp.router.firmware:
         src: fw.bin
         version: 3.3.0
-        settle: 30
+        settle: "{{ settle | default(30) }}"
+""",
+    'kelputil.yml': """
+- hosts: routers
+  gather_facts: false
+  tasks:
+    - kelp.router.facts: {kelputil: /nonexistent/kelputil}
+      register: missing
+      ignore_errors: true
+    - kelp.router.facts: {kelputil: "{{ playbook_dir }}/old-kelputil"}
+      register: old
+      ignore_errors: true
+    - debug: {msg: "{{ missing.msg }} | {{ old.msg }}"}
 """,
     'sessions.yml': """
 - hosts: routers
@@ -316,8 +347,9 @@ def main():
         inside = [sys.executable, os.path.abspath(__file__), '--kelputil', ARGS.kelputil, '--collection',
                   ARGS.collection, '--password-file', os.path.join(hand_over, 'pw')] + rest
         try:
-            return subprocess.run([ARGS.router, '--password', PASSWORD, '--fleet', '12', '--fault', 'down:3', '--fault',
-                                   'silent:5', '--fault', 'password:7', '--'] + inside, timeout=170).returncode
+            faults = ['down:3', 'silent:5', 'password:7', 'upgrade-fails:11', 'no-return:12']
+            fleet = [ARGS.router, '--password', PASSWORD, '--fleet', '12'] + [a for f in faults for a in ('--fault', f)]
+            return subprocess.run(fleet + ['--'] + inside, timeout=170).returncode
         finally:
             shutil.rmtree(hand_over)
     with open(ARGS.password_file) as f:
