@@ -253,10 +253,10 @@ PLAYBOOKS = {
 """,
     'gather.yml': """
 - hosts: routers
+  gather_subset: all
   vars:
     ansible_connection: kelp.router.kelputil
     ansible_facts_modules: kelp.router.facts
-    ansible_python_interpreter: "{{ ansible_playbook_python }}"
   module_defaults:
     kelp.router.facts:
       gather_subset: [interfaces]
