@@ -11,6 +11,8 @@ class ActionModule(RouterAction):
     MODULE = 'session'
 
     def act(self, router, args, task_vars):
+        if args['address'] and args['kind'] == 'ppp':
+            return dict(failed=True, msg='address names a hotspot client: leave out kind, or give kind: hotspot')
         kinds = [args['kind']] if args['kind'] else (['hotspot'] if args['address'] else ['ppp', 'hotspot'])
         sessions = {}
         for kind in kinds:

@@ -60,7 +60,10 @@ class Router:
                                 'encrypted), or the password option' % settings['host'])
         if '\n' in settings['password'] or '\r' in settings['password']:
             raise KelputilError('the password for %s holds a line break: kelputil takes one line' % settings['host'])
+        if len(settings['password'].encode('utf-8', 'surrogateescape')) > 4000:
+            raise KelputilError('the password for %s is longer than the 4000 bytes kelputil reads' % settings['host'])
         self.program = find_kelputil(settings.get('kelputil'))
+        self.on_note = None  # called with each line kelputil writes on standard error
 
     def argv(self, args, password_fd, fleet):
         """fleet: the command names its hosts in an inventory, which holds their addresses and ports."""
@@ -118,6 +121,8 @@ class Router:
             t.join()
         notes = [n[len('kelputil: '):] if n.startswith('kelputil: ') else n
                  for n in b''.join(errors).decode('utf-8', 'replace').splitlines() if n.strip()]
+        for note in notes if self.on_note else []:
+            self.on_note(note)
         if answer is None:
             said = 'kelputil ended (status %s) without an answer: %s' % (proc.returncode, ' '.join(notes))
             answer = {'ok': False, 'exit': proc.returncode, 'code': None, 'data': None, 'message': said}

@@ -29,6 +29,7 @@ class RouterAction(ActionBase):
         _, args = self.validate_argument_spec(**rules)
         try:
             router = Router(self.router_settings(args, task_vars))
+            router.on_note = lambda note: self.display_v(task_vars, note)  # e.g. a certificate remembered
             result.update(self.act(router, args, task_vars))
         except (KelputilError, OSError) as e:
             result.update(failed=True, msg=str(e))
