@@ -94,7 +94,8 @@ class Fleet(unittest.TestCase):
             self.assertEqual(hosts_where(recap, 'ok'), ANSWERING, out)
             self.assert_faulty_reported(recap, results)
             for host in ANSWERING:
-                self.assertEqual(results[host]['msg'], f'simulated kelp-v3 router 3.2.1 {address(host)}', out)
+                said = f'simulated kelp-v3 router 3.2.1 {address(host)} 1500 min,interfaces'
+                self.assertEqual(results[host]['msg'], said, out)
 
     def test_upgrade_rollout_stops_at_the_batch_with_a_failed_router(self):
         # serial 2: batches router1+2, router3+4, ...; router3 is down. Then without router3 and router5 the
@@ -249,7 +250,8 @@ PLAYBOOKS = {
     - kelp.router.facts:
         gather_subset: [interfaces]
     - debug:
-        msg: "{{ ansible_net_model }} {{ ansible_net_version }} {{ ansible_net_all_ipv4_addresses[-1] }}"
+        msg: "{{ ansible_net_model }} {{ ansible_net_version }} {{ ansible_net_all_ipv4_addresses[-1] }}
+          {{ ansible_net_interfaces.eth0.mtu }} {{ ansible_net_gather_subset | join(',') }}"
 """,
     'gather.yml': """
 - hosts: routers
@@ -262,7 +264,8 @@ PLAYBOOKS = {
       gather_subset: [interfaces]
   tasks:
     - debug:
-        msg: "{{ ansible_net_model }} {{ ansible_net_version }} {{ ansible_net_all_ipv4_addresses[-1] }}"
+        msg: "{{ ansible_net_model }} {{ ansible_net_version }} {{ ansible_net_all_ipv4_addresses[-1] }}
+          {{ ansible_net_interfaces.eth0.mtu }} {{ ansible_net_gather_subset | join(',') }}"
 """,
     'script.yml': f"""
 - hosts: routers

@@ -12,13 +12,13 @@ class ActionModule(RouterAction):
     MODULE = 'firmware'
 
     def act(self, router, args, task_vars):
+        image = self.controller_file(args['src'])  # a missing image fails in check mode too
         before, answer = self.version(router)
         if before is None:
             return self.failed(answer)
         result = dict(changed=before != args['version'], version_before=before, version=before)
         if not result['changed'] or self._task.check_mode:
             return result
-        image = self.controller_file(args['src'])
         answer = router.run('firmware', image, '--upgrade', on_event=lambda e: self.progress(task_vars, e))
         if not answer['ok']:
             return self.failed(answer, **result)

@@ -8,12 +8,16 @@ __metaclass__ = type
 import os
 import tempfile
 
-from ansible.errors import AnsibleActionFail
+from ansible.errors import AnsibleError
 from ansible.module_utils.common.text.converters import to_text
 from ansible.module_utils.parsing.convert_bool import boolean
 from ansible.plugins.action import ActionBase
 from ansible_collections.kelp.router.plugins.module_utils import argspec
 from ansible_collections.kelp.router.plugins.module_utils.kelputil import SETTINGS, KelputilError, Router
+
+
+class TaskFailure(Exception):
+    """Why the task fails, said in its message, without a traceback."""
 
 
 class RouterAction(ActionBase):
@@ -31,7 +35,7 @@ class RouterAction(ActionBase):
             router = Router(self.router_settings(args, task_vars))
             router.on_note = lambda note: self.display_v(task_vars, note)  # e.g. a certificate remembered
             result.update(self.act(router, args, task_vars))
-        except (KelputilError, OSError) as e:
+        except (KelputilError, TaskFailure, OSError) as e:
             result.update(failed=True, msg=str(e))
         return result
 
@@ -60,7 +64,7 @@ class RouterAction(ActionBase):
             for key in ('port', 'timeout'):
                 settings[key] = None if settings[key] in (None, '') else int(settings[key])
         except (TypeError, ValueError) as e:
-            raise AnsibleActionFail('%s: %s' % (task_vars.get('inventory_hostname'), e))
+            raise TaskFailure('%s: %s' % (task_vars.get('inventory_hostname'), e))
         return settings
 
     def display_v(self, task_vars, text):
@@ -75,8 +79,9 @@ class RouterAction(ActionBase):
         """A file the task names, found as copy finds its src: the role's or playbook's files/ first."""
         try:
             return self._find_needle('files', path)
-        except AnsibleActionFail:
-            raise AnsibleActionFail('%s: no such file on the controller (nor under files/)' % path)
+        except AnsibleError:
+            raise TaskFailure('%s: no such file on the controller (looked under files/ and beside the playbook or '
+                              'role too)' % path)
 
     def temporary(self, folder, prefix):
         """A new empty file of mode 600 in folder, for kelputil to write and us to rename or remove."""
