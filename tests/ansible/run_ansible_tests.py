@@ -81,8 +81,9 @@ class Fleet(unittest.TestCase):
             self.assertIn(says, result['msg'], host)
 
     def test_bundles_to_a_file_into_a_repository_and_back(self):
-        out, recap, results = play('bundles.yml', '-l', 'router1,router2')
-        self.assertEqual({h: recap[h]['failed'] for h in recap}, {'router1': 0, 'router2': 0}, out)
+        out, recap, results = play('bundles.yml', '-l', 'router1,router2,router3')
+        self.assertEqual({h: recap[h]['failed'] for h in recap}, {'router1': 0, 'router2': 0, 'router3': 1}, out)
+        self.assertIn('198.18.0.4:857 refused the connection', results['router3']['msg'])
         self.assertEqual(os.stat(os.path.join(WORK, 'bundles', 'router1.dat')).st_mode & 0o777, 0o600)
         self.assertEqual(subprocess.run(['git', '-C', os.path.join(WORK, 'repo'), 'log', '--format=%s'], text=True,
                                         capture_output=True).stdout.count('\n'), 2)
@@ -94,7 +95,8 @@ class Fleet(unittest.TestCase):
             self.assertEqual(hosts_where(recap, 'ok'), ANSWERING, out)
             self.assert_faulty_reported(recap, results)
             for host in ANSWERING:
-                said = f'simulated kelp-v3 router 3.2.1 {address(host)} 1500 min,interfaces'
+                mac = '02:00:c6:12:00:%02x' % (int(host[6:]) + 1)
+                said = f'simulated kelp-v3 router 3.2.1 {address(host)} 1500 {mac} min,interfaces'
                 self.assertEqual(results[host]['msg'], said, out)
 
     def test_upgrade_rollout_stops_at_the_batch_with_a_failed_router(self):
@@ -251,7 +253,8 @@ PLAYBOOKS = {
         gather_subset: [interfaces]
     - debug:
         msg: "{{ ansible_net_model }} {{ ansible_net_version }} {{ ansible_net_all_ipv4_addresses[-1] }}
-          {{ ansible_net_interfaces.eth0.mtu }} {{ ansible_net_gather_subset | join(',') }}"
+          {{ ansible_net_interfaces.eth0.mtu }} {{ ansible_net_interfaces.eth0.macaddress }}
+          {{ ansible_net_gather_subset | join(',') }}"
 """,
     'gather.yml': """
 - hosts: routers
@@ -265,7 +268,8 @@ PLAYBOOKS = {
   tasks:
     - debug:
         msg: "{{ ansible_net_model }} {{ ansible_net_version }} {{ ansible_net_all_ipv4_addresses[-1] }}
-          {{ ansible_net_interfaces.eth0.mtu }} {{ ansible_net_gather_subset | join(',') }}"
+          {{ ansible_net_interfaces.eth0.mtu }} {{ ansible_net_interfaces.eth0.macaddress }}
+          {{ ansible_net_gather_subset | join(',') }}"
 """,
     'script.yml': f"""
 - hosts: routers
@@ -312,14 +316,14 @@ PLAYBOOKS = {
 - hosts: routers
   gather_facts: false
   tasks:
+    - kelp.router.backup: {into: repo}
+    - kelp.router.backup: {into: repo}
+      register: repo_again
     - kelp.router.backup: {dest: "bundles/{{ inventory_hostname }}.dat"}
     - kelp.router.backup: {dest: "bundles/{{ inventory_hostname }}.dat"}
       register: again
     - kelp.router.restore: {src: "bundles/{{ inventory_hostname }}.dat"}
       register: restore
-    - kelp.router.backup: {into: repo}
-    - kelp.router.backup: {into: repo}
-      register: repo_again
     - assert:
         that: [not again.changed, not restore.changed, not repo_again.changed]
 """,
