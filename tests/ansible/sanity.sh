@@ -2,7 +2,7 @@
 # The collection's static checks, offline: ansible-test sanity's tests that
 # need no virtual environment of their own (those fetch their tools with pip),
 # then what the others check, with Debian's tools: validate-modules (the
-# documentation against each argument spec), ansible-doc for every plugin,
+# documentation against the options each declares), ansible-doc for every plugin,
 # pycodestyle and yamllint. Exit 77 without ansible-test.
 # Usage: sanity.sh COLLECTION_DIR WORK_DIR
 set -euo pipefail

@@ -69,7 +69,7 @@ from ansible import constants as C
 from ansible.errors import AnsibleError
 from ansible.plugins.connection.local import Connection as LocalConnection
 from ansible.utils.display import Display
-from ansible_collections.kelp.router.plugins.module_utils.argspec import SETTINGS_FROM_CONNECTION
+from ansible_collections.kelp.router.plugins.module_utils.options import SETTINGS_FROM_CONNECTION
 from ansible_collections.kelp.router.plugins.module_utils.kelputil import SETTINGS
 
 display = Display()

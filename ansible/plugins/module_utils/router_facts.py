@@ -7,7 +7,7 @@ __metaclass__ = type
 import hashlib
 import re
 
-from ansible_collections.kelp.router.plugins.module_utils.argspec import SCRIPTS
+from ansible_collections.kelp.router.plugins.module_utils.options import SCRIPTS
 from ansible_collections.kelp.router.plugins.module_utils.kelputil import text_of
 
 SUBSETS = ('min', 'interfaces', 'report', 'kernel', 'sessions', 'scripts')

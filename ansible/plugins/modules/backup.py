@@ -87,11 +87,11 @@ kelputil_exit:
 '''
 
 from ansible.module_utils.basic import AnsibleModule
-from ansible_collections.kelp.router.plugins.module_utils.argspec import ON_TARGET, spec
+from ansible_collections.kelp.router.plugins.module_utils.options import ON_TARGET, rules
 
 
 def main():
-    AnsibleModule(supports_check_mode=True, **spec('backup')).fail_json(msg=ON_TARGET % 'backup')
+    AnsibleModule(supports_check_mode=True, **rules('backup')).fail_json(msg=ON_TARGET % 'backup')
 
 
 if __name__ == '__main__':

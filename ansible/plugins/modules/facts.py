@@ -161,7 +161,7 @@ import json
 import os
 
 from ansible.module_utils.basic import AnsibleModule
-from ansible_collections.kelp.router.plugins.module_utils.argspec import SETTINGS_FROM_CONNECTION, spec
+from ansible_collections.kelp.router.plugins.module_utils.options import SETTINGS_FROM_CONNECTION, rules
 from ansible_collections.kelp.router.plugins.module_utils.kelputil import KelputilError, Router
 from ansible_collections.kelp.router.plugins.module_utils.router_facts import GatherError, chosen_subsets, gather
 
@@ -169,7 +169,7 @@ from ansible_collections.kelp.router.plugins.module_utils.router_facts import Ga
 def main():
     """Run as a module: only by a play's fact gathering, through the kelp.router.kelputil connection, which hands
     over the router's settings and its password's pipe."""
-    module = AnsibleModule(supports_check_mode=True, **spec('facts'))
+    module = AnsibleModule(supports_check_mode=True, **rules('facts'))
     if SETTINGS_FROM_CONNECTION not in os.environ:
         module.fail_json(msg='kelp.router.facts was sent to the host as a module: as a task it runs on the '
                              'controller (its action plugin); as ansible_facts_modules it needs '

@@ -95,11 +95,11 @@ kelputil_exit:
 '''
 
 from ansible.module_utils.basic import AnsibleModule
-from ansible_collections.kelp.router.plugins.module_utils.argspec import ON_TARGET, spec
+from ansible_collections.kelp.router.plugins.module_utils.options import ON_TARGET, rules
 
 
 def main():
-    AnsibleModule(supports_check_mode=True, **spec('firmware')).fail_json(msg=ON_TARGET % 'firmware')
+    AnsibleModule(supports_check_mode=True, **rules('firmware')).fail_json(msg=ON_TARGET % 'firmware')
 
 
 if __name__ == '__main__':

@@ -113,11 +113,11 @@ kelputil_exit:
 '''
 
 from ansible.module_utils.basic import AnsibleModule
-from ansible_collections.kelp.router.plugins.module_utils.argspec import ON_TARGET, spec
+from ansible_collections.kelp.router.plugins.module_utils.options import ON_TARGET, rules
 
 
 def main():
-    AnsibleModule(supports_check_mode=True, **spec('script')).fail_json(msg=ON_TARGET % 'script')
+    AnsibleModule(supports_check_mode=True, **rules('script')).fail_json(msg=ON_TARGET % 'script')
 
 
 if __name__ == '__main__':

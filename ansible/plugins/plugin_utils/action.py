@@ -12,7 +12,7 @@ from ansible.errors import AnsibleError
 from ansible.module_utils.common.text.converters import to_text
 from ansible.module_utils.parsing.convert_bool import boolean
 from ansible.plugins.action import ActionBase
-from ansible_collections.kelp.router.plugins.module_utils import argspec
+from ansible_collections.kelp.router.plugins.module_utils import options
 from ansible_collections.kelp.router.plugins.module_utils.kelputil import SETTINGS, KelputilError, Router
 
 
@@ -29,7 +29,7 @@ class RouterAction(ActionBase):
     def run(self, tmp=None, task_vars=None):
         self._supports_check_mode = True
         result = super(RouterAction, self).run(tmp, task_vars)
-        rules = argspec.spec(self.MODULE)
+        rules = options.rules(self.MODULE)
         _, args = self.validate_argument_spec(**rules)
         try:
             router = Router(self.router_settings(args, task_vars))

@@ -1,6 +1,6 @@
 # -*- coding: utf-8 -*-
-"""Every module's options, in one place: the modules' own argument specs (for
-ansible-doc and ansible-test) and the action plugins' checks are the same."""
+"""Every module's options, in one place: what the modules declare (for
+ansible-doc and ansible-test) and what the action plugins check are the same."""
 from __future__ import absolute_import, division, print_function
 __metaclass__ = type
 
@@ -56,11 +56,11 @@ MODULES = {
 }
 
 
-def spec(module):
-    """The module's argument spec with the router's options, and its other rules, as AnsibleModule takes them."""
-    rules = dict(MODULES[module])
-    rules['argument_spec'] = dict(ROUTER, **rules['argument_spec'])
-    return rules
+def rules(module):
+    """The module's options with the router's, and its other rules, as AnsibleModule takes them."""
+    found = dict(MODULES[module])
+    found['argument_spec'] = dict(ROUTER, **found['argument_spec'])
+    return found
 
 
 # What a module says when it was sent to a host instead of running as its action plugin.
