@@ -19,6 +19,35 @@ if(TARGET kelputil AND NOT CMAKE_CROSSCOMPILING)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/serve.conf ${PROJECT_SOURCE_DIR}/packaging/kelputil-serve-alerts.yml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kelputil/examples COMPONENT client)
 
+  # The Ansible collection kelp.router (ansible/), built as ansible-galaxy
+  # builds it and installed as `ansible-galaxy collection install` lays it
+  # out, where Debian's Ansible looks without configuration. Its version is
+  # the project's.
+  file(STRINGS ${PROJECT_SOURCE_DIR}/ansible/galaxy.yml kelp_galaxy_version REGEX "^version: ")
+  if(NOT kelp_galaxy_version STREQUAL "version: ${PROJECT_VERSION}")
+    message(FATAL_ERROR "ansible/galaxy.yml says '${kelp_galaxy_version}': make it 'version: ${PROJECT_VERSION}'")
+  endif()
+  set(kelp_collection_dir share/ansible/collections/ansible_collections/kelp/router)
+  find_program(KELP_ANSIBLE_GALAXY ansible-galaxy)
+  if(KELP_ANSIBLE_GALAXY)
+    set(tarball ${PROJECT_BINARY_DIR}/packaging/kelp-router-${PROJECT_VERSION}.tar.gz)
+    file(GLOB_RECURSE collection_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/ansible/*)
+    list(FILTER collection_files EXCLUDE REGEX "/__pycache__/|\\.pyc$|/tests/output/")
+    add_custom_command(OUTPUT ${tarball}
+      COMMAND ${KELP_ANSIBLE_GALAXY} collection build --force --output-path ${PROJECT_BINARY_DIR}/packaging
+              ${PROJECT_SOURCE_DIR}/ansible > /dev/null
+      DEPENDS ${collection_files}
+      VERBATIM)
+    add_custom_target(kelp_ansible_collection ALL DEPENDS ${tarball})
+    install(CODE "file(ARCHIVE_EXTRACT INPUT \"${tarball}\"
+                       DESTINATION \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${kelp_collection_dir}\")"
+      COMPONENT client)
+  else()
+    message(WARNING "ansible-galaxy not found: the kelputil package gets the collection as its source tree")
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/ansible/ DESTINATION ${kelp_collection_dir} COMPONENT client
+      PATTERN __pycache__ EXCLUDE PATTERN tests/output EXCLUDE)
+  endif()
+
   # The man page is written as a page (docs/kelputil.1.scd), not taken from
   # --help: it has the inventory, patterns, files and examples --help lacks.
   find_program(KELP_SCDOC scdoc)
@@ -48,7 +77,8 @@ set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION net)
 set(CPACK_COMPONENT_CLIENT_DESCRIPTION "management client for kelputild routers
 kelputil backs up and restores a router's configuration, exchanges its
 scripts, reads its reports and session lists, kicks sessions, uploads
-firmware and measures throughput, on one router or a fleet of them.")
+firmware and measures throughput, on one router or a fleet of them.
+The Ansible collection kelp.router drives the routers through it.")
 set(KELP_PACKAGE_MAINTAINER "kelp developer <dev@kelp.example>" CACHE STRING
   "Maintainer named by the kelputil package")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${KELP_PACKAGE_MAINTAINER}")

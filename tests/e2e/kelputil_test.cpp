@@ -99,6 +99,9 @@ TEST_F(kelputil, careless_use) {
         {": > empty && chmod 600 empty && kelputil --password-file empty check", 1, {"the password file empty is empty"}},
         {"echo pw > open && chmod 644 open && kelputil --password-file open check", 1,
          {"has mode 0644, readable by others: chmod 600 open"}},
+        // A pipe is read once, though the source is read before connecting and again to log in.
+        {"echo $KELPUTIL_PASSWORD | (unset KELPUTIL_PASSWORD; kelputil --password-file /proc/self/fd/0 check)", 0,
+         {"login ok"}},
         {"grep -c 'authentication failed' /run/sim/messages", 1, {"0\n"}},
         {"for o in '-p 66392' '-p 856abc' '-p abc' '--timeout abc' '--timeout -1' '--timeout 0'; do kelputil $o check; "
          "done; kelputil fleet -i x firmware f --upgrade --batch 0; kelputil throughput rx 100000", 1,

@@ -290,7 +290,8 @@ deb)
   [[ $depends == *libc6* ]] || fail "Depends does not name libc6: $depends"
 
   # Exactly the client's files: nothing of the router's.
-  mapfile -t files < <(dpkg-deb --contents "$deb" | grep -v '^d' | awk '{print $6}' | sort)
+  collection=./usr/share/ansible/collections/ansible_collections/kelp/router
+  mapfile -t files < <(dpkg-deb --contents "$deb" | grep -v '^d' | awk '{print $6}' | grep -v "^$collection/" | sort)
   expected=(./usr/bin/kelputil ./usr/lib/systemd/system/kelputil-serve.service ./usr/libexec/kelputil/kelputil-serve
     ./usr/libexec/kelputil/kelputil-store ./usr/share/bash-completion/completions/kelputil
     ./usr/share/doc/kelputil/examples/kelputil-serve-alerts.yml ./usr/share/doc/kelputil/examples/serve.conf
@@ -300,6 +301,16 @@ deb)
   root=$work/root
   dpkg-deb -x "$deb" "$root"
   tool=$root/usr/bin/kelputil
+  # The Ansible collection where Debian's Ansible looks, as ansible-galaxy installs one.
+  for f in MANIFEST.json FILES.json plugins/action/script.py plugins/inventory/serve.py; do
+    [[ -f $root/$collection/$f ]] || fail "the package has no $collection/$f"
+  done
+  if command -v ansible-doc >/dev/null; then
+    listed=$(ANSIBLE_COLLECTIONS_PATH=$root/usr/share/ansible/collections timeout 60 ansible-doc -l kelp.router) ||
+      fail "ansible-doc -l kelp.router fails on the package's collection"
+    [[ $(awk '{print $1}' <<<"$listed" | xargs) == "kelp.router.backup kelp.router.facts kelp.router.firmware "`
+      `"kelp.router.restore kelp.router.script kelp.router.session" ]] || fail "ansible-doc lists: $listed"
+  fi
   help=$(timeout 10 "$tool" --help) || fail "kelputil --help fails"
   [[ ${help,,} == *usage* ]] || fail "kelputil --help shows no usage: $help"
   # Required once the tool offers it.

@@ -10,6 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -96,9 +97,25 @@ status prompt(std::string* out) {
     return kelp::ok();
 }
 
+// A pipe (--password-file /dev/fd/3, <(...)) can be read only once, and the
+// source is read twice: checked before connecting, then used. What a file
+// that is not a regular one gave is kept for the rest of the run.
+status read_password_file(const std::string& path, std::string* out) {
+    static std::mutex lock;
+    static std::map<std::string, std::string> read_once;
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) return read_secret_line(path, "password", out);
+    std::lock_guard<std::mutex> hold(lock);
+    auto kept = read_once.find(path);
+    if (kept != read_once.end()) return *out = kept->second, kelp::ok();
+    status s = read_secret_line(path, "password", out);
+    if (s) read_once[path] = *out;
+    return s;
+}
+
 status read_now(const password_source& src, std::string* out, bool* prompt_needed) {
     *prompt_needed = false;
-    if (!src.file.empty()) return read_secret_line(src.file, "password", out);
+    if (!src.file.empty()) return read_password_file(src.file, out);
     bool present = false;
     status s = from_env(src.env, out, &present);
     if (!s || present) return s;
