@@ -104,6 +104,8 @@ status folder_diff(git_repository* repo, const git_tree* from, const git_tree* t
     // fields out and trip -Wmissing-field-initializers under clang.
     git_diff_options options;
     git_diff_options_init(&options, GIT_DIFF_OPTIONS_VERSION);
+    // A host's name is a name, never a pattern.
+    options.flags |= GIT_DIFF_DISABLE_PATHSPEC_MATCH;
     std::string prefix = folder + "/";
     char* prefixes[] = {prefix.data()};
     options.pathspec = {prefixes, 1};
@@ -308,7 +310,7 @@ status git_store::start_clean(const std::vector<std::string>& folders) {
     std::vector<char*> pointers;
     for (std::string& f : paths) pointers.push_back(f.data());
     git_checkout_options everything = checkout_options(nullptr), hosts = checkout_options(nullptr);
-    hosts.checkout_strategy |= GIT_CHECKOUT_REMOVE_UNTRACKED;
+    hosts.checkout_strategy |= GIT_CHECKOUT_REMOVE_UNTRACKED | GIT_CHECKOUT_DISABLE_PATHSPEC_MATCH;
     hosts.paths = {pointers.data(), pointers.size()};
     if (git_checkout_tree(repo_, (const git_object*)head.p, &everything) != 0 ||
         (!paths.empty() && git_checkout_tree(repo_, (const git_object*)head.p, &hosts) != 0))
