@@ -13,12 +13,15 @@
 #include "files.h"
 #include "git_store.h"
 #include "host_snapshot.h"
+#include "writer_lock.h"
 
 using kelp::bytes;
 using kelp::error_kind;
 using kelp::status;
 
 namespace {
+
+const writer_identity writer = {"kelputil fleet backup", ""};
 
 // Fetched folders by host, for the commit once every host is done.
 struct staged_hosts {
@@ -89,13 +92,26 @@ int stopped(const invocation& inv, const std::vector<host_result>& results, int 
 
 }  // namespace
 
+status check_backup_target(const invocation& inv) {
+    std::unique_ptr<git_store> store;
+    std::unique_ptr<writer_lock> lock;
+    status st = git_store::open(inv.into, true, inv.init, nullptr);
+    // An existing repository kept by another writer is refused now; the
+    // lock itself is taken for the run.
+    if (st && git_store::open(inv.into, false, false, &store)) st = writer_lock::take(*store, writer, &lock);
+    return st;
+}
+
 int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     std::unique_ptr<git_store> store;
+    std::unique_ptr<writer_lock> lock;
     status st = git_store::open(inv.into, true, inv.init, &store);
     std::vector<std::string> folders;
     for (const inventory_host* h : hosts) folders.push_back(h->name);
+    if (st) st = writer_lock::take(*store, writer, &lock);
     if (st) st = store->start_clean(folders);
-    std::string staging = store ? store->staging() : "";
+    std::string staging = store ? store->staging("") : "";
+    if (st) remove_tree(staging);
     if (st && mkdir(staging.c_str(), 0700) != 0) st = system_error("create", staging);
     if (!st) return local_error(inv, st);
 

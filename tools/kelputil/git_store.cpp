@@ -293,11 +293,14 @@ status git_store::open(const std::string& dir, bool create, bool init, std::uniq
     return kelp::ok();
 }
 
-std::string git_store::staging() const { return std::string(git_repository_path(repo_)) + "kelputil-staging"; }
+std::string git_store::git_dir() const { return git_repository_path(repo_); }
+
+std::string git_store::staging(const std::string& writer) const {
+    return git_dir() + "kelputil-staging" + (writer.empty() ? "" : "-" + writer);
+}
 
 status git_store::start_clean(const std::vector<std::string>& folders) {
     std::string work = git_repository_workdir(repo_);
-    remove_tree(staging());
     remove_tree(work + old_staging);
     tree_ptr head;
     bool born = git_revparse_single((git_object**)head.out(), repo_, "HEAD^{tree}") == 0;
@@ -359,7 +362,7 @@ status git_store::commit_staged(const std::vector<std::pair<std::string, std::st
     }();
     // Everything is in objects now: the staged copies only take space the
     // work tree is about to need.
-    remove_tree(staging());
+    for (const auto& [name, folder] : staged) remove_tree(folder);
     if (st && !changed->empty()) st = check_out(head_tree, tree, commit_id);
     if (!st) {
         changed->clear();

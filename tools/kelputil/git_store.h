@@ -27,18 +27,25 @@ public:
     // Without out, only says whether it could: nothing is made.
     static kelp::status open(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out);
 
-    // Where fetched folders wait for the commit: inside the git folder, so
-    // that the work tree never holds anything git would show.
-    std::string staging() const;
+    // The folder as given, and its git folder (ending in '/').
+    const std::string& dir() const { return dir_; }
+    std::string git_dir() const;
+    // Where one writer's fetched folders wait for the commit: inside the git
+    // folder, so that the work tree never holds anything git would show; one
+    // per writer ("" for fleet backup, "serve"), so that none clears
+    // another's.
+    std::string staging(const std::string& writer) const;
     // Brings a repository left by an interrupted or failed run back to its
-    // last commit: no staging, index and work tree as HEAD has them, and in
-    // the named folders nothing HEAD does not hold.
+    // last commit: index and work tree as HEAD has them, and in the named
+    // folders nothing HEAD does not hold. The writer's staging is its own
+    // to clear.
     kelp::status start_clean(const std::vector<std::string>& folders);
 
     // Replaces the top-level folders named in staged (name, staged folder)
     // with the staged ones and commits the result when it differs from the
     // last commit; only then are work tree and index brought to the new
     // commit. On any failure HEAD, index and work tree stay as they were.
+    // The staged folders are removed either way.
     // *changed: the folders that differ; message(changed) makes the
     // commit's message; *commit: the new commit's id, empty when nothing
     // changed.

@@ -40,6 +40,12 @@ void fetch_core_report(const kelp::target& t, backup_result* r) {
         read_core_report(std::string(text.begin(), text.end()), &r->model, &r->firmware);
 }
 
+// Where the API answers, for whoever is refused the repository.
+std::string api_address(const serve_options& o) {
+    std::string host = o.listen_host.find(':') != std::string::npos ? "[" + o.listen_host + "]" : o.listen_host;
+    return (o.tls_cert.empty() ? "http://" : "https://") + host + ":" + std::to_string(o.listen_port);
+}
+
 }  // namespace
 
 void read_core_report(const std::string& report, std::string* model, std::string* firmware) {
@@ -56,18 +62,17 @@ void read_core_report(const std::string& report, std::string* model, std::string
     }
 }
 
-status backup_store::open(const std::string& dir, const std::string& state_file, const std::vector<std::string>& hosts,
+status backup_store::open(const serve_options& o, const std::string& state_file, const std::vector<std::string>& hosts,
                           std::unique_ptr<backup_store>* out) {
     auto store = std::make_unique<backup_store>();
-    store->dir_ = dir;
-    status st = git_store::open(dir, true, false, &store->git_);
+    store->dir_ = o.into;
+    status st = git_store::open(o.into, true, false, &store->git_);
+    if (st) st = writer_lock::take(*store->git_, {"kelputil serve", api_address(o)}, &store->writer_);
     if (st) st = store->git_->start_clean(hosts);
-    // Beside fleet backup's staging, which its commits clear: hosts of the
-    // service stage while others commit.
-    if (st) store->staging_ = store->git_->staging() + "-serve";
+    if (st) store->staging_ = store->git_->staging("serve");
     if (st) remove_tree(store->staging_);
     if (st && mkdir(store->staging_.c_str(), 0700) != 0) st = system_error("create", store->staging_);
-    if (st) st = exclude_state_file(dir, state_file);
+    if (st) st = exclude_state_file(o.into, state_file);
     if (st) *out = std::move(store);
     return st;
 }

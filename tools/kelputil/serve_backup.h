@@ -10,6 +10,8 @@
 
 #include "actions.h"
 #include "git_store.h"
+#include "serve_options.h"
+#include "writer_lock.h"
 
 struct backup_result {
     kelp::status st;
@@ -20,10 +22,10 @@ struct backup_result {
 
 class backup_store {
 public:
-    // Opens (creating) the repository in dir, brings the hosts' folders back
-    // to the last commit after a crash, and keeps the state file out of git
-    // status.
-    static kelp::status open(const std::string& dir, const std::string& state_file,
+    // Opens (creating) the repository in o.into and keeps it as its only
+    // writer until destroyed, brings the hosts' folders back to the last
+    // commit after a crash, and keeps the state file out of git status.
+    static kelp::status open(const serve_options& o, const std::string& state_file,
                              const std::vector<std::string>& hosts, std::unique_ptr<backup_store>* out);
 
     backup_result back_up(const std::string& host, const kelp::target& t);
@@ -43,6 +45,7 @@ public:
 private:
     std::string dir_, staging_;
     std::unique_ptr<git_store> git_;
+    std::unique_ptr<writer_lock> writer_;
     std::mutex lock_;
 };
 

@@ -45,7 +45,7 @@ kelp::status service::start() {
     kelp::status st = read_hosts(&hosts);
     std::vector<std::string> names;
     for (const inventory_host& h : hosts) names.push_back(h.name);
-    if (st) st = backup_store::open(o_.into, state_path(o_), names, &store_);
+    if (st) st = backup_store::open(o_, state_path(o_), names, &store_);
     if (st) st = state_db::open(state_path(o_), &db_);
     if (st) st = db_->load(&saved);
     if (!st) return st;
