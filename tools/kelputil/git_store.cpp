@@ -247,16 +247,19 @@ status empty_tree(git_repository* repo, git_tree** out) {
     return kelp::ok();
 }
 
-// Points HEAD (or the branch it names) at id.
-status move_head(git_repository* repo, const git_oid& id) {
+// Points HEAD (or the branch it names) at id, only when it still points
+// at before (nowhere when there was no commit yet): a writer that ignores
+// the lock must not have its commit dropped from the branch.
+status move_head(git_repository* repo, const git_oid& id, const git_oid* before) {
     reference_ptr head, moved;
     if (git_reference_lookup(head.out(), repo, "HEAD") != 0) return git_failure("reading HEAD");
-    if (git_reference_type(head) != GIT_REFERENCE_SYMBOLIC) {
-        if (git_repository_set_head_detached(repo, &id) != 0) return git_failure("moving HEAD");
-        return kelp::ok();
-    }
-    if (git_reference_create(moved.out(), repo, git_reference_symbolic_target(head), &id, 1, "fleet backup") != 0)
-        return git_failure("moving " + std::string(git_reference_symbolic_target(head)));
+    std::string name = git_reference_type(head) == GIT_REFERENCE_SYMBOLIC ? git_reference_symbolic_target(head) : "HEAD";
+    int r = before ? git_reference_create_matching(moved.out(), repo, name.c_str(), &id, 1, before, "kelputil backup")
+                   : git_reference_create(moved.out(), repo, name.c_str(), &id, 0, "kelputil backup");
+    if (r == GIT_EMODIFIED || r == GIT_EEXISTS)
+        return fail(error_kind::local, name + " moved while this backup was made (another program writing the "
+                                              "repository?): this commit is not added");
+    if (r != 0) return git_failure("moving " + name);
     return kelp::ok();
 }
 
@@ -363,7 +366,7 @@ status git_store::commit_staged(const std::vector<std::pair<std::string, std::st
     // Everything is in objects now: the staged copies only take space the
     // work tree is about to need.
     for (const auto& [name, folder] : staged) remove_tree(folder);
-    if (st && !changed->empty()) st = check_out(head_tree, tree, commit_id);
+    if (st && !changed->empty()) st = check_out(head_tree, tree, commit_id, born ? &head_id : nullptr);
     if (!st) {
         changed->clear();
         added.remove_all();
@@ -375,12 +378,13 @@ status git_store::commit_staged(const std::vector<std::pair<std::string, std::st
 
 // The work tree and index to the new tree, then HEAD to its commit; on a
 // failure, work tree and index back to the old tree.
-status git_store::check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id) {
+status git_store::check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id,
+                            const git_oid* parent_id) {
     git_checkout_options forward = checkout_options(old_tree);
     status st;
     if (git_checkout_tree(repo_, (const git_object*)new_tree, &forward) != 0)
         st = git_failure("writing the new backups into " + dir_);
-    if (st) st = move_head(repo_, commit_id);
+    if (st) st = move_head(repo_, commit_id, parent_id);
     if (st) return st;
     tree_ptr empty;
     if (!old_tree && empty_tree(repo_, empty.out())) old_tree = empty;

@@ -72,7 +72,8 @@ public:
     kelp::status push(const std::string& remote, const std::string& remote_branch);
 
 private:
-    kelp::status check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id);
+    kelp::status check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id,
+                           const git_oid* parent_id);
     git_store(git_repository* repo, const std::string& dir) : repo_(repo), dir_(dir) {}
     git_repository* repo_;
     std::string dir_;
