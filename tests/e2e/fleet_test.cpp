@@ -77,16 +77,16 @@ TEST_F(fleet, backups_in_git) {
     run_steps({
         {clean + "kelputil fleet --timeout 5 backup --into bk; r=$?; ls bk/router1; [ -e bk/router3 ] || echo 'no router3'; "
          "stat -c %a bk/router1/config.dat; clean bk; exit $r",
-         20, {"fleet backup, commit ", "50 hosts, 47 ok, 3 failed", "config\nconfig.dat\nconfig.plain\nno router3\n600\nclean[]"}},
+         20, {"fleet backup, commit ", "50 hosts, 47 ok, 3 failed", "config\nconfig.dat\nno router3\n600\nclean[]"}},
         // Each router has a configuration of its own.
-        {"cat bk/router*/config/config/system.conf | sort -u | wc -l", 0, {"47\n"}},
+        {"cat bk/router*/config/system.conf | sort -u | wc -l", 0, {"47\n"}},
         // Interrupted after router2 changed, with leftovers of an older
         // version (staging, .gitignore, a half-written folder) and an
         // edited file: none of it stays, nothing is committed.
         {clean + "kelputil get-script -H 198.18.0.3 fw > fw.scr && echo '# one change' >> fw.scr && "
          "kelputil -q -H 198.18.0.3 put-script fw fw.scr && printf '.kelputil-staging/\\n' > bk/.gitignore && "
          "mkdir -p bk/.kelputil-staging/router1.x bk/router3 && touch bk/router3/half && "
-         "echo edit >> bk/router1/config.plain && "
+         "echo edit >> bk/router1/config/fw.scr && "
          "kelputil --json fleet -j 2 --timeout 5 backup --into bk > out 2>&1 & pid=$!; n=0; "
          "until [ $(grep -c '\"host\"' out) -ge 4 ]; do n=$((n+1)); [ $n -lt 300 ] || break; sleep 0.05; done; "
          "kill -INT $pid; wait $pid; r=$?; tail -1 out; clean bk; git -C bk rev-list --count HEAD; exit $r",

@@ -53,16 +53,16 @@ TEST_F(serve, schedule_api_signals_and_restart) {
          "git -C bk show --name-only --format=%s HEAD; grep -c PASSWORD hookenv; "
          "grep -c 'KELPUTIL_HOST=router2' hookenv; curl -s http://127.0.0.1:8750/metrics | "
          "grep 'last_change_timestamp_seconds{host=\"router2\"}' | awk '$2 >= '$t' {print \"metric changed\"}'",
-         0, {"ok\ntrue\n", "2\nrouter2/config.dat M\nrouter2/config.plain M\nrouter2/config/config/fw.scr M\n",
-             "+# one change\n1\n", "router2 config/config/fw.scr 5\n",  "\n2\n1\nbackup router2: configuration changed\n\n"
-             "router2/config.dat\nrouter2/config.plain\nrouter2/config/config/fw.scr\n0\n1\nmetric changed"}},
+         0, {"ok\ntrue\n", "2\nrouter2/config.dat M\nrouter2/config/fw.scr M\n",
+             "+# one change\n1\n", "router2 config/fw.scr 5\n",  "\n2\n1\nbackup router2: configuration changed\n\n"
+             "router2/config.dat\nrouter2/config/fw.scr\n0\n1\nmetric changed"}},
         {"curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r '.ok, .changed, .message'; " +
              code_of("-d '' " + api + "/hosts/router1/backup"), 0, {"true\nfalse\nunchanged\n202 "}},
         // Every error has its status and says what is wrong.
         {code_of(api + "/hosts/nope") + code_of("'" + api + "/hosts/router1/diff?from=a..b'") +
              code_of(api + "/search") + code_of(api + "/hosts/router1/files/none") +
              code_of("-X DELETE " + api + "/hosts") + code_of("-d '' " + api + "/hosts/nope/backup") +
-             code_of(api + "/hosts/router1/files/config/config/system.conf") +
+             code_of(api + "/hosts/router1/files/config/system.conf") +
              "curl -s -X PUT " + api + "/hosts | jq -r .error",
          0, {"404 400 400 404 405 404 200 ", "PUT is not allowed on /api/v1/hosts: use GET"}},
         // The down host fails, retried sooner with growing gaps; its hung hook is ended.

@@ -47,13 +47,13 @@ TEST(store, a_branch_moved_meanwhile_keeps_its_commit) {
         ASSERT_TRUE(git_store::open(bk, true, false, &store));
         auto plain = [](const std::vector<std::string>&) { return std::string("mine\n"); };
         if (!first) {
-            ASSERT_TRUE(store->commit_staged({{"h", s.staged("one")}}, plain, &changed, &commit));
+            ASSERT_TRUE(store->commit_staged({{"h", s.staged("one")}}, {}, plain, &changed, &commit));
         }
         auto meanwhile = [&](const std::vector<std::string>&) {
             sh(git + bk + " commit -q --allow-empty -m other");
             return std::string("lost\n");
         };
-        kelp::status st = store->commit_staged({{"h", s.staged("two")}}, meanwhile, &changed, &commit);
+        kelp::status st = store->commit_staged({{"h", s.staged("two")}}, {}, meanwhile, &changed, &commit);
         EXPECT_FALSE(st);
         EXPECT_NE(st.message.find("moved while this backup was made"), std::string::npos) << st.message;
         EXPECT_EQ(sh(git + bk + " log --format=%s"), first ? "other\n" : "other\nmine\n");

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <mutex>
 
+#include "archive_members.h"
 #include "files.h"
 #include "git_store.h"
 #include "host_snapshot.h"
@@ -27,8 +28,9 @@ const writer_identity writer = {"kelputil fleet backup", ""};
 struct staged_hosts {
     std::mutex lock;
     std::vector<std::pair<std::string, std::string>> folders;
-    // Writing here failed, "MESSAGE (backing up HOST); ": the other hosts
-    // would fail alike. A host's own failure, local or not, is only its own.
+    // The disk failed (full, read-only, failing), "MESSAGE (backing up
+    // HOST); ": the other hosts would fail alike. A host's own failure,
+    // local or not (an archive member that cannot be a file), is its own.
     std::string disk_failure;
 };
 
@@ -36,8 +38,8 @@ outcome back_up_host(const invocation& inv, const std::string& staging, const in
                      staged_hosts* staged) {
     std::string folder = staging + "/" + h.name + ".XXXXXX";
     host_snapshot taken;
-    taken.disk_failure = true;
     status st = mkdtemp(folder.data()) ? kelp::ok() : system_error("create a staging folder in", staging);
+    taken.disk_failure = !st && is_disk_error(st.code);
     if (st) st = take_snapshot(t, folder, inv.scripts, &taken);
     std::lock_guard<std::mutex> hold(staged->lock);
     if (!st) {
@@ -109,7 +111,9 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     std::vector<std::string> folders;
     for (const inventory_host* h : hosts) folders.push_back(h->name);
     if (st) st = writer_lock::take(*store, writer, &lock);
+    std::vector<std::string> converted;
     if (st) st = store->start_clean(folders);
+    if (st) st = store->convert_layout(writer.program, &converted);
     std::string staging = store ? store->staging("") : "";
     if (st) remove_tree(staging);
     if (st && mkdir(staging.c_str(), 0700) != 0) st = system_error("create", staging);
@@ -136,7 +140,7 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     std::vector<std::string> changed;
     std::string commit;
     auto message = [&](const std::vector<std::string>& c) { return commit_message(results, c); };
-    if (!(st = store->commit_staged(staged.folders, message, &changed, &commit))) {
+    if (!(st = store->commit_staged(staged.folders, kept_from_last(inv.scripts), message, &changed, &commit))) {
         st.message += "; nothing committed, " + inv.into + " is as its last commit left it";
         return local_error(inv, st);
     }

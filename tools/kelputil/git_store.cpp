@@ -47,7 +47,13 @@ const char old_ignore_rule[] = ".kelputil-staging/\n";
 
 status git_failure(const std::string& what) {
     const git_error* e = git_error_last();
-    return fail(error_kind::local, what + ": " + (e && e->message ? e->message : "libgit2 error"));
+    std::string why = e && e->message ? e->message : "libgit2 error";
+    status st = fail(error_kind::local, what + ": " + why);
+    // libgit2 tells an OS error in words only: its errno when it is one a
+    // caller acts on (the repository cannot be written).
+    for (int err : {ENOSPC, EDQUOT, EROFS, EIO, EACCES, EPERM})
+        if (e && e->klass == GIT_ERROR_OS && why.find(strerror(err)) != std::string::npos) st.code = err;
+    return st;
 }
 
 void init_once() {
@@ -238,6 +244,67 @@ status tree_from_folder(git_repository* repo, const std::string& dir, new_object
     return kelp::ok();
 }
 
+// HEAD's copies of the entries named in keep, carried into the host
+// folder's new tree *id where it has none: a backup never deletes a kind
+// of file it did not fetch (the scripts of a run without --scripts).
+status carry_over(git_repository* repo, const git_tree* head_tree, const std::string& name,
+                  const std::vector<std::string>& keep, git_oid* id) {
+    git_oid before = folder_id(head_tree, name);
+    if (keep.empty() || git_oid_is_zero(&before)) return kelp::ok();
+    tree_ptr old_folder, new_folder;
+    builder_ptr builder;
+    if (git_tree_lookup(old_folder.out(), repo, &before) != 0 || git_tree_lookup(new_folder.out(), repo, id) != 0 ||
+        git_treebuilder_new(builder.out(), repo, new_folder) != 0)
+        return git_failure("reading the last backup of " + name);
+    bool added = false;
+    for (const std::string& k : keep) {
+        const git_tree_entry* e = git_tree_entry_byname(old_folder, k.c_str());
+        if (!e || git_tree_entry_byname(new_folder, k.c_str())) continue;
+        if (git_treebuilder_insert(nullptr, builder, k.c_str(), git_tree_entry_id(e), git_tree_entry_filemode(e)) != 0)
+            return git_failure("keeping " + name + "/" + k);
+        added = true;
+    }
+    if (added && git_treebuilder_write(id, builder) != 0) return git_failure("storing the tree of " + name);
+    return kelp::ok();
+}
+
+// A host folder as older versions wrote it (config.plain beside config/,
+// which kept the archive's top folder: config/config/...) in today's form;
+// *changed false when it is not one.
+status convert_host(git_repository* repo, const git_tree_entry* e, git_oid* out, bool* changed) {
+    *changed = false;
+    tree_ptr host, members;
+    if (git_tree_entry_type(e) != GIT_OBJECT_TREE) return kelp::ok();
+    if (git_tree_lookup(host.out(), repo, git_tree_entry_id(e)) != 0) return git_failure("reading a host's tree");
+    const git_tree_entry* config = git_tree_entry_byname(host, "config");
+    if (!git_tree_entry_byname(host, "config.dat") || !git_tree_entry_byname(host, "config.plain") || !config ||
+        git_tree_entry_type(config) != GIT_OBJECT_TREE)
+        return kelp::ok();
+    builder_ptr builder;
+    if (git_tree_lookup(members.out(), repo, git_tree_entry_id(config)) != 0 ||
+        git_treebuilder_new(builder.out(), repo, host) != 0 || git_treebuilder_remove(builder, "config.plain") != 0)
+        return git_failure("converting " + std::string(git_tree_entry_name(e)));
+    const git_tree_entry* top = git_tree_entry_byindex(members, 0);
+    if (git_tree_entrycount(members) == 1 && git_tree_entry_type(top) == GIT_OBJECT_TREE &&
+        git_treebuilder_insert(nullptr, builder, "config", git_tree_entry_id(top), GIT_FILEMODE_TREE) != 0)
+        return git_failure("converting " + std::string(git_tree_entry_name(e)));
+    if (git_treebuilder_write(out, builder) != 0) return git_failure("storing the tree of " + std::string(git_tree_entry_name(e)));
+    *changed = true;
+    return kelp::ok();
+}
+
+// The commit of tree on head (none: the first commit).
+status write_commit(git_repository* repo, const git_commit* head, const git_tree* tree, const std::string& message,
+                    git_oid* id) {
+    signature_ptr who;
+    if (git_signature_default(who.out(), repo) != 0 && git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
+        return git_failure("making the commit's signature");
+    const git_commit* parents[] = {head};
+    if (git_commit_create(id, repo, nullptr, who, who, nullptr, message.c_str(), tree, head ? 1 : 0, parents) != 0)
+        return git_failure("committing the backups");
+    return kelp::ok();
+}
+
 status empty_tree(git_repository* repo, git_tree** out) {
     builder_ptr nothing;
     git_oid id;
@@ -325,6 +392,7 @@ status git_store::start_clean(const std::vector<std::string>& folders) {
 }
 
 status git_store::commit_staged(const std::vector<std::pair<std::string, std::string>>& staged,
+                                const std::vector<std::string>& keep,
                                 const std::function<std::string(const std::vector<std::string>&)>& message,
                                 std::vector<std::string>* changed, std::string* commit_out) {
     changed->clear();
@@ -343,6 +411,7 @@ status git_store::commit_staged(const std::vector<std::pair<std::string, std::st
             git_oid id, before = folder_id(head_tree, name);
             bool empty = false;
             status s = tree_from_folder(repo_, folder, &added, &id, &empty);
+            if (s && !empty) s = carry_over(repo_, head_tree, name, keep, &id);
             if (!s) return s;
             if (empty || git_oid_equal(&id, &before)) continue;
             changed->push_back(name);
@@ -352,16 +421,9 @@ status git_store::commit_staged(const std::vector<std::pair<std::string, std::st
         if (changed->empty()) return kelp::ok();
         if (git_treebuilder_write(&tree_id, root) != 0 || git_tree_lookup(tree.out(), repo_, &tree_id) != 0)
             return git_failure("writing the tree");
-        signature_ptr who;
-        if (git_signature_default(who.out(), repo_) != 0 &&
-            git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
-            return git_failure("making the commit's signature");
-        const git_commit* parents[] = {head};
-        if (git_commit_create(&commit_id, repo_, nullptr, who, who, nullptr, message(*changed).c_str(), tree,
-                              born ? 1 : 0, parents) != 0)
-            return git_failure("committing the backups");
-        added.ids.push_back(commit_id);
-        return kelp::ok();
+        status s = write_commit(repo_, head, tree, message(*changed), &commit_id);
+        if (s) added.ids.push_back(commit_id);
+        return s;
     }();
     // Everything is in objects now: the staged copies only take space the
     // work tree is about to need.
@@ -374,6 +436,42 @@ status git_store::commit_staged(const std::vector<std::pair<std::string, std::st
     }
     if (!changed->empty()) *commit_out = short_id(&commit_id);
     return kelp::ok();
+}
+
+status git_store::convert_layout(const std::string& writer, std::vector<std::string>* hosts) {
+    hosts->clear();
+    commit_ptr head;
+    tree_ptr head_tree, tree;
+    builder_ptr root;
+    git_oid head_id, tree_id, commit_id;
+    if (git_reference_name_to_id(&head_id, repo_, "HEAD") != 0) return kelp::ok();  // nothing written yet
+    if (git_commit_lookup(head.out(), repo_, &head_id) != 0 || git_commit_tree(head_tree.out(), head) != 0 ||
+        git_treebuilder_new(root.out(), repo_, head_tree) != 0)
+        return git_failure("reading the last commit");
+    for (size_t i = 0; i < git_tree_entrycount(head_tree); i++) {
+        const git_tree_entry* e = git_tree_entry_byindex(head_tree, i);
+        git_oid id;
+        bool changed = false;
+        status st = convert_host(repo_, e, &id, &changed);
+        if (!st) return st;
+        if (!changed) continue;
+        if (git_treebuilder_insert(nullptr, root, git_tree_entry_name(e), &id, GIT_FILEMODE_TREE) != 0)
+            return git_failure("converting " + std::string(git_tree_entry_name(e)));
+        hosts->push_back(git_tree_entry_name(e));
+    }
+    if (hosts->empty()) return kelp::ok();
+    if (git_treebuilder_write(&tree_id, root) != 0 || git_tree_lookup(tree.out(), repo_, &tree_id) != 0)
+        return git_failure("writing the tree");
+    std::string message = "convert HOST folders to one copy of each backup: no config.plain beside config/, no "
+                          "config/config/\n\n" +
+                          std::to_string(hosts->size()) + " hosts, by " + writer + ", no router asked:\n";
+    for (const std::string& h : *hosts) message += "  " + h + "\n";
+    new_objects added{repo_, {}};
+    status st = write_commit(repo_, head, tree, message, &commit_id);
+    if (st) added.ids.push_back(commit_id);
+    if (st) st = check_out(head_tree, tree, commit_id, &head_id);
+    if (!st) hosts->clear(), added.remove_all();
+    return st;
 }
 
 // The work tree and index to the new tree, then HEAD to its commit; on a

@@ -49,9 +49,17 @@ public:
     // *changed: the folders that differ; message(changed) makes the
     // commit's message; *commit: the new commit's id, empty when nothing
     // changed.
+    // keep: entries of a host folder (e.g. "scripts") that this run did
+    // not fetch, kept as the last commit has them.
     kelp::status commit_staged(const std::vector<std::pair<std::string, std::string>>& staged,
+                               const std::vector<std::string>& keep,
                                const std::function<std::string(const std::vector<std::string>&)>& message,
                                std::vector<std::string>* changed, std::string* commit);
+
+    // Host folders of older versions (config.plain beside config/, and
+    // config/config/...) rewritten as today's in one commit saying so, by
+    // writer (a program's name); no host is asked. *hosts: those converted.
+    kelp::status convert_layout(const std::string& writer, std::vector<std::string>* hosts);
 
     // Fails, naming the repository, when no commit ever held folder.
     kelp::status require_folder(const std::string& folder);

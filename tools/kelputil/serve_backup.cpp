@@ -10,6 +10,7 @@
 
 #include "files.h"
 #include "host_snapshot.h"
+#include "serve_log.h"
 
 using kelp::bytes;
 using kelp::error_kind;
@@ -66,9 +67,15 @@ status backup_store::open(const serve_options& o, const std::string& state_file,
                           std::unique_ptr<backup_store>* out) {
     auto store = std::make_unique<backup_store>();
     store->dir_ = o.into;
+    store->scripts_ = o.scripts;
     status st = git_store::open(o.into, true, false, &store->git_);
     if (st) st = writer_lock::take(*store->git_, {"kelputil serve", api_address(o)}, &store->writer_);
+    std::vector<std::string> converted;
     if (st) st = store->git_->start_clean(hosts);
+    if (st) st = store->git_->convert_layout("kelputil serve", &converted);
+    if (st && !converted.empty())
+        log_event(o.into + ": " + std::to_string(converted.size()) +
+                  " host folders converted to one copy of each backup");
     if (st) store->staging_ = store->git_->staging("serve");
     if (st) remove_tree(store->staging_);
     if (st && mkdir(store->staging_.c_str(), 0700) != 0) st = system_error("create", store->staging_);
@@ -85,7 +92,7 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
         return r;
     }
     host_snapshot taken;
-    r.st = take_snapshot(t, staged, false, &taken);
+    r.st = take_snapshot(t, staged, scripts_, &taken);
     r.config_bytes = taken.config_bytes;
     if (r.st) fetch_core_report(t, &r);
     std::lock_guard<std::mutex> hold(lock_);
@@ -93,7 +100,7 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
     auto message = [&](const std::vector<std::string>&) {
         return "backup " + host + ": configuration changed\n\nby kelputil serve\n";
     };
-    if (r.st) r.st = git_->commit_staged({{host, staged}}, message, &changed, &r.commit);
+    if (r.st) r.st = git_->commit_staged({{host, staged}}, kept_from_last(scripts_), message, &changed, &r.commit);
     remove_tree(staged);
     return r;
 }

@@ -1,5 +1,5 @@
 // One host's backup into the shared repository, as fleet backup writes it
-// (config.dat, config.plain, config/), committed on its own with a message
+// (host_snapshot.h), committed on its own with a message
 // naming the host; a host that fails keeps its last good folder.
 #pragma once
 
@@ -44,6 +44,7 @@ public:
 
 private:
     std::string dir_, staging_;
+    bool scripts_ = false;
     std::unique_ptr<git_store> git_;
     std::unique_ptr<writer_lock> writer_;
     std::mutex lock_;

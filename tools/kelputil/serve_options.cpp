@@ -58,6 +58,7 @@ void add_serve_options(serve_line& s) {
     s.app.add_option("--on-failure", o.on_failure, "run CMD when a host's backup failed")->type_name("CMD");
     s.app.add_option("--hook-timeout", s.hook_timeout, "end a hook after this long (default 30 s)")
         ->type_name("DURATION");
+    s.app.add_flag("--scripts", o.scripts, "also back up each host's four scripts");
     s.app.add_option("--push", o.push, "push to this git remote after each commit")->type_name("REMOTE");
     s.app.add_option("--push-branch", o.push_branch, "the remote's branch (default: the same as here)")
         ->type_name("BRANCH");

@@ -18,6 +18,7 @@ struct serve_options {
     std::string tls_cert, tls_key;
     std::string on_change, on_failure;
     long long hook_timeout_ms = 30000;
+    bool scripts = false;  // also the four scripts of each host
     std::string push, push_branch;
     long long stop_deadline_ms = 10000;
 };
