@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "archive_members.h"
 #include "files.h"
 #include "host_snapshot.h"
 #include "serve_log.h"
@@ -39,6 +40,10 @@ void fetch_core_report(const kelp::target& t, backup_result* r) {
     bytes text;
     if (kelp::fetch_report(t, action_core_sysinfo, 0, &text))
         read_core_report(std::string(text.begin(), text.end()), &r->model, &r->firmware);
+}
+
+bool unwritable(const status& st) {
+    return !st && st.kind == error_kind::local && (is_disk_error(st.code) || st.code == EACCES || st.code == EPERM);
 }
 
 // Where the API answers, for whoever is refused the repository.
@@ -89,6 +94,7 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
     std::string staged = staging_ + "/" + host + ".XXXXXX";
     if (!mkdtemp(staged.data())) {
         r.st = system_error("create a staging folder in", staging_);
+        r.unwritable = unwritable(r.st);
         return r;
     }
     host_snapshot taken;
@@ -102,5 +108,6 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
     };
     if (r.st) r.st = git_->commit_staged({{host, staged}}, kept_from_last(scripts_), message, &changed, &r.commit);
     remove_tree(staged);
+    r.unwritable = unwritable(r.st);
     return r;
 }

@@ -18,6 +18,10 @@ struct backup_result {
     std::string commit;           // empty: nothing changed (or it failed)
     std::string model, firmware;  // from the core report; empty when it gave none
     size_t config_bytes = 0;
+    // The failure was the repository's, not the host's: it cannot be
+    // written (disk full, read-only or failing, no permission), and every
+    // host will fail alike until someone makes room.
+    bool unwritable = false;
 };
 
 class backup_store {
