@@ -53,7 +53,7 @@ TEST_F(serve, schedule_api_signals_and_restart) {
          "git -C bk show --name-only --format=%s HEAD; grep -c PASSWORD hookenv; "
          "grep -c 'KELPUTIL_HOST=router2' hookenv; curl -s http://127.0.0.1:8750/metrics | "
          "grep 'last_change_timestamp_seconds{host=\"router2\"}' | awk '$2 >= '$t' {print \"metric changed\"}'",
-         0, {"ok\ntrue\n", "2\nrouter2/config.dat M\nrouter2/config/fw.scr M\n",
+         0, {"ok\ntrue\n", "2\nconfig.dat M\nconfig/fw.scr M\n",
              "+# one change\n1\n", "router2 config/fw.scr 5\n",  "\n2\n1\nbackup router2: configuration changed\n\n"
              "router2/config.dat\nrouter2/config/fw.scr\n0\n1\nmetric changed"}},
         {"curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r '.ok, .changed, .message'; " +

@@ -1,11 +1,17 @@
 // The backup repository against the git program: what a commit does when
-// someone else moved the branch meanwhile.
+// someone else moved the branch meanwhile, and what the service's readers
+// see while a commit holds the repository.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <future>
+#include <thread>
+
 #include "files.h"
 #include "git_store.h"
+#include "serve_backup.h"
+#include "serve_search.h"
 
 namespace {
 
@@ -24,10 +30,10 @@ struct scratch {
         dir = mkdtemp(name);
     }
     ~scratch() { remove_tree(dir); }
-    // A host's staged folder holding one file.
-    std::string staged(const std::string& text) {
+    // A host's staged folder holding one file, config.dat or another.
+    std::string staged(const std::string& text, const std::string& file = "config.dat") {
         std::string folder = dir + "/staged";
-        sh("mkdir -p " + folder + " && printf '" + text + "' > " + folder + "/config.dat");
+        sh("mkdir -p " + folder + "/config && printf '" + text + "' > " + folder + "/" + file);
         return folder;
     }
 };
@@ -59,6 +65,47 @@ TEST(store, a_branch_moved_meanwhile_keeps_its_commit) {
         EXPECT_EQ(sh(git + bk + " log --format=%s"), first ? "other\n" : "other\nmine\n");
         EXPECT_EQ(sh(git + bk + " status --porcelain") + sh(git + bk + " fsck --no-dangling 2>&1"), "");
     }
+}
+
+// Held shut as at an exit that leaves runs behind: never destroyed.
+backup_store* frozen;
+
+// Reads go on while a commit holds the repository; sizes, search and
+// changes name paths within the host's folder, times as numbers.
+TEST(store, reads_take_no_lock_and_name_paths_within_the_host) {
+    scratch s;
+    serve_options o;
+    o.into = s.dir + "/bk";
+    std::unique_ptr<backup_store> served;
+    std::unique_ptr<git_store> other;
+    std::vector<std::string> changed;
+    std::string commit;
+    ASSERT_TRUE(backup_store::open(o, s.dir + "/state.db", {"r1", "r2"}, &served));
+    ASSERT_TRUE(git_store::open(o.into, false, false, &other));
+    auto message = [](const std::vector<std::string>&) { return std::string("r1\n"); };
+    long long before = time(nullptr);
+    ASSERT_TRUE(other->commit_staged({{"r1", s.staged("a\\nneedle\\n", "config/fw.scr")}}, {}, message, &changed, &commit));
+    (frozen = served.release())->freeze();
+    auto answer = std::make_shared<std::promise<json>>();  // outlives the test when the read hangs
+    std::future<json> got = answer->get_future();
+    std::thread([answer] {
+        answer->set_value(frozen->read([](git_store& git) {
+            std::vector<git_store::file_size> r1, r2;
+            json changes, history;
+            git.files_at("", "r1", &r1), git.files_at("", "r2", &r2), git.changes(0, 1LL << 40, 10, &changes);
+            git.history("r1", &history);
+            return json{{"sizes", {r1[0].path, r1[0].size, r2.size()}}, {"search", search_files(git, {"r2", "r1"}, "needle")},
+                        {"changes", changes}, {"history", history}};
+        }));
+    }).detach();
+    ASSERT_EQ(got.wait_for(std::chrono::seconds(10)), std::future_status::ready) << "a read waited for the commit";
+    json r = got.get();
+    EXPECT_EQ(r["sizes"], json({"config/fw.scr", 9, 0}));
+    EXPECT_EQ(r["search"], json::parse(R"([{"host":"r1","path":"config/fw.scr","line":2,"text":"needle"}])"));
+    EXPECT_EQ(r["changes"][0]["host"], "r1");
+    EXPECT_EQ(r["changes"][0]["files"], json::parse(R"([{"path":"config/fw.scr","status":"A"}])"));
+    EXPECT_EQ(r["history"][0]["files"], r["changes"][0]["files"]);
+    EXPECT_GE(r["history"][0]["time"].get<long long>(), before);
 }
 
 }  // namespace

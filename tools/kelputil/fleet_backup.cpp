@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -75,6 +76,23 @@ std::string commit_message(const std::vector<host_result>& results, const std::v
 int local_error(const invocation& inv, const status& st) {
     print_outcome(failure(st), inv.json, inv.quiet);
     return exit_status(st);
+}
+
+// "2026-11-24 05:12:00", local time, as history prints a commit's time.
+std::string local_date(long long t) {
+    time_t seconds = (time_t)t;
+    struct tm local;
+    localtime_r(&seconds, &local);
+    char text[32];
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
+}
+
+// Changed files with their paths in the repository ("HOST/config/fw.scr"),
+// as the patch names them.
+json in_repository(const std::string& host, json files) {
+    for (json& f : files) f["path"] = host + "/" + f["path"].get<std::string>();
+    return files;
 }
 
 std::string store_dir(const invocation& inv) { return inv.into.empty() ? "." : inv.into; }
@@ -159,6 +177,11 @@ int run_fleet_history(const invocation& inv) {
     if (st) st = store->require_folder(inv.name);
     if (st) st = store->history(inv.name, &entries);
     if (!st) return local_error(inv, st);
+    for (json& e : entries) {
+        e["date"] = local_date(e["time"].get<long long>());
+        e.erase("time");
+        e["files"] = in_repository(inv.name, e["files"]);
+    }
     outcome o = success(inv.name + ": " + plural(entries.size(), "backup") + " with changes", entries);
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
@@ -175,7 +198,7 @@ int run_fleet_diff(const invocation& inv) {
     if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
     if (!st) return local_error(inv, st);
     outcome o = success(inv.name + ": " + plural(files.size(), "file") + " changed",
-                        {{"files", files}, {"patch", patch}});
+                        {{"files", in_repository(inv.name, files)}, {"patch", patch}});
     o.text = patch;
     o.content = true;
     print_outcome(o, inv.json, inv.quiet);

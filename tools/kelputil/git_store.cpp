@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <map>
 #include <memory>
 
 #include "files.h"
@@ -95,15 +96,6 @@ std::string short_id(const git_oid* id) {
     return std::string(text).substr(0, 10);
 }
 
-std::string date_text(git_time_t t) {
-    time_t seconds = (time_t)t;
-    struct tm local;
-    localtime_r(&seconds, &local);
-    char text[32];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    return text;
-}
-
 status folder_diff(git_repository* repo, const git_tree* from, const git_tree* to, const std::string& folder,
                    git_diff** out) {
     // The library's init functions, not its *_INIT macros, which leave
@@ -120,12 +112,15 @@ status folder_diff(git_repository* repo, const git_tree* from, const git_tree* t
     return kelp::ok();
 }
 
-json changed_files(git_diff* diff) {
+// The files a diff touches, their paths without the leading "folder/"
+// (none: whole paths).
+json changed_files(git_diff* diff, const std::string& folder) {
     json files = json::array();
     for (size_t i = 0; i < git_diff_num_deltas(diff); i++) {
         const git_diff_delta* d = git_diff_get_delta(diff, i);
-        files.push_back({{"path", d->new_file.path ? d->new_file.path : d->old_file.path},
-                         {"status", std::string(1, git_diff_status_char(d->status))}});
+        std::string path = d->new_file.path ? d->new_file.path : d->old_file.path;
+        if (!folder.empty() && path.rfind(folder + "/", 0) == 0) path.erase(0, folder.size() + 1);
+        files.push_back({{"path", path}, {"status", std::string(1, git_diff_status_char(d->status))}});
     }
     return files;
 }
@@ -513,9 +508,9 @@ status git_store::history(const std::string& folder, json* out) {
             return st;
         const char* summary = git_commit_summary(c);
         out->push_back({{"commit", short_id(&id)},
-                        {"date", date_text(git_commit_time(c))},
+                        {"time", (long long)git_commit_time(c)},
                         {"subject", summary ? summary : ""},
-                        {"files", changed_files(diff)}});
+                        {"files", changed_files(diff, folder)}});
     }
     return kelp::ok();
 }
@@ -543,7 +538,7 @@ status git_store::diff(const std::string& folder, const std::string& from, const
     }
     diff_ptr d;
     if (!(st = folder_diff(repo_, old_tree, new_tree, folder, d.out()))) return st;
-    *files = changed_files(d);
+    *files = changed_files(d, folder);
     patch->clear();
     auto print = [](const git_diff_delta*, const git_diff_hunk*, const git_diff_line* line, void* payload) -> int {
         std::string* text = (std::string*)payload;
@@ -557,22 +552,113 @@ status git_store::diff(const std::string& folder, const std::string& from, const
     return kelp::ok();
 }
 
-status git_store::files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths) {
+// The tree of folder at rev; none when rev has no such folder.
+status git_store::folder_tree(const std::string& rev, const std::string& folder, git_tree** out) {
     tree_ptr root;
     status st = resolve_tree(repo_, rev.empty() ? "HEAD" : rev, root.out());
     if (!st) return st;
     git_tree_entry* sub = nullptr;
-    if (git_tree_entry_bypath(&sub, root, folder.c_str()) != 0) return fail(error_kind::local, "no files of " + folder + " at " + (rev.empty() ? "HEAD" : rev));
+    *out = nullptr;
+    if (git_tree_entry_bypath(&sub, root, folder.c_str()) != 0) return kelp::ok();
     owned<git_tree_entry, git_tree_entry_free> entry{sub};
+    if (git_tree_entry_type(entry) != GIT_OBJECT_TREE || git_tree_lookup(out, repo_, git_tree_entry_id(entry)) != 0)
+        return fail(error_kind::local, "no files of " + folder + " at " + (rev.empty() ? "HEAD" : rev));
+    return kelp::ok();
+}
+
+status git_store::files_at(const std::string& rev, const std::string& folder, std::vector<file_size>* files) {
     tree_ptr tree;
-    if (git_tree_lookup(tree.out(), repo_, git_tree_entry_id(entry)) != 0) return git_failure("reading a tree");
+    odb_ptr odb;
+    files->clear();
+    // A host not backed up yet has no files; a revision that is not there
+    // is an error.
+    git_oid head;
+    if (rev.empty() && git_reference_name_to_id(&head, repo_, "HEAD") != 0) return kelp::ok();
+    status st = folder_tree(rev, folder, tree.out());
+    if (!st) return st;
+    if (!tree) return kelp::ok();
+    if (git_repository_odb(odb.out(), repo_) != 0) return git_failure("reading the objects");
+    struct walk {
+        git_odb* odb;
+        std::vector<file_size>* files;
+    } w{odb, files};
+    // Sizes from the objects' headers: no file is read for its size.
     auto collect = [](const char* root_path, const git_tree_entry* e, void* payload) -> int {
-        if (git_tree_entry_type(e) == GIT_OBJECT_BLOB)
-            ((std::vector<std::string>*)payload)->push_back(std::string(root_path) + git_tree_entry_name(e));
+        walk* w = (walk*)payload;
+        if (git_tree_entry_type(e) != GIT_OBJECT_BLOB) return 0;
+        size_t size = 0;
+        git_object_t type;
+        if (git_odb_read_header(&size, &type, w->odb, git_tree_entry_id(e)) != 0) return -1;
+        w->files->push_back({std::string(root_path) + git_tree_entry_name(e), size});
         return 0;
     };
-    paths->clear();
-    if (git_tree_walk(tree, GIT_TREEWALK_PRE, collect, paths) != 0) return git_failure("listing files");
+    if (git_tree_walk(tree, GIT_TREEWALK_PRE, collect, &w) != 0) return git_failure("listing files");
+    return kelp::ok();
+}
+
+status git_store::read_files(const std::string& rev, const std::vector<std::string>& folders,
+                             const std::function<bool(const std::string&, const std::string&, std::string_view)>& visit) {
+    tree_ptr root;
+    status st = resolve_tree(repo_, rev.empty() ? "HEAD" : rev, root.out());
+    if (!st) return st;
+    for (const std::string& folder : folders) {
+        const git_tree_entry* e = git_tree_entry_byname(root, folder.c_str());
+        tree_ptr tree;
+        if (!e || git_tree_entry_type(e) != GIT_OBJECT_TREE) continue;  // never backed up yet
+        if (git_tree_lookup(tree.out(), repo_, git_tree_entry_id(e)) != 0) return git_failure("reading a tree");
+        struct walk {
+            git_repository* repo;
+            const std::string& folder;
+            const std::function<bool(const std::string&, const std::string&, std::string_view)>& visit;
+            bool stopped = false;
+        } w{repo_, folder, visit};
+        auto each = [](const char* root_path, const git_tree_entry* e, void* payload) -> int {
+            walk* w = (walk*)payload;
+            owned<git_blob, git_blob_free> blob;
+            if (git_tree_entry_type(e) != GIT_OBJECT_BLOB || git_blob_lookup(blob.out(), w->repo, git_tree_entry_id(e)) != 0)
+                return 0;
+            std::string_view content((const char*)git_blob_rawcontent(blob), (size_t)git_blob_rawsize(blob));
+            w->stopped = !w->visit(w->folder, std::string(root_path) + git_tree_entry_name(e), content);
+            return w->stopped ? 1 : 0;
+        };
+        git_tree_walk(tree, GIT_TREEWALK_PRE, each, &w);
+        if (w.stopped) break;
+    }
+    return kelp::ok();
+}
+
+status git_store::changes(long long since, long long until, size_t max, json* out) {
+    *out = json::array();
+    walk_ptr walk;
+    if (git_revwalk_new(walk.out(), repo_) != 0) return git_failure("reading the history");
+    git_revwalk_sorting(walk, GIT_SORT_TIME);
+    if (git_revwalk_push_head(walk) != 0) return kelp::ok();  // no commit yet
+    git_oid id;
+    while (out->size() < max && git_revwalk_next(&id, walk) == 0) {
+        commit_ptr c;
+        tree_ptr tree, parent;
+        diff_ptr diff;
+        if (git_commit_lookup(c.out(), repo_, &id) != 0) return git_failure("reading a commit");
+        long long t = git_commit_time(c);
+        if (t < since) break;
+        if (t > until) continue;
+        status st = tree_of(repo_, id, tree.out());
+        if (st) st = parent_tree_of(c, parent.out());
+        if (st && git_diff_tree_to_tree(diff.out(), repo_, parent, tree, nullptr) != 0) st = git_failure("comparing two backups");
+        if (!st) return st;
+        // One entry per host folder the commit changed.
+        std::map<std::string, json> hosts;
+        for (const json& f : changed_files(diff, "")) {
+            std::string path = f["path"];
+            size_t slash = path.find('/');
+            if (slash != std::string::npos)
+                hosts[path.substr(0, slash)].push_back({{"path", path.substr(slash + 1)}, {"status", f["status"]}});
+        }
+        const char* summary = git_commit_summary(c);
+        for (auto& [host, files] : hosts)
+            out->push_back({{"host", host}, {"rev", short_id(&id)}, {"time", t}, {"message", summary ? summary : ""},
+                            {"files", files}});
+    }
     return kelp::ok();
 }
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "outcome.h"
@@ -63,23 +64,38 @@ public:
 
     // Fails, naming the repository, when no commit ever held folder.
     kelp::status require_folder(const std::string& folder);
-    // The commits that changed folder, newest first: id, date, subject, files.
+    // The commits that changed folder, newest first: commit (id), time
+    // (Unix seconds), subject, files (path within folder, status).
     kelp::status history(const std::string& folder, json* out);
     // The patch of folder between two revisions. Empty from: the change the
     // commit to made (empty to as well: the folder's last change); empty to
-    // alone: up to the latest commit.
+    // alone: up to the latest commit. *files as for history.
     kelp::status diff(const std::string& folder, const std::string& from, const std::string& to, std::string* patch,
                       json* files);
 
-    // For kelputil serve's API and --push: the files under folder at rev,
-    // one file's content at rev, and sending the current branch to remote
-    // (a path or URL) as a fast-forward, to remote_branch (empty: the same
-    // name).
-    kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths);
+    // For kelputil serve's API and --push: the files under folder at rev
+    // (paths within folder), one file's content at rev (rev empty: HEAD),
+    // every file under each of folders read from one tree (visit returns
+    // false to stop; a folder never backed up is passed over), and sending
+    // the current branch to remote (a path or URL) as a fast-forward, to
+    // remote_branch (empty: the same name).
+    struct file_size {
+        std::string path;
+        size_t size;
+    };
+    kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<file_size>* files);
     kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
+    // The commits from since to until (Unix seconds), newest first, one
+    // entry per host folder each changed: host, rev, time, message, files
+    // (paths within the host's folder); at most max entries.
+    kelp::status changes(long long since, long long until, size_t max, json* out);
+    kelp::status read_files(const std::string& rev, const std::vector<std::string>& folders,
+                            const std::function<bool(const std::string& folder, const std::string& path,
+                                                     std::string_view content)>& visit);
     kelp::status push(const std::string& remote, const std::string& remote_branch);
 
 private:
+    kelp::status folder_tree(const std::string& rev, const std::string& folder, git_tree** out);
     kelp::status check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id,
                            const git_oid* parent_id);
     git_store(git_repository* repo, const std::string& dir) : repo_(repo), dir_(dir) {}

@@ -34,10 +34,15 @@ public:
 
     backup_result back_up(const std::string& host, const kelp::target& t);
 
-    // The repository for reading, one caller at a time (libgit2 objects are
-    // not shared between threads).
+    // The repository for reading, through a handle of the caller's own
+    // (libgit2's objects are not shared between threads) and without a
+    // lock: git's objects and references are safe to read while a commit
+    // is written, so a search never holds up a backup. Only when no handle
+    // opens does the caller wait for the writers' one.
     template <typename F>
     auto read(F f) {
+        std::unique_ptr<git_store> mine;
+        if (git_store::open(dir_, false, false, &mine)) return f(*mine);
         std::lock_guard<std::mutex> hold(lock_);
         return f(*git_);
     }

@@ -16,19 +16,11 @@ json seconds_or_null(double t) { return t > 0 ? json((long long)t) : json(nullpt
 
 json text_or_null(const std::string& s) { return s.empty() ? json(nullptr) : json(s); }
 
-// "2026-11-24 05:12:00", local time as git_store writes it, in Unix seconds.
-long long unix_time(const std::string& text) {
-    struct tm t {};
-    if (!strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &t)) return 0;
-    t.tm_isdst = -1;
-    return (long long)mktime(&t);
-}
-
 json history_json(const json& entries) {
     json out = json::array();
     for (const json& e : entries) {
         out.push_back({{"rev", e["commit"]},
-                       {"time", unix_time(e["date"].get<std::string>())},
+                       {"time", e["time"]},
                        {"message", e["subject"]},
                        {"files", e["files"]}});
     }
@@ -141,20 +133,13 @@ void get_diff(service& s, const httplib::Request& req, httplib::Response& res) {
 void get_file_list(service& s, const httplib::Request& req, httplib::Response& res) {
     host_state st;
     std::string rev = query(req, "rev");
-    std::vector<std::string> paths;
+    std::vector<git_store::file_size> sizes;
     if (!find_host(s, req, res, &st)) return;
     if (!plain_revision(rev)) return answer_error(res, 400, "rev is a commit id (or HEAD, HEAD~N)");
-    kelp::status r = s.store().read([&](git_store& git) { return git.files_at(rev, st.name, &paths); });
+    kelp::status r = s.store().read([&](git_store& git) { return git.files_at(rev, st.name, &sizes); });
     if (!r) return answer_error(res, 404, r.message);
     json files = json::array();
-    s.store().read([&](git_store& git) {
-        for (const std::string& p : paths) {
-            std::string content;
-            git.read_at(rev, st.name + "/" + p, &content);
-            files.push_back({{"path", p}, {"size", content.size()}});
-        }
-        return 0;
-    });
+    for (const auto& f : sizes) files.push_back({{"path", f.path}, {"size", f.size}});
     answer(res, 200, {{"host", st.name}, {"rev", rev.empty() ? "HEAD" : rev}, {"files", files}});
 }
 
