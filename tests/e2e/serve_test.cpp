@@ -129,7 +129,8 @@ TEST_F(serve, config_file_and_push) {
          0, {"backup router1: configuration changed\nbackup router2: configuration changed\n"}},
         {"kelputil serve -i $KELP_INVENTORY --into bk2 --interval 2s --push missing.git --listen 127.0.0.1:8754 2> push.log & "
          "echo $! > pid; until_in 'trying again' push.log; until_in 'router2: backed up' push.log; " + stop_serve +
-             "cat push.log", 0, {"pushing to missing.git: ", "; trying again in 5 s", "router1: backed up, changed"}},
+             "cat push.log", 0, {"the push remote missing.git does not exist: create it with git init --bare missing.git; trying again in 5 s",
+             "router1: backed up, changed"}},
         // No prompt: a systemd credential, or a host that fails saying what to set.
         {"mkdir -m 700 creds; echo pw > creds/password; chmod 600 creds/password; "
          "env -u KELPUTIL_PASSWORD CREDENTIALS_DIRECTORY=$PWD/creds kelputil serve -i $KELP_INVENTORY --into bk4 "
@@ -144,7 +145,7 @@ TEST_F(serve, config_file_and_push) {
          "--disable-gpu --virtual-time-budget=5000 --dump-dom 'http://127.0.0.1:8750/#/hosts/router2' 2>/dev/null "
          "| sed 's/<[^>]*>/ /g' | tr -s ' \\n' ' '; " + stop_serve,
          0, {"Address 198.18.0.3 State ok Model simulated kelp-v3 router",
-             "backup router2: configuration changed router2/config.dat"}},
+             "backup router2: configuration changed config.dat"}},
         // A real Prometheus scrapes the service: one series per host.
         {"kelputil serve -i $KELP_INVENTORY --into bk3 --interval 2s 2> log & echo $! > pid; "
          "printf 'scrape_configs:\\n  - job_name: kelputil\\n    scrape_interval: 1s\\n    static_configs:\\n"

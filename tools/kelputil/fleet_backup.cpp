@@ -158,7 +158,9 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     std::vector<std::string> changed;
     std::string commit;
     auto message = [&](const std::vector<std::string>& c) { return commit_message(results, c); };
-    if (!(st = store->commit_staged(staged.folders, kept_from_last(inv.scripts), message, &changed, &commit))) {
+    st = store->commit_staged(staged.folders, kept_from_last(inv.scripts), message, &changed, &commit);
+    remove_tree(staging);
+    if (!st) {
         st.message += "; nothing committed, " + inv.into + " is as its last commit left it";
         return local_error(inv, st);
     }

@@ -300,6 +300,14 @@ status write_commit(git_repository* repo, const git_commit* head, const git_tree
     return kelp::ok();
 }
 
+// A remote that names a folder here (a path, or file://), not a host.
+bool local_path(const std::string& remote, std::string* path) {
+    if (remote.rfind("file://", 0) == 0) return *path = remote.substr(7), true;
+    size_t colon = remote.find(':'), slash = remote.find('/');
+    if (remote.find("://") != std::string::npos || (colon != std::string::npos && colon < slash)) return false;
+    return *path = remote, true;
+}
+
 status empty_tree(git_repository* repo, git_tree** out) {
     builder_ptr nothing;
     git_oid id;
@@ -672,18 +680,23 @@ status git_store::read_at(const std::string& rev, const std::string& path, std::
     return kelp::ok();
 }
 
-status git_store::push(const std::string& remote_url, const std::string& remote_branch) {
+status git_store::push(const std::string& remote_url, const std::string& remote_branch, const std::string& shown) {
+    if (git_repository_head_unborn(repo_) == 1) return kelp::ok();  // nothing committed yet
+    std::string path;
+    struct stat st;
+    if (local_path(remote_url, &path) && stat(path.c_str(), &st) != 0)
+        return fail(error_kind::local, "the push remote " + path + " does not exist: create it with git init --bare " + path);
     owned<git_reference, git_reference_free> head;
     if (git_repository_head(head.out(), repo_) != 0) return git_failure("finding the branch to push");
     std::string branch = git_reference_name(head);
     owned<git_remote, git_remote_free> remote;
     if (git_remote_create_anonymous(remote.out(), repo_, remote_url.c_str()) != 0)
-        return git_failure("pushing to " + remote_url);
+        return git_failure("pushing to " + shown);
     std::string refspec = branch + ":" + (remote_branch.empty() ? branch : "refs/heads/" + remote_branch);
     char* mappings[] = {refspec.data()};
     git_strarray refspecs = {mappings, 1};
     git_push_options options;
     git_push_options_init(&options, GIT_PUSH_OPTIONS_VERSION);
-    if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + remote_url);
+    if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + shown);
     return kelp::ok();
 }

@@ -92,7 +92,8 @@ public:
     kelp::status read_files(const std::string& rev, const std::vector<std::string>& folders,
                             const std::function<bool(const std::string& folder, const std::string& path,
                                                      std::string_view content)>& visit);
-    kelp::status push(const std::string& remote, const std::string& remote_branch);
+    // shown: the remote as messages name it (without a password).
+    kelp::status push(const std::string& remote, const std::string& remote_branch, const std::string& shown);
 
 private:
     kelp::status folder_tree(const std::string& rev, const std::string& folder, git_tree** out);

@@ -89,6 +89,10 @@ status backup_store::open(const serve_options& o, const std::string& state_file,
     return st;
 }
 
+backup_store::~backup_store() {
+    if (writer_) remove_tree(staging_);
+}
+
 backup_result backup_store::back_up(const std::string& host, const kelp::target& t) {
     backup_result r;
     std::string staged = staging_ + "/" + host + ".XXXXXX";

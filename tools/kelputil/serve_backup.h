@@ -31,6 +31,8 @@ public:
     // commit after a crash, and keeps the state file out of git status.
     static kelp::status open(const serve_options& o, const std::string& state_file,
                              const std::vector<std::string>& hosts, std::unique_ptr<backup_store>* out);
+    // Leaves no staging behind, then lets the next writer in.
+    ~backup_store();
 
     backup_result back_up(const std::string& host, const kelp::target& t);
 

@@ -18,7 +18,8 @@ struct serve_line {
     CLI::App app{"kelputil serve: back up every host of an inventory on a schedule, with an HTTP API and metrics",
                  "kelputil serve"};
     serve_options& o;
-    std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30", token_file;
+    std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30", push_timeout = "60",
+                token_file;
     bool tls = false;
     explicit serve_line(serve_options& opts) : o(opts) {}
 };
@@ -62,6 +63,8 @@ void add_serve_options(serve_line& s) {
     s.app.add_option("--push", o.push, "push to this git remote after each commit")->type_name("REMOTE");
     s.app.add_option("--push-branch", o.push_branch, "the remote's branch (default: the same as here)")
         ->type_name("BRANCH");
+    s.app.add_option("--push-timeout", s.push_timeout, "end a push after this long, and retry (default 60 s)")
+        ->type_name("DURATION");
 }
 
 // "127.0.0.1:8750", "[::1]:8750", ":8750" (every address).
@@ -113,6 +116,7 @@ std::string settle(serve_line& s) {
     if (wrong.empty()) wrong = duration_of("--timeout", s.timeout, 100, &timeout);
     o.conn.timeout_ms = (int)timeout;
     if (wrong.empty()) wrong = duration_of("--hook-timeout", s.hook_timeout, 100, &o.hook_timeout_ms);
+    if (wrong.empty()) wrong = duration_of("--push-timeout", s.push_timeout, 1000, &o.push_timeout_ms);
     if (wrong.empty() && s.tls && o.conn.plain) wrong = "--plain and --tls exclude each other";
     if (wrong.empty()) wrong = check_security(s);
     if (wrong.empty() && !s.token_file.empty()) wrong = read_token(s.token_file, &o.token);

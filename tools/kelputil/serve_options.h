@@ -20,6 +20,7 @@ struct serve_options {
     long long hook_timeout_ms = 30000;
     bool scripts = false;  // also the four scripts of each host
     std::string push, push_branch;
+    long long push_timeout_ms = 60000;
     long long stop_deadline_ms = 10000;
 };
 

@@ -49,7 +49,7 @@ kelp::status service::start() {
     if (st) st = state_db::open(state_path(o_), &db_);
     if (st) st = db_->load(&saved);
     if (!st) return st;
-    if (!o_.push.empty()) push_ = std::make_unique<pusher>(*store_, o_.push, o_.push_branch);
+    if (!o_.push.empty()) push_ = std::make_unique<pusher>(o_);
     schedule_ = std::make_unique<scheduler>(
         o_.interval_ms / 1000.0, o_.jobs, [this](const inventory_host& h) { return run_host(h); },
         [this](const host_state& s, const host_run& r) { after_run(s, r); });
@@ -72,6 +72,7 @@ kelp::status service::reload() {
 }
 
 bool service::stop() {
+    if (push_) push_->stop();
     if (!schedule_) return true;
     if (!schedule_->stop(o_.stop_deadline_ms)) {
         store_->freeze();
@@ -79,7 +80,6 @@ bool service::stop() {
         return false;
     }
     hooks_.drain(o_.stop_deadline_ms);
-    if (push_) push_->stop();
     return true;
 }
 
