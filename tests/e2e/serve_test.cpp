@@ -116,21 +116,58 @@ TEST_F(serve, token_and_tls) {
     }, {"--fleet", "2"}, limit_ms);
 }
 
+// One writer per repository, and a push remote that accepts and never
+// answers: backups go on beside the hung push, a second service and a fleet
+// backup are refused, and SIGTERM ends it all at once. The repository was
+// begun by hand with --scripts, which the service keeps.
+TEST_F(serve, one_writer_and_a_push_that_hangs) {
+    const std::string pushing = "n=0; until pgrep -f '^kelputil-serve --internal-push' > /dev/null || [ $n -gt 150 ]; "
+                                "do n=$((n+1)); sleep 0.1; done; ";
+    const std::string hang = "python3 -c 'import socket\ns = socket.create_server((\"127.0.0.1\", 9419))\n"
+                             "open(\"up\", \"w\").write(\"up\")\nc = []\nwhile True: c.append(s.accept())' & ";
+    run_steps({
+        {"kelputil -q fleet backup --into bk --scripts && kelputil get-script -H 198.18.0.2 fw > fw.scr && "
+         "echo '# changed' >> fw.scr && kelputil -q -H 198.18.0.2 put-script fw fw.scr; " + hang + "until_in up up; "
+         "sh -c 'kelputil serve -i $KELP_INVENTORY --into bk --interval 2s --push http://127.0.0.1:9419/x.git "
+         "--push-timeout 6 2> log & echo $! > pid; wait $!; echo $? > served' & " + pushing +
+             "a=$(grep -c 'backed up' log); sleep 3; pgrep -f '^kelputil-serve --internal-push' > /dev/null && "
+             "[ $(grep -c 'backed up' log) -ge $((a + 3)) ] && echo 'backed up beside the push'",
+         0, {"backed up beside the push"}},
+        {"until_in 'no end within' log; grep -m1 'no end within' log; "
+         "timeout 5 kelputil serve -i $KELP_INVENTORY --into bk --listen 127.0.0.1:8751; echo \"second $?\"; "
+         "kelputil fleet backup --into bk; echo \"fleet $?\"; [ -d bk/.git/kelputil-staging-serve ] && "
+         "curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r .ok",
+         0, {"pushing to http://127.0.0.1:9419/x.git: no end within 6 s (--push-timeout): the push was ended; trying "
+             "again in ", "another kelputil serve (pid ", ") writes the backups in bk: stop it first, or give another "
+             "--into\nsecond 1\n", "bk is kept by kelputil serve (pid ", "): ask it for a backup instead: curl -X POST "
+             "http://127.0.0.1:8750/api/v1/hosts/HOST/backup (or stop the service)\nfleet 1\ntrue\n"}},
+        {pushing + "t=$(date +%s); kill -TERM $(cat pid); n=0; until [ -s served ] || [ $n -gt 150 ]; do "
+         "n=$((n+1)); sleep 0.1; done; echo \"exit $(cat served) in $(($(date +%s) - t < 15))\"; "
+         "pgrep -fc '^kelputil-serve --internal-push'; for c in $(grep -o 'changed: commit [0-9a-f]*' log | "
+         "cut -d' ' -f3); do git -C bk merge-base --is-ancestor $c HEAD || echo lost $c; done; "
+         "git -C bk log -1 --format=%s -- router1; git -C bk ls-tree -r --name-only HEAD router1/scripts | wc -l; "
+         "git -C bk status --porcelain; git -C bk fsck && echo fsck clean",
+         0, {"exit 0 in 1\n0\nbackup router1: configuration changed\n4\n", "fsck clean", "!lost"}},
+    }, {"--fleet", "3"}, limit_ms);
+}
+
 // The same settings from a file; each commit pushed to a bare repository,
 // and a remote that is not there retried without holding up backups.
 TEST_F(serve, config_file_and_push) {
     run_steps({
         {"printf 'inventory = %s\\ninto = bk\\nlisten = \"0.0.0.0:8751\"\\n' $KELP_INVENTORY > serve.conf; "
          "kelputil serve --config serve.conf", 1, {"--listen 0.0.0.0:8751 is reachable from other machines"}},
-        {"git init -q --bare remote.git; printf 'inventory = %s\\ninto = bk\\ninterval = 2s\\npush = remote.git\\npush-branch = east\\n' $KELP_INVENTORY > "
+        {"git init -q --bare remote.git; printf 'inventory = %s\\ninto = bk\\ninterval = 2s\\npush = remote.git\\n"
+         "push-branch = east\\npush-timeout = 5s\\nscripts = true\\n' $KELP_INVENTORY > "
          "serve.conf; kelputil serve --config serve.conf 2> log & echo $! > pid; "
          "n=0; until [ \"$(git -C remote.git log --format=%s east 2>/dev/null | wc -l)\" = 2 ] || [ $n -gt 100 ]; do "
-         "n=$((n+1)); sleep 0.1; done; " + stop_serve + "git -C remote.git log --format=%s east | sort",
-         0, {"backup router1: configuration changed\nbackup router2: configuration changed\n"}},
+         "n=$((n+1)); sleep 0.1; done; " + stop_serve + "git -C remote.git log --format=%s east | sort; "
+         "git -C remote.git ls-tree -r --name-only east router1/scripts | wc -l",
+         0, {"backup router1: configuration changed\nbackup router2: configuration changed\n4\n"}},
         {"kelputil serve -i $KELP_INVENTORY --into bk2 --interval 2s --push missing.git --listen 127.0.0.1:8754 2> push.log & "
          "echo $! > pid; until_in 'trying again' push.log; until_in 'router2: backed up' push.log; " + stop_serve +
-             "cat push.log", 0, {"the push remote missing.git does not exist: create it with git init --bare missing.git; trying again in 5 s",
-             "router1: backed up, changed"}},
+             "cat push.log", 0, {"the push remote missing.git does not exist: create it with git init --bare "
+                                 "missing.git; trying again in 5 s", "router1: backed up, changed"}},
         // No prompt: a systemd credential, or a host that fails saying what to set.
         {"mkdir -m 700 creds; echo pw > creds/password; chmod 600 creds/password; "
          "env -u KELPUTIL_PASSWORD CREDENTIALS_DIRECTORY=$PWD/creds kelputil serve -i $KELP_INVENTORY --into bk4 "

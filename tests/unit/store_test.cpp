@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sched.h>
 
 #include <future>
 #include <thread>
@@ -67,6 +70,30 @@ TEST(store, a_branch_moved_meanwhile_keeps_its_commit) {
     }
 }
 
+// A commit the disk cannot take (full, read-only) fails as the disk's, with
+// its errno, so that a run stops and the service can say the repository is
+// not writable; HEAD stays.
+TEST(store, a_commit_the_disk_cannot_take_says_so) {
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "needs root";
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    for (int err : {ENOSPC, EROFS}) {
+        scratch s;
+        std::string disk = s.dir + "/disk";
+        std::unique_ptr<git_store> store;
+        std::vector<std::string> changed;
+        std::string commit;
+        ASSERT_EQ(mkdir(disk.c_str(), 0700) | mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=256k"), 0);
+        ASSERT_TRUE(git_store::open(disk + "/bk", true, false, &store));
+        if (err == ENOSPC) sh("head -c 1M /dev/zero > " + disk + "/fill 2>/dev/null");
+        if (err == EROFS) mount(nullptr, disk.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
+        auto message = [](const std::vector<std::string>&) { return std::string("h\n"); };
+        kelp::status st = store->commit_staged({{"h", s.staged("x")}}, {}, message, &changed, &commit);
+        EXPECT_EQ(st.code, err) << st.message;
+        EXPECT_EQ(sh(git + disk + "/bk rev-parse -q --verify HEAD"), "");
+        umount2(disk.c_str(), MNT_DETACH);
+    }
+}
+
 // Held shut as at an exit that leaves runs behind: never destroyed.
 backup_store* frozen;
 
@@ -84,7 +111,8 @@ TEST(store, reads_take_no_lock_and_name_paths_within_the_host) {
     ASSERT_TRUE(git_store::open(o.into, false, false, &other));
     auto message = [](const std::vector<std::string>&) { return std::string("r1\n"); };
     long long before = time(nullptr);
-    ASSERT_TRUE(other->commit_staged({{"r1", s.staged("a\\nneedle\\n", "config/fw.scr")}}, {}, message, &changed, &commit));
+    std::string staged = s.staged("a\\nneedle\\n", "config/fw.scr");
+    ASSERT_TRUE(other->commit_staged({{"r1", staged}}, {}, message, &changed, &commit));
     (frozen = served.release())->freeze();
     auto answer = std::make_shared<std::promise<json>>();  // outlives the test when the read hangs
     std::future<json> got = answer->get_future();
@@ -94,8 +122,10 @@ TEST(store, reads_take_no_lock_and_name_paths_within_the_host) {
             json changes, history;
             git.files_at("", "r1", &r1), git.files_at("", "r2", &r2), git.changes(0, 1LL << 40, 10, &changes);
             git.history("r1", &history);
-            return json{{"sizes", {r1[0].path, r1[0].size, r2.size()}}, {"search", search_files(git, {"r2", "r1"}, "needle")},
-                        {"changes", changes}, {"history", history}};
+            return json{{"sizes", {r1[0].path, r1[0].size, r2.size()}},
+                        {"search", search_files(git, {"r2", "r1"}, "needle")},
+                        {"changes", changes},
+                        {"history", history}};
         }));
     }).detach();
     ASSERT_EQ(got.wait_for(std::chrono::seconds(10)), std::future_status::ready) << "a read waited for the commit";

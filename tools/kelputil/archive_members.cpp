@@ -58,7 +58,8 @@ status damaged(archive* a, const char* what) {
 // Calls each(path, entry) for every regular member with a safe path, in
 // order; a header that does not read is the end when nothing was read yet
 // (not an archive), damage after.
-status for_each_file(archive* a, bool* is_archive, const std::function<status(const std::string&, archive_entry*)>& each) {
+status for_each_file(archive* a, bool* is_archive,
+                     const std::function<status(const std::string&, archive_entry*)>& each) {
     archive_entry* entry;
     size_t total = 0;
     for (int members = 0;; members++) {

@@ -283,7 +283,8 @@ status convert_host(git_repository* repo, const git_tree_entry* e, git_oid* out,
     if (git_tree_entrycount(members) == 1 && git_tree_entry_type(top) == GIT_OBJECT_TREE &&
         git_treebuilder_insert(nullptr, builder, "config", git_tree_entry_id(top), GIT_FILEMODE_TREE) != 0)
         return git_failure("converting " + std::string(git_tree_entry_name(e)));
-    if (git_treebuilder_write(out, builder) != 0) return git_failure("storing the tree of " + std::string(git_tree_entry_name(e)));
+    if (git_treebuilder_write(out, builder) != 0)
+        return git_failure("storing the tree of " + std::string(git_tree_entry_name(e)));
     *changed = true;
     return kelp::ok();
 }
@@ -292,7 +293,8 @@ status convert_host(git_repository* repo, const git_tree_entry* e, git_oid* out,
 status write_commit(git_repository* repo, const git_commit* head, const git_tree* tree, const std::string& message,
                     git_oid* id) {
     signature_ptr who;
-    if (git_signature_default(who.out(), repo) != 0 && git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
+    if (git_signature_default(who.out(), repo) != 0 &&
+        git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
         return git_failure("making the commit's signature");
     const git_commit* parents[] = {head};
     if (git_commit_create(id, repo, nullptr, who, who, nullptr, message.c_str(), tree, head ? 1 : 0, parents) != 0)
@@ -323,7 +325,8 @@ status empty_tree(git_repository* repo, git_tree** out) {
 status move_head(git_repository* repo, const git_oid& id, const git_oid* before) {
     reference_ptr head, moved;
     if (git_reference_lookup(head.out(), repo, "HEAD") != 0) return git_failure("reading HEAD");
-    std::string name = git_reference_type(head) == GIT_REFERENCE_SYMBOLIC ? git_reference_symbolic_target(head) : "HEAD";
+    bool symbolic = git_reference_type(head) == GIT_REFERENCE_SYMBOLIC;
+    std::string name = symbolic ? git_reference_symbolic_target(head) : "HEAD";
     int r = before ? git_reference_create_matching(moved.out(), repo, name.c_str(), &id, 1, before, "kelputil backup")
                    : git_reference_create(moved.out(), repo, name.c_str(), &id, 0, "kelputil backup");
     if (r == GIT_EMODIFIED || r == GIT_EEXISTS)
@@ -605,7 +608,8 @@ status git_store::files_at(const std::string& rev, const std::string& folder, st
 }
 
 status git_store::read_files(const std::string& rev, const std::vector<std::string>& folders,
-                             const std::function<bool(const std::string&, const std::string&, std::string_view)>& visit) {
+                             const std::function<bool(const std::string&, const std::string&, std::string_view)>&
+                                 visit) {
     tree_ptr root;
     status st = resolve_tree(repo_, rev.empty() ? "HEAD" : rev, root.out());
     if (!st) return st;
@@ -623,7 +627,8 @@ status git_store::read_files(const std::string& rev, const std::vector<std::stri
         auto each = [](const char* root_path, const git_tree_entry* e, void* payload) -> int {
             walk* w = (walk*)payload;
             owned<git_blob, git_blob_free> blob;
-            if (git_tree_entry_type(e) != GIT_OBJECT_BLOB || git_blob_lookup(blob.out(), w->repo, git_tree_entry_id(e)) != 0)
+            if (git_tree_entry_type(e) != GIT_OBJECT_BLOB ||
+                git_blob_lookup(blob.out(), w->repo, git_tree_entry_id(e)) != 0)
                 return 0;
             std::string_view content((const char*)git_blob_rawcontent(blob), (size_t)git_blob_rawsize(blob));
             w->stopped = !w->visit(w->folder, std::string(root_path) + git_tree_entry_name(e), content);
@@ -652,7 +657,8 @@ status git_store::changes(long long since, long long until, size_t max, json* ou
         if (t > until) continue;
         status st = tree_of(repo_, id, tree.out());
         if (st) st = parent_tree_of(c, parent.out());
-        if (st && git_diff_tree_to_tree(diff.out(), repo_, parent, tree, nullptr) != 0) st = git_failure("comparing two backups");
+        if (st && git_diff_tree_to_tree(diff.out(), repo_, parent, tree, nullptr) != 0)
+            st = git_failure("comparing two backups");
         if (!st) return st;
         // One entry per host folder the commit changed.
         std::map<std::string, json> hosts;
@@ -685,7 +691,8 @@ status git_store::push(const std::string& remote_url, const std::string& remote_
     std::string path;
     struct stat st;
     if (local_path(remote_url, &path) && stat(path.c_str(), &st) != 0)
-        return fail(error_kind::local, "the push remote " + path + " does not exist: create it with git init --bare " + path);
+        return fail(error_kind::local,
+                    "the push remote " + path + " does not exist: create it with git init --bare " + path);
     owned<git_reference, git_reference_free> head;
     if (git_repository_head(head.out(), repo_) != 0) return git_failure("finding the branch to push");
     std::string branch = git_reference_name(head);
