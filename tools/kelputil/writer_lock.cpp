@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -20,14 +21,17 @@ namespace {
 
 const char lock_name[] = "kelputil-writer";
 
-// The holder's line, read again for a moment when it is still empty: the
-// holder writes it just after taking the lock.
+// The holder's line, read again for a moment while it is still empty or
+// names a process that has ended: the holder writes it just after taking
+// the lock, over the line of the one before.
 json holder_of(int fd) {
     for (int tries = 0; tries < 25; tries++) {
         char text[1024];
         ssize_t n = pread(fd, text, sizeof text - 1, 0);
         json line = json::parse(std::string(text, n > 0 ? (size_t)n : 0), nullptr, false);
-        if (line.is_object() && line.contains("pid")) return line;
+        bool alive = line.is_object() && line.contains("pid") && line["pid"].is_number_integer() &&
+                     (kill((pid_t)line["pid"].get<long long>(), 0) == 0 || errno == EPERM);
+        if (alive) return line;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return json::object();
