@@ -129,15 +129,16 @@ TEST_F(serve, one_writer_and_a_push_that_hangs) {
         {"kelputil -q fleet backup --into bk --scripts && kelputil get-script -H 198.18.0.2 fw > fw.scr && "
          "echo '# changed' >> fw.scr && kelputil -q -H 198.18.0.2 put-script fw fw.scr; " + hang + "until_in up up; "
          "sh -c 'kelputil serve -i $KELP_INVENTORY --into bk --interval 2s --push http://127.0.0.1:9419/x.git "
-         "--push-timeout 6 2> log & echo $! > pid; wait $!; echo $? > served' & " + pushing +
-             "a=$(grep -c 'backed up' log); sleep 3; pgrep -f '^kelputil-serve --internal-push' > /dev/null && "
+         "--push-timeout 8 2> log & echo $! > pid; wait $!; echo $? > served' & " + pushing +
+             "a=$(grep -c 'backed up' log); n=0; until [ $(grep -c 'backed up' log) -ge $((a + 3)) ] || [ $n -gt 60 ]; "
+             "do n=$((n+1)); sleep 0.1; done; pgrep -f '^kelputil-serve --internal-push' > /dev/null && "
              "[ $(grep -c 'backed up' log) -ge $((a + 3)) ] && echo 'backed up beside the push'",
          0, {"backed up beside the push"}},
         {"until_in 'no end within' log; grep -m1 'no end within' log; "
          "timeout 5 kelputil serve -i $KELP_INVENTORY --into bk --listen 127.0.0.1:8751; echo \"second $?\"; "
          "kelputil fleet backup --into bk; echo \"fleet $?\"; [ -d bk/.git/kelputil-staging-serve ] && "
          "curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r .ok",
-         0, {"pushing to http://127.0.0.1:9419/x.git: no end within 6 s (--push-timeout): the push was ended; trying "
+         0, {"pushing to http://127.0.0.1:9419/x.git: no end within 8 s (--push-timeout): the push was ended; trying "
              "again in ", "another kelputil serve (pid ", ") writes the backups in bk: stop it first, or give another "
              "--into\nsecond 1\n", "bk is kept by kelputil serve (pid ", "): ask it for a backup instead: curl -X POST "
              "http://127.0.0.1:8750/api/v1/hosts/HOST/backup (or stop the service)\nfleet 1\ntrue\n"}},
