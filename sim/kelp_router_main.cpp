@@ -36,13 +36,14 @@ static const char usage[] =
     "Faults for the routers numbered in LIST (e.g. down:3,7): down (no daemon),\n"
     "silent (connections hang before the greeting), password (another password),\n"
     "upgrade-fails (the flash upgrade reports an error and does not reboot),\n"
-    "no-return (does not come back from a reboot). A reboot takes S seconds\n"
-    "(default 1).\n";
+    "no-return (does not come back from a reboot), odd-archive (its configuration\n"
+    "archive holds a member both a file and a folder, and a 300-character name).\n"
+    "A reboot takes S seconds (default 1).\n";
 
 namespace {
 
 struct faults {
-    bool down = false, silent = false, password = false, upgrade_fails = false, no_return = false;
+    bool down = false, silent = false, password = false, upgrade_fails = false, no_return = false, odd_archive = false;
 };
 
 const std::pair<const char*, bool faults::*> fault_kinds[] = {
@@ -51,6 +52,7 @@ const std::pair<const char*, bool faults::*> fault_kinds[] = {
     {"password", &faults::password},
     {"upgrade-fails", &faults::upgrade_fails},
     {"no-return", &faults::no_return},
+    {"odd-archive", &faults::odd_archive},
 };
 
 struct settings {
@@ -85,7 +87,7 @@ std::string parse_fault(const std::string& arg, settings* s) {
     for (const auto& [name, f] : fault_kinds)
         if (kind == name) field = f;
     if (!field || colon == std::string::npos)
-        return "--fault takes KIND:LIST, KIND one of down, silent, password, upgrade-fails, no-return";
+        return "--fault takes KIND:LIST, KIND one of down, silent, password, upgrade-fails, no-return, odd-archive";
     std::string list = arg.substr(colon + 1) + ",";
     for (size_t at = 0, comma; (comma = list.find(',', at)) != std::string::npos; at = comma + 1) {
         long k;
@@ -191,7 +193,7 @@ void furnish(int k, const settings& s, const std::vector<std::pair<std::string, 
     std::string kinds;
     for (const auto& [name, field] : fault_kinds)
         if (f.*field) kinds += std::string(name) + "\n";
-    // The helpers look here (the flash upgrade's failure).
+    // The helpers look here (the flash upgrade's failure, the odd archive).
     router::write_file(std::string(router::state_dir) + "/faults", kinds);
 }
 

@@ -28,7 +28,7 @@ enum class error_kind {
 
 struct status {
     error_kind kind = error_kind::none;
-    int code = 0;  // the device's result code when kind == device
+    int code = 0;  // the device's result code when kind == device; errno, when known, when kind == local
     std::string message;
 
     explicit operator bool() const { return kind == error_kind::none; }

@@ -53,16 +53,16 @@ TEST_F(serve, schedule_api_signals_and_restart) {
          "git -C bk show --name-only --format=%s HEAD; grep -c PASSWORD hookenv; "
          "grep -c 'KELPUTIL_HOST=router2' hookenv; curl -s http://127.0.0.1:8750/metrics | "
          "grep 'last_change_timestamp_seconds{host=\"router2\"}' | awk '$2 >= '$t' {print \"metric changed\"}'",
-         0, {"ok\ntrue\n", "2\nconfig.dat M\nconfig.plain M\nconfig/config/fw.scr M\n",
-             "+# one change\n1\n", "router2 config/config/fw.scr 5\n",  "\n2\n1\nbackup router2: configuration changed\n\n"
-             "router2/config.dat\nrouter2/config.plain\nrouter2/config/config/fw.scr\n0\n1\nmetric changed"}},
+         0, {"ok\ntrue\n", "2\nconfig.dat M\nconfig/fw.scr M\n",
+             "+# one change\n1\n", "router2 config/fw.scr 5\n",  "\n2\n1\nbackup router2: configuration changed\n\n"
+             "router2/config.dat\nrouter2/config/fw.scr\n0\n1\nmetric changed"}},
         {"curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r '.ok, .changed, .message'; " +
              code_of("-d '' " + api + "/hosts/router1/backup"), 0, {"true\nfalse\nunchanged\n202 "}},
         // Every error has its status and says what is wrong.
         {code_of(api + "/hosts/nope") + code_of("'" + api + "/hosts/router1/diff?from=a..b'") +
              code_of(api + "/search") + code_of(api + "/hosts/router1/files/none") +
              code_of("-X DELETE " + api + "/hosts") + code_of("-d '' " + api + "/hosts/nope/backup") +
-             code_of(api + "/hosts/router1/files/config/config/system.conf") +
+             code_of(api + "/hosts/router1/files/config/system.conf") +
              "curl -s -X PUT " + api + "/hosts | jq -r .error",
          0, {"404 400 400 404 405 404 200 ", "PUT is not allowed on /api/v1/hosts: use GET"}},
         // The down host fails, retried sooner with growing gaps; its hung hook is ended.
@@ -116,20 +116,59 @@ TEST_F(serve, token_and_tls) {
     }, {"--fleet", "2"}, limit_ms);
 }
 
+// One writer per repository, and a push remote that accepts and never
+// answers: backups go on beside the hung push, a second service and a fleet
+// backup are refused, and SIGTERM ends it all at once. The repository was
+// begun by hand with --scripts, which the service keeps.
+TEST_F(serve, one_writer_and_a_push_that_hangs) {
+    const std::string pushing = "n=0; until pgrep -f '^kelputil-serve --internal-push' > /dev/null || [ $n -gt 150 ]; "
+                                "do n=$((n+1)); sleep 0.1; done; ";
+    const std::string hang = "python3 -c 'import socket\ns = socket.create_server((\"127.0.0.1\", 9419))\n"
+                             "open(\"up\", \"w\").write(\"up\")\nc = []\nwhile True: c.append(s.accept())' & ";
+    run_steps({
+        {"kelputil -q fleet backup --into bk --scripts && kelputil get-script -H 198.18.0.2 fw > fw.scr && "
+         "echo '# changed' >> fw.scr && kelputil -q -H 198.18.0.2 put-script fw fw.scr; " + hang + "until_in up up; "
+         "sh -c 'kelputil serve -i $KELP_INVENTORY --into bk --interval 2s --push http://127.0.0.1:9419/x.git "
+         "--push-timeout 8 2> log & echo $! > pid; wait $!; echo $? > served' & " + pushing +
+             "a=$(grep -c 'backed up' log); n=0; until [ $(grep -c 'backed up' log) -ge $((a + 3)) ] || [ $n -gt 60 ]; "
+             "do n=$((n+1)); sleep 0.1; done; pgrep -f '^kelputil-serve --internal-push' > /dev/null && "
+             "[ $(grep -c 'backed up' log) -ge $((a + 3)) ] && echo 'backed up beside the push'",
+         0, {"backed up beside the push"}},
+        {"until_in 'no end within' log; grep -m1 'no end within' log; "
+         "timeout 5 kelputil serve -i $KELP_INVENTORY --into bk --listen 127.0.0.1:8751; echo \"second $?\"; "
+         "kelputil fleet backup --into bk; echo \"fleet $?\"; [ -d bk/.git/kelputil-staging-serve ] && "
+         "curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' | jq -r .ok",
+         0, {"pushing to http://127.0.0.1:9419/x.git: no end within 8 s (--push-timeout): the push was ended; trying "
+             "again in ", "another kelputil serve (pid ", ") writes the backups in bk: stop it first, or give another "
+             "--into\nsecond 1\n", "bk is kept by kelputil serve (pid ", "): ask it for a backup instead: curl -X POST "
+             "http://127.0.0.1:8750/api/v1/hosts/HOST/backup (or stop the service)\nfleet 1\ntrue\n"}},
+        {pushing + "t=$(date +%s); kill -TERM $(cat pid); n=0; until [ -s served ] || [ $n -gt 150 ]; do "
+         "n=$((n+1)); sleep 0.1; done; echo \"exit $(cat served) in $(($(date +%s) - t < 15))\"; "
+         "pgrep -fc '^kelputil-serve --internal-push'; for c in $(grep -o 'changed: commit [0-9a-f]*' log | "
+         "cut -d' ' -f3); do git -C bk merge-base --is-ancestor $c HEAD || echo lost $c; done; "
+         "git -C bk log -1 --format=%s -- router1; git -C bk ls-tree -r --name-only HEAD router1/scripts | wc -l; "
+         "git -C bk status --porcelain; git -C bk fsck && echo fsck clean",
+         0, {"exit 0 in 1\n0\nbackup router1: configuration changed\n4\n", "fsck clean", "!lost"}},
+    }, {"--fleet", "3"}, limit_ms);
+}
+
 // The same settings from a file; each commit pushed to a bare repository,
 // and a remote that is not there retried without holding up backups.
 TEST_F(serve, config_file_and_push) {
     run_steps({
         {"printf 'inventory = %s\\ninto = bk\\nlisten = \"0.0.0.0:8751\"\\n' $KELP_INVENTORY > serve.conf; "
          "kelputil serve --config serve.conf", 1, {"--listen 0.0.0.0:8751 is reachable from other machines"}},
-        {"git init -q --bare remote.git; printf 'inventory = %s\\ninto = bk\\ninterval = 2s\\npush = remote.git\\npush-branch = east\\n' $KELP_INVENTORY > "
+        {"git init -q --bare remote.git; printf 'inventory = %s\\ninto = bk\\ninterval = 2s\\npush = remote.git\\n"
+         "push-branch = east\\npush-timeout = 5s\\nscripts = true\\n' $KELP_INVENTORY > "
          "serve.conf; kelputil serve --config serve.conf 2> log & echo $! > pid; "
          "n=0; until [ \"$(git -C remote.git log --format=%s east 2>/dev/null | wc -l)\" = 2 ] || [ $n -gt 100 ]; do "
-         "n=$((n+1)); sleep 0.1; done; " + stop_serve + "git -C remote.git log --format=%s east | sort",
-         0, {"backup router1: configuration changed\nbackup router2: configuration changed\n"}},
+         "n=$((n+1)); sleep 0.1; done; " + stop_serve + "git -C remote.git log --format=%s east | sort; "
+         "git -C remote.git ls-tree -r --name-only east router1/scripts | wc -l",
+         0, {"backup router1: configuration changed\nbackup router2: configuration changed\n4\n"}},
         {"kelputil serve -i $KELP_INVENTORY --into bk2 --interval 2s --push missing.git --listen 127.0.0.1:8754 2> push.log & "
          "echo $! > pid; until_in 'trying again' push.log; until_in 'router2: backed up' push.log; " + stop_serve +
-             "cat push.log", 0, {"pushing to missing.git: ", "; trying again in 5 s", "router1: backed up, changed"}},
+             "cat push.log", 0, {"the push remote missing.git does not exist: create it with git init --bare "
+                                 "missing.git; trying again in 5 s", "router1: backed up, changed"}},
         // No prompt: a systemd credential, or a host that fails saying what to set.
         {"mkdir -m 700 creds; echo pw > creds/password; chmod 600 creds/password; "
          "env -u KELPUTIL_PASSWORD CREDENTIALS_DIRECTORY=$PWD/creds kelputil serve -i $KELP_INVENTORY --into bk4 "
@@ -143,7 +182,7 @@ TEST_F(serve, config_file_and_push) {
          "until_in 'router2: backed up' web.log; HOME=$PWD timeout 60 chromium --headless --no-sandbox "
          "--disable-gpu --virtual-time-budget=5000 --dump-dom 'http://127.0.0.1:8750/#/hosts/router2' 2>/dev/null "
          "| sed 's/<[^>]*>/ /g' | tr -s ' \\n' ' '; " + stop_serve,
-         0, {"Address 198.18.0.3 State ok Model simulated kelp-v3 router",
+         0, {"State ok Last error none", "Address 198.18.0.3", "Model simulated kelp-v3 router Firmware kelp-v3 router firmware",
              "backup router2: configuration changed config.dat"}},
         // A real Prometheus scrapes the service: one series per host.
         {"kelputil serve -i $KELP_INVENTORY --into bk3 --interval 2s 2> log & echo $! > pid; "

@@ -91,7 +91,7 @@ TEST(Inventory, ConstructsAndPrecedence) {
 
 TEST(Inventory, BadLinesNameFileAndLine) {
     // says: after "FILE:"; '@' stands for FILE
-    struct { std::string text; const char* says; } rows[] = {
+    struct { std::string text; std::string says; } rows[] = {
         {"[routers\nr1\n", "1: a section header is [GROUP], [GROUP:vars] or [GROUP:children]"},
         {"r1\n[routers:hosts2]\n", "2: unknown section kind ':hosts2'"},
         {"r1 port=abc\n", "1: port=abc is not a port (1 to 65535)"},
@@ -107,7 +107,9 @@ TEST(Inventory, BadLinesNameFileAndLine) {
         {"r[3:1]\n", "1: 'r[3:1]' has a range that is not [FROM:TO]"},
         {"r[01:3]\n", "1: 'r[01:3]' has a range whose ends differ in width: write [01:03]"},
         {"r[0:9999]-[0:9999]\n", "1: its ranges make more than 100000 hosts"},
-        {"../evil\n", "1: '../evil' is not a usable host name"},
+        {"../evil\n", "1: '../evil' is not a usable host name"}, {"[g]\nr1\nr*\n", "3: 'r*' is not a usable host name"},
+        {"r?1\n", "1: 'r?1' is not"}, {"-r\n", "1: '-r' is not"}, {"r\x01\n", "1: 'r\x01' is not"},
+        {"r\x7f\n", "1: 'r\x7f' is not"}, {std::string(201, 'r') + "\n", "1: '" + std::string(201, 'r') + "' is not"},
         {"[a:children]\nb c\n", "2: 'b c' is not a group name"}, {"[a:children]\nb\n[b:children]\na\n", " group "},
         // Long lines are read, not recursed over.
         {"[g] # " + std::string(200000, 'x') + "\n[g:children] # " + std::string(200000, 'x') + "\nr1 x\n",

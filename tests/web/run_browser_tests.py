@@ -9,7 +9,7 @@ import browser  # noqa: E402
 ARGS = None
 TOKEN = '0123456789abcdef0123'
 HOSTILE = ['<img src=x onerror=window.__pwned=1>', '</script><script>window.__pwned=2</script>']
-FW = 'config/config/fw.scr'
+FW = 'config/fw.scr'
 SEARCHED = 'iptables -A INPUT -s 198.18.5.4 -j ACCEPT'  # router5's fifth line
 HISTORY = '[aria-label^="History of"]'
 GONE = 'gone1'  # backed up once, then left out of the inventory

@@ -21,7 +21,9 @@ using kelp::status;
 namespace {
 
 status file_error(const std::string& what, const std::string& path, int err = errno) {
-    return fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(err));
+    status s = fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(err));
+    s.code = err;
+    return s;
 }
 
 // The temporaries being written, for the signal handler: fixed slots, as a

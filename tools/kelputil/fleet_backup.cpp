@@ -5,14 +5,17 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <mutex>
 
+#include "archive_members.h"
 #include "files.h"
 #include "git_store.h"
 #include "host_snapshot.h"
+#include "writer_lock.h"
 
 using kelp::bytes;
 using kelp::error_kind;
@@ -20,12 +23,15 @@ using kelp::status;
 
 namespace {
 
+const writer_identity writer = {"kelputil fleet backup", ""};
+
 // Fetched folders by host, for the commit once every host is done.
 struct staged_hosts {
     std::mutex lock;
     std::vector<std::pair<std::string, std::string>> folders;
-    // Writing here failed, "MESSAGE (backing up HOST); ": the other hosts
-    // would fail alike. A host's own failure, local or not, is only its own.
+    // The disk failed (full, read-only, failing), "MESSAGE (backing up
+    // HOST); ": the other hosts would fail alike. A host's own failure,
+    // local or not (an archive member that cannot be a file), is its own.
     std::string disk_failure;
 };
 
@@ -33,8 +39,8 @@ outcome back_up_host(const invocation& inv, const std::string& staging, const in
                      staged_hosts* staged) {
     std::string folder = staging + "/" + h.name + ".XXXXXX";
     host_snapshot taken;
-    taken.disk_failure = true;
     status st = mkdtemp(folder.data()) ? kelp::ok() : system_error("create a staging folder in", staging);
+    taken.disk_failure = !st && is_disk_error(st.code);
     if (st) st = take_snapshot(t, folder, inv.scripts, &taken);
     std::lock_guard<std::mutex> hold(staged->lock);
     if (!st) {
@@ -72,6 +78,23 @@ int local_error(const invocation& inv, const status& st) {
     return exit_status(st);
 }
 
+// "2026-11-24 05:12:00", local time, as history prints a commit's time.
+std::string local_date(long long t) {
+    time_t seconds = (time_t)t;
+    struct tm local;
+    localtime_r(&seconds, &local);
+    char text[32];
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
+}
+
+// Changed files with their paths in the repository ("HOST/config/fw.scr"),
+// as the patch names them.
+json in_repository(const std::string& host, json files) {
+    for (json& f : files) f["path"] = host + "/" + f["path"].get<std::string>();
+    return files;
+}
+
 std::string store_dir(const invocation& inv) { return inv.into.empty() ? "." : inv.into; }
 
 // A run that ends before its commit: what was fetched, and that nothing
@@ -89,13 +112,28 @@ int stopped(const invocation& inv, const std::vector<host_result>& results, int 
 
 }  // namespace
 
+status check_backup_target(const invocation& inv) {
+    std::unique_ptr<git_store> store;
+    std::unique_ptr<writer_lock> lock;
+    status st = git_store::open(inv.into, true, inv.init, nullptr);
+    // An existing repository kept by another writer is refused now; the
+    // lock itself is taken for the run.
+    if (st && git_store::open(inv.into, false, false, &store)) st = writer_lock::take(*store, writer, &lock);
+    return st;
+}
+
 int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     std::unique_ptr<git_store> store;
+    std::unique_ptr<writer_lock> lock;
     status st = git_store::open(inv.into, true, inv.init, &store);
     std::vector<std::string> folders;
     for (const inventory_host* h : hosts) folders.push_back(h->name);
+    if (st) st = writer_lock::take(*store, writer, &lock);
+    std::vector<std::string> converted;
     if (st) st = store->start_clean(folders);
-    std::string staging = store ? store->staging() : "";
+    if (st) st = store->convert_layout(writer.program, &converted);
+    std::string staging = store ? store->staging("") : "";
+    if (st) remove_tree(staging);
     if (st && mkdir(staging.c_str(), 0700) != 0) st = system_error("create", staging);
     if (!st) return local_error(inv, st);
 
@@ -120,7 +158,9 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     std::vector<std::string> changed;
     std::string commit;
     auto message = [&](const std::vector<std::string>& c) { return commit_message(results, c); };
-    if (!(st = store->commit_staged(staged.folders, message, &changed, &commit))) {
+    st = store->commit_staged(staged.folders, kept_from_last(inv.scripts), message, &changed, &commit);
+    remove_tree(staging);
+    if (!st) {
         st.message += "; nothing committed, " + inv.into + " is as its last commit left it";
         return local_error(inv, st);
     }
@@ -139,6 +179,11 @@ int run_fleet_history(const invocation& inv) {
     if (st) st = store->require_folder(inv.name);
     if (st) st = store->history(inv.name, &entries);
     if (!st) return local_error(inv, st);
+    for (json& e : entries) {
+        e["date"] = local_date(e["time"].get<long long>());
+        e.erase("time");
+        e["files"] = in_repository(inv.name, e["files"]);
+    }
     outcome o = success(inv.name + ": " + plural(entries.size(), "backup") + " with changes", entries);
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
@@ -155,7 +200,7 @@ int run_fleet_diff(const invocation& inv) {
     if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
     if (!st) return local_error(inv, st);
     outcome o = success(inv.name + ": " + plural(files.size(), "file") + " changed",
-                        {{"files", files}, {"patch", patch}});
+                        {{"files", in_repository(inv.name, files)}, {"patch", patch}});
     o.text = patch;
     o.content = true;
     print_outcome(o, inv.json, inv.quiet);

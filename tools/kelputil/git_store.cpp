@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <map>
 #include <memory>
 
 #include "files.h"
@@ -47,7 +48,13 @@ const char old_ignore_rule[] = ".kelputil-staging/\n";
 
 status git_failure(const std::string& what) {
     const git_error* e = git_error_last();
-    return fail(error_kind::local, what + ": " + (e && e->message ? e->message : "libgit2 error"));
+    std::string why = e && e->message ? e->message : "libgit2 error";
+    status st = fail(error_kind::local, what + ": " + why);
+    // libgit2 tells an OS error in words only: its errno when it is one a
+    // caller acts on (the repository cannot be written).
+    for (int err : {ENOSPC, EDQUOT, EROFS, EIO, EACCES, EPERM})
+        if (e && e->klass == GIT_ERROR_OS && why.find(strerror(err)) != std::string::npos) st.code = err;
+    return st;
 }
 
 void init_once() {
@@ -89,21 +96,14 @@ std::string short_id(const git_oid* id) {
     return std::string(text).substr(0, 10);
 }
 
-std::string date_text(git_time_t t) {
-    time_t seconds = (time_t)t;
-    struct tm local;
-    localtime_r(&seconds, &local);
-    char text[32];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    return text;
-}
-
 status folder_diff(git_repository* repo, const git_tree* from, const git_tree* to, const std::string& folder,
                    git_diff** out) {
     // The library's init functions, not its *_INIT macros, which leave
     // fields out and trip -Wmissing-field-initializers under clang.
     git_diff_options options;
     git_diff_options_init(&options, GIT_DIFF_OPTIONS_VERSION);
+    // A host's name is a name, never a pattern.
+    options.flags |= GIT_DIFF_DISABLE_PATHSPEC_MATCH;
     std::string prefix = folder + "/";
     char* prefixes[] = {prefix.data()};
     options.pathspec = {prefixes, 1};
@@ -112,12 +112,15 @@ status folder_diff(git_repository* repo, const git_tree* from, const git_tree* t
     return kelp::ok();
 }
 
-json changed_files(git_diff* diff) {
+// The files a diff touches, their paths without the leading "folder/"
+// (none: whole paths).
+json changed_files(git_diff* diff, const std::string& folder) {
     json files = json::array();
     for (size_t i = 0; i < git_diff_num_deltas(diff); i++) {
         const git_diff_delta* d = git_diff_get_delta(diff, i);
-        files.push_back({{"path", d->new_file.path ? d->new_file.path : d->old_file.path},
-                         {"status", std::string(1, git_diff_status_char(d->status))}});
+        std::string path = d->new_file.path ? d->new_file.path : d->old_file.path;
+        if (!folder.empty() && path.rfind(folder + "/", 0) == 0) path.erase(0, folder.size() + 1);
+        files.push_back({{"path", path}, {"status", std::string(1, git_diff_status_char(d->status))}});
     }
     return files;
 }
@@ -236,6 +239,77 @@ status tree_from_folder(git_repository* repo, const std::string& dir, new_object
     return kelp::ok();
 }
 
+// HEAD's copies of the entries named in keep, carried into the host
+// folder's new tree *id where it has none: a backup never deletes a kind
+// of file it did not fetch (the scripts of a run without --scripts).
+status carry_over(git_repository* repo, const git_tree* head_tree, const std::string& name,
+                  const std::vector<std::string>& keep, git_oid* id) {
+    git_oid before = folder_id(head_tree, name);
+    if (keep.empty() || git_oid_is_zero(&before)) return kelp::ok();
+    tree_ptr old_folder, new_folder;
+    builder_ptr builder;
+    if (git_tree_lookup(old_folder.out(), repo, &before) != 0 || git_tree_lookup(new_folder.out(), repo, id) != 0 ||
+        git_treebuilder_new(builder.out(), repo, new_folder) != 0)
+        return git_failure("reading the last backup of " + name);
+    bool added = false;
+    for (const std::string& k : keep) {
+        const git_tree_entry* e = git_tree_entry_byname(old_folder, k.c_str());
+        if (!e || git_tree_entry_byname(new_folder, k.c_str())) continue;
+        if (git_treebuilder_insert(nullptr, builder, k.c_str(), git_tree_entry_id(e), git_tree_entry_filemode(e)) != 0)
+            return git_failure("keeping " + name + "/" + k);
+        added = true;
+    }
+    if (added && git_treebuilder_write(id, builder) != 0) return git_failure("storing the tree of " + name);
+    return kelp::ok();
+}
+
+// A host folder as older versions wrote it (config.plain beside config/,
+// which kept the archive's top folder: config/config/...) in today's form;
+// *changed false when it is not one.
+status convert_host(git_repository* repo, const git_tree_entry* e, git_oid* out, bool* changed) {
+    *changed = false;
+    tree_ptr host, members;
+    if (git_tree_entry_type(e) != GIT_OBJECT_TREE) return kelp::ok();
+    if (git_tree_lookup(host.out(), repo, git_tree_entry_id(e)) != 0) return git_failure("reading a host's tree");
+    const git_tree_entry* config = git_tree_entry_byname(host, "config");
+    if (!git_tree_entry_byname(host, "config.dat") || !git_tree_entry_byname(host, "config.plain") || !config ||
+        git_tree_entry_type(config) != GIT_OBJECT_TREE)
+        return kelp::ok();
+    builder_ptr builder;
+    if (git_tree_lookup(members.out(), repo, git_tree_entry_id(config)) != 0 ||
+        git_treebuilder_new(builder.out(), repo, host) != 0 || git_treebuilder_remove(builder, "config.plain") != 0)
+        return git_failure("converting " + std::string(git_tree_entry_name(e)));
+    const git_tree_entry* top = git_tree_entry_byindex(members, 0);
+    if (git_tree_entrycount(members) == 1 && git_tree_entry_type(top) == GIT_OBJECT_TREE &&
+        git_treebuilder_insert(nullptr, builder, "config", git_tree_entry_id(top), GIT_FILEMODE_TREE) != 0)
+        return git_failure("converting " + std::string(git_tree_entry_name(e)));
+    if (git_treebuilder_write(out, builder) != 0)
+        return git_failure("storing the tree of " + std::string(git_tree_entry_name(e)));
+    *changed = true;
+    return kelp::ok();
+}
+
+// The commit of tree on head (none: the first commit).
+status write_commit(git_repository* repo, const git_commit* head, const git_tree* tree, const std::string& message,
+                    git_oid* id) {
+    signature_ptr who;
+    if (git_signature_default(who.out(), repo) != 0 &&
+        git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
+        return git_failure("making the commit's signature");
+    const git_commit* parents[] = {head};
+    if (git_commit_create(id, repo, nullptr, who, who, nullptr, message.c_str(), tree, head ? 1 : 0, parents) != 0)
+        return git_failure("committing the backups");
+    return kelp::ok();
+}
+
+// A remote that names a folder here (a path, or file://), not a host.
+bool local_path(const std::string& remote, std::string* path) {
+    if (remote.rfind("file://", 0) == 0) return *path = remote.substr(7), true;
+    size_t colon = remote.find(':'), slash = remote.find('/');
+    if (remote.find("://") != std::string::npos || (colon != std::string::npos && colon < slash)) return false;
+    return *path = remote, true;
+}
+
 status empty_tree(git_repository* repo, git_tree** out) {
     builder_ptr nothing;
     git_oid id;
@@ -245,16 +319,20 @@ status empty_tree(git_repository* repo, git_tree** out) {
     return kelp::ok();
 }
 
-// Points HEAD (or the branch it names) at id.
-status move_head(git_repository* repo, const git_oid& id) {
+// Points HEAD (or the branch it names) at id, only when it still points
+// at before (nowhere when there was no commit yet): a writer that ignores
+// the lock must not have its commit dropped from the branch.
+status move_head(git_repository* repo, const git_oid& id, const git_oid* before) {
     reference_ptr head, moved;
     if (git_reference_lookup(head.out(), repo, "HEAD") != 0) return git_failure("reading HEAD");
-    if (git_reference_type(head) != GIT_REFERENCE_SYMBOLIC) {
-        if (git_repository_set_head_detached(repo, &id) != 0) return git_failure("moving HEAD");
-        return kelp::ok();
-    }
-    if (git_reference_create(moved.out(), repo, git_reference_symbolic_target(head), &id, 1, "fleet backup") != 0)
-        return git_failure("moving " + std::string(git_reference_symbolic_target(head)));
+    bool symbolic = git_reference_type(head) == GIT_REFERENCE_SYMBOLIC;
+    std::string name = symbolic ? git_reference_symbolic_target(head) : "HEAD";
+    int r = before ? git_reference_create_matching(moved.out(), repo, name.c_str(), &id, 1, before, "kelputil backup")
+                   : git_reference_create(moved.out(), repo, name.c_str(), &id, 0, "kelputil backup");
+    if (r == GIT_EMODIFIED || r == GIT_EEXISTS)
+        return fail(error_kind::local, name + " moved while this backup was made (another program writing the "
+                                              "repository?): this commit is not added");
+    if (r != 0) return git_failure("moving " + name);
     return kelp::ok();
 }
 
@@ -291,11 +369,14 @@ status git_store::open(const std::string& dir, bool create, bool init, std::uniq
     return kelp::ok();
 }
 
-std::string git_store::staging() const { return std::string(git_repository_path(repo_)) + "kelputil-staging"; }
+std::string git_store::git_dir() const { return git_repository_path(repo_); }
+
+std::string git_store::staging(const std::string& writer) const {
+    return git_dir() + "kelputil-staging" + (writer.empty() ? "" : "-" + writer);
+}
 
 status git_store::start_clean(const std::vector<std::string>& folders) {
     std::string work = git_repository_workdir(repo_);
-    remove_tree(staging());
     remove_tree(work + old_staging);
     tree_ptr head;
     bool born = git_revparse_single((git_object**)head.out(), repo_, "HEAD^{tree}") == 0;
@@ -308,7 +389,7 @@ status git_store::start_clean(const std::vector<std::string>& folders) {
     std::vector<char*> pointers;
     for (std::string& f : paths) pointers.push_back(f.data());
     git_checkout_options everything = checkout_options(nullptr), hosts = checkout_options(nullptr);
-    hosts.checkout_strategy |= GIT_CHECKOUT_REMOVE_UNTRACKED;
+    hosts.checkout_strategy |= GIT_CHECKOUT_REMOVE_UNTRACKED | GIT_CHECKOUT_DISABLE_PATHSPEC_MATCH;
     hosts.paths = {pointers.data(), pointers.size()};
     if (git_checkout_tree(repo_, (const git_object*)head.p, &everything) != 0 ||
         (!paths.empty() && git_checkout_tree(repo_, (const git_object*)head.p, &hosts) != 0))
@@ -317,6 +398,7 @@ status git_store::start_clean(const std::vector<std::string>& folders) {
 }
 
 status git_store::commit_staged(const std::vector<std::pair<std::string, std::string>>& staged,
+                                const std::vector<std::string>& keep,
                                 const std::function<std::string(const std::vector<std::string>&)>& message,
                                 std::vector<std::string>* changed, std::string* commit_out) {
     changed->clear();
@@ -335,6 +417,7 @@ status git_store::commit_staged(const std::vector<std::pair<std::string, std::st
             git_oid id, before = folder_id(head_tree, name);
             bool empty = false;
             status s = tree_from_folder(repo_, folder, &added, &id, &empty);
+            if (s && !empty) s = carry_over(repo_, head_tree, name, keep, &id);
             if (!s) return s;
             if (empty || git_oid_equal(&id, &before)) continue;
             changed->push_back(name);
@@ -344,21 +427,14 @@ status git_store::commit_staged(const std::vector<std::pair<std::string, std::st
         if (changed->empty()) return kelp::ok();
         if (git_treebuilder_write(&tree_id, root) != 0 || git_tree_lookup(tree.out(), repo_, &tree_id) != 0)
             return git_failure("writing the tree");
-        signature_ptr who;
-        if (git_signature_default(who.out(), repo_) != 0 &&
-            git_signature_now(who.out(), "kelputil", "kelputil@localhost") != 0)
-            return git_failure("making the commit's signature");
-        const git_commit* parents[] = {head};
-        if (git_commit_create(&commit_id, repo_, nullptr, who, who, nullptr, message(*changed).c_str(), tree,
-                              born ? 1 : 0, parents) != 0)
-            return git_failure("committing the backups");
-        added.ids.push_back(commit_id);
-        return kelp::ok();
+        status s = write_commit(repo_, head, tree, message(*changed), &commit_id);
+        if (s) added.ids.push_back(commit_id);
+        return s;
     }();
     // Everything is in objects now: the staged copies only take space the
     // work tree is about to need.
-    remove_tree(staging());
-    if (st && !changed->empty()) st = check_out(head_tree, tree, commit_id);
+    for (const auto& [name, folder] : staged) remove_tree(folder);
+    if (st && !changed->empty()) st = check_out(head_tree, tree, commit_id, born ? &head_id : nullptr);
     if (!st) {
         changed->clear();
         added.remove_all();
@@ -368,14 +444,51 @@ status git_store::commit_staged(const std::vector<std::pair<std::string, std::st
     return kelp::ok();
 }
 
+status git_store::convert_layout(const std::string& writer, std::vector<std::string>* hosts) {
+    hosts->clear();
+    commit_ptr head;
+    tree_ptr head_tree, tree;
+    builder_ptr root;
+    git_oid head_id, tree_id, commit_id;
+    if (git_reference_name_to_id(&head_id, repo_, "HEAD") != 0) return kelp::ok();  // nothing written yet
+    if (git_commit_lookup(head.out(), repo_, &head_id) != 0 || git_commit_tree(head_tree.out(), head) != 0 ||
+        git_treebuilder_new(root.out(), repo_, head_tree) != 0)
+        return git_failure("reading the last commit");
+    for (size_t i = 0; i < git_tree_entrycount(head_tree); i++) {
+        const git_tree_entry* e = git_tree_entry_byindex(head_tree, i);
+        git_oid id;
+        bool changed = false;
+        status st = convert_host(repo_, e, &id, &changed);
+        if (!st) return st;
+        if (!changed) continue;
+        if (git_treebuilder_insert(nullptr, root, git_tree_entry_name(e), &id, GIT_FILEMODE_TREE) != 0)
+            return git_failure("converting " + std::string(git_tree_entry_name(e)));
+        hosts->push_back(git_tree_entry_name(e));
+    }
+    if (hosts->empty()) return kelp::ok();
+    if (git_treebuilder_write(&tree_id, root) != 0 || git_tree_lookup(tree.out(), repo_, &tree_id) != 0)
+        return git_failure("writing the tree");
+    std::string message = "convert HOST folders to one copy of each backup: no config.plain beside config/, no "
+                          "config/config/\n\n" +
+                          std::to_string(hosts->size()) + " hosts, by " + writer + ", no router asked:\n";
+    for (const std::string& h : *hosts) message += "  " + h + "\n";
+    new_objects added{repo_, {}};
+    status st = write_commit(repo_, head, tree, message, &commit_id);
+    if (st) added.ids.push_back(commit_id);
+    if (st) st = check_out(head_tree, tree, commit_id, &head_id);
+    if (!st) hosts->clear(), added.remove_all();
+    return st;
+}
+
 // The work tree and index to the new tree, then HEAD to its commit; on a
 // failure, work tree and index back to the old tree.
-status git_store::check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id) {
+status git_store::check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id,
+                            const git_oid* parent_id) {
     git_checkout_options forward = checkout_options(old_tree);
     status st;
     if (git_checkout_tree(repo_, (const git_object*)new_tree, &forward) != 0)
         st = git_failure("writing the new backups into " + dir_);
-    if (st) st = move_head(repo_, commit_id);
+    if (st) st = move_head(repo_, commit_id, parent_id);
     if (st) return st;
     tree_ptr empty;
     if (!old_tree && empty_tree(repo_, empty.out())) old_tree = empty;
@@ -406,9 +519,9 @@ status git_store::history(const std::string& folder, json* out) {
             return st;
         const char* summary = git_commit_summary(c);
         out->push_back({{"commit", short_id(&id)},
-                        {"date", date_text(git_commit_time(c))},
+                        {"time", (long long)git_commit_time(c)},
                         {"subject", summary ? summary : ""},
-                        {"files", changed_files(diff)}});
+                        {"files", changed_files(diff, folder)}});
     }
     return kelp::ok();
 }
@@ -436,7 +549,7 @@ status git_store::diff(const std::string& folder, const std::string& from, const
     }
     diff_ptr d;
     if (!(st = folder_diff(repo_, old_tree, new_tree, folder, d.out()))) return st;
-    *files = changed_files(d);
+    *files = changed_files(d, folder);
     patch->clear();
     auto print = [](const git_diff_delta*, const git_diff_hunk*, const git_diff_line* line, void* payload) -> int {
         std::string* text = (std::string*)payload;
@@ -450,22 +563,116 @@ status git_store::diff(const std::string& folder, const std::string& from, const
     return kelp::ok();
 }
 
-status git_store::files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths) {
+// The tree of folder at rev; none when rev has no such folder.
+status git_store::folder_tree(const std::string& rev, const std::string& folder, git_tree** out) {
     tree_ptr root;
     status st = resolve_tree(repo_, rev.empty() ? "HEAD" : rev, root.out());
     if (!st) return st;
     git_tree_entry* sub = nullptr;
-    if (git_tree_entry_bypath(&sub, root, folder.c_str()) != 0) return fail(error_kind::local, "no files of " + folder + " at " + (rev.empty() ? "HEAD" : rev));
+    *out = nullptr;
+    if (git_tree_entry_bypath(&sub, root, folder.c_str()) != 0) return kelp::ok();
     owned<git_tree_entry, git_tree_entry_free> entry{sub};
+    if (git_tree_entry_type(entry) != GIT_OBJECT_TREE || git_tree_lookup(out, repo_, git_tree_entry_id(entry)) != 0)
+        return fail(error_kind::local, "no files of " + folder + " at " + (rev.empty() ? "HEAD" : rev));
+    return kelp::ok();
+}
+
+status git_store::files_at(const std::string& rev, const std::string& folder, std::vector<file_size>* files) {
     tree_ptr tree;
-    if (git_tree_lookup(tree.out(), repo_, git_tree_entry_id(entry)) != 0) return git_failure("reading a tree");
+    odb_ptr odb;
+    files->clear();
+    // A host not backed up yet has no files; a revision that is not there
+    // is an error.
+    git_oid head;
+    if (rev.empty() && git_reference_name_to_id(&head, repo_, "HEAD") != 0) return kelp::ok();
+    status st = folder_tree(rev, folder, tree.out());
+    if (!st) return st;
+    if (!tree) return kelp::ok();
+    if (git_repository_odb(odb.out(), repo_) != 0) return git_failure("reading the objects");
+    struct walk {
+        git_odb* odb;
+        std::vector<file_size>* files;
+    } w{odb, files};
+    // Sizes from the objects' headers: no file is read for its size.
     auto collect = [](const char* root_path, const git_tree_entry* e, void* payload) -> int {
-        if (git_tree_entry_type(e) == GIT_OBJECT_BLOB)
-            ((std::vector<std::string>*)payload)->push_back(std::string(root_path) + git_tree_entry_name(e));
+        walk* w = (walk*)payload;
+        if (git_tree_entry_type(e) != GIT_OBJECT_BLOB) return 0;
+        size_t size = 0;
+        git_object_t type;
+        if (git_odb_read_header(&size, &type, w->odb, git_tree_entry_id(e)) != 0) return -1;
+        w->files->push_back({std::string(root_path) + git_tree_entry_name(e), size});
         return 0;
     };
-    paths->clear();
-    if (git_tree_walk(tree, GIT_TREEWALK_PRE, collect, paths) != 0) return git_failure("listing files");
+    if (git_tree_walk(tree, GIT_TREEWALK_PRE, collect, &w) != 0) return git_failure("listing files");
+    return kelp::ok();
+}
+
+status git_store::read_files(const std::string& rev, const std::vector<std::string>& folders,
+                             const std::function<bool(const std::string&, const std::string&, std::string_view)>&
+                                 visit) {
+    tree_ptr root;
+    status st = resolve_tree(repo_, rev.empty() ? "HEAD" : rev, root.out());
+    if (!st) return st;
+    for (const std::string& folder : folders) {
+        const git_tree_entry* e = git_tree_entry_byname(root, folder.c_str());
+        tree_ptr tree;
+        if (!e || git_tree_entry_type(e) != GIT_OBJECT_TREE) continue;  // never backed up yet
+        if (git_tree_lookup(tree.out(), repo_, git_tree_entry_id(e)) != 0) return git_failure("reading a tree");
+        struct walk {
+            git_repository* repo;
+            const std::string& folder;
+            const std::function<bool(const std::string&, const std::string&, std::string_view)>& visit;
+            bool stopped = false;
+        } w{repo_, folder, visit};
+        auto each = [](const char* root_path, const git_tree_entry* e, void* payload) -> int {
+            walk* w = (walk*)payload;
+            owned<git_blob, git_blob_free> blob;
+            if (git_tree_entry_type(e) != GIT_OBJECT_BLOB ||
+                git_blob_lookup(blob.out(), w->repo, git_tree_entry_id(e)) != 0)
+                return 0;
+            std::string_view content((const char*)git_blob_rawcontent(blob), (size_t)git_blob_rawsize(blob));
+            w->stopped = !w->visit(w->folder, std::string(root_path) + git_tree_entry_name(e), content);
+            return w->stopped ? 1 : 0;
+        };
+        git_tree_walk(tree, GIT_TREEWALK_PRE, each, &w);
+        if (w.stopped) break;
+    }
+    return kelp::ok();
+}
+
+status git_store::changes(long long since, long long until, size_t max, json* out) {
+    *out = json::array();
+    walk_ptr walk;
+    if (git_revwalk_new(walk.out(), repo_) != 0) return git_failure("reading the history");
+    git_revwalk_sorting(walk, GIT_SORT_TIME);
+    if (git_revwalk_push_head(walk) != 0) return kelp::ok();  // no commit yet
+    git_oid id;
+    while (out->size() < max && git_revwalk_next(&id, walk) == 0) {
+        commit_ptr c;
+        tree_ptr tree, parent;
+        diff_ptr diff;
+        if (git_commit_lookup(c.out(), repo_, &id) != 0) return git_failure("reading a commit");
+        long long t = git_commit_time(c);
+        if (t < since) break;
+        if (t > until) continue;
+        status st = tree_of(repo_, id, tree.out());
+        if (st) st = parent_tree_of(c, parent.out());
+        if (st && git_diff_tree_to_tree(diff.out(), repo_, parent, tree, nullptr) != 0)
+            st = git_failure("comparing two backups");
+        if (!st) return st;
+        // One entry per host folder the commit changed.
+        std::map<std::string, json> hosts;
+        for (const json& f : changed_files(diff, "")) {
+            std::string path = f["path"];
+            size_t slash = path.find('/');
+            if (slash != std::string::npos)
+                hosts[path.substr(0, slash)].push_back({{"path", path.substr(slash + 1)}, {"status", f["status"]}});
+        }
+        const char* summary = git_commit_summary(c);
+        for (auto& [host, files] : hosts)
+            out->push_back({{"host", host}, {"rev", short_id(&id)}, {"time", t}, {"message", summary ? summary : ""},
+                            {"files", files}});
+    }
     return kelp::ok();
 }
 
@@ -479,19 +686,25 @@ status git_store::read_at(const std::string& rev, const std::string& path, std::
     return kelp::ok();
 }
 
-status git_store::push(const std::string& remote_url, const std::string& remote_branch) {
+status git_store::push(const std::string& remote_url, const std::string& remote_branch, const std::string& shown) {
+    if (git_repository_head_unborn(repo_) == 1) return kelp::ok();  // nothing committed yet
+    std::string path;
+    struct stat st;
+    if (local_path(remote_url, &path) && stat(path.c_str(), &st) != 0)
+        return fail(error_kind::local,
+                    "the push remote " + path + " does not exist: create it with git init --bare " + path);
     owned<git_reference, git_reference_free> head;
     if (git_repository_head(head.out(), repo_) != 0) return git_failure("finding the branch to push");
     std::string branch = git_reference_name(head);
     owned<git_remote, git_remote_free> remote;
     if (git_remote_create_anonymous(remote.out(), repo_, remote_url.c_str()) != 0)
-        return git_failure("pushing to " + remote_url);
+        return git_failure("pushing to " + shown);
     std::string refspec = branch + ":" + (remote_branch.empty() ? branch : "refs/heads/" + remote_branch);
     char* mappings[] = {refspec.data()};
     git_strarray refspecs = {mappings, 1};
     git_push_options options;
     git_push_options_init(&options, GIT_PUSH_OPTIONS_VERSION);
-    if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + remote_url);
+    if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + shown);
     return kelp::ok();
 }
 
@@ -587,7 +800,7 @@ status git_store::folders(std::vector<std::string>* out) {
     return kelp::ok();
 }
 
-status git_store::changes_between(double since, double until, size_t max, json* out) {
+status git_store::changes_between(double since, double until, const std::string& only, size_t max, json* out) {
     *out = json::array();
     status failed;
     status st = walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
@@ -598,17 +811,13 @@ status git_store::changes_between(double since, double until, size_t max, json* 
         for (size_t i = 0; i < git_tree_entrycount(tree) && out->size() < max; i++) {
             const git_tree_entry* e = git_tree_entry_byindex(tree, i);
             std::string folder = git_tree_entry_name(e);
-            if (git_tree_entry_type(e) != GIT_OBJECT_TREE || !folder_changed(tree, parent, folder)) continue;
+            if (git_tree_entry_type(e) != GIT_OBJECT_TREE || (!only.empty() && folder != only) ||
+                !folder_changed(tree, parent, folder))
+                continue;
             diff_ptr d;
             if (!(failed = folder_diff(repo_, parent, tree, folder, d.out()))) return false;
-            json files = json::array();
-            for (json f : changed_files(d)) {
-                std::string path = f["path"];
-                f["path"] = path.substr(folder.size() + 1);
-                files.push_back(f);
-            }
             out->push_back({{"host", folder}, {"rev", change.commit}, {"time", (long long)t},
-                            {"message", change.subject}, {"files", files}});
+                            {"message", change.subject}, {"files", changed_files(d, folder)}});
         }
         return out->size() < max;
     });

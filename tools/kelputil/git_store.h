@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "outcome.h"
@@ -28,42 +29,72 @@ public:
     // Without out, only says whether it could: nothing is made.
     static kelp::status open(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out);
 
-    // Where fetched folders wait for the commit: inside the git folder, so
-    // that the work tree never holds anything git would show.
-    std::string staging() const;
+    // The folder as given, and its git folder (ending in '/').
+    const std::string& dir() const { return dir_; }
+    std::string git_dir() const;
+    // Where one writer's fetched folders wait for the commit: inside the git
+    // folder, so that the work tree never holds anything git would show; one
+    // per writer ("" for fleet backup, "serve"), so that none clears
+    // another's.
+    std::string staging(const std::string& writer) const;
     // Brings a repository left by an interrupted or failed run back to its
-    // last commit: no staging, index and work tree as HEAD has them, and in
-    // the named folders nothing HEAD does not hold.
+    // last commit: index and work tree as HEAD has them, and in the named
+    // folders nothing HEAD does not hold. The writer's staging is its own
+    // to clear.
     kelp::status start_clean(const std::vector<std::string>& folders);
 
     // Replaces the top-level folders named in staged (name, staged folder)
     // with the staged ones and commits the result when it differs from the
     // last commit; only then are work tree and index brought to the new
     // commit. On any failure HEAD, index and work tree stay as they were.
+    // The staged folders are removed either way.
     // *changed: the folders that differ; message(changed) makes the
     // commit's message; *commit: the new commit's id, empty when nothing
     // changed.
+    // keep: entries of a host folder (e.g. "scripts") that this run did
+    // not fetch, kept as the last commit has them.
     kelp::status commit_staged(const std::vector<std::pair<std::string, std::string>>& staged,
+                               const std::vector<std::string>& keep,
                                const std::function<std::string(const std::vector<std::string>&)>& message,
                                std::vector<std::string>* changed, std::string* commit);
 
+    // Host folders of older versions (config.plain beside config/, and
+    // config/config/...) rewritten as today's in one commit saying so, by
+    // writer (a program's name); no host is asked. *hosts: those converted.
+    kelp::status convert_layout(const std::string& writer, std::vector<std::string>* hosts);
+
     // Fails, naming the repository, when no commit ever held folder.
     kelp::status require_folder(const std::string& folder);
-    // The commits that changed folder, newest first: id, date, subject, files.
+    // The commits that changed folder, newest first: commit (id), time
+    // (Unix seconds), subject, files (path within folder, status).
     kelp::status history(const std::string& folder, json* out);
     // The patch of folder between two revisions. Empty from: the change the
     // commit to made (empty to as well: the folder's last change); empty to
-    // alone: up to the latest commit.
+    // alone: up to the latest commit. *files as for history.
     kelp::status diff(const std::string& folder, const std::string& from, const std::string& to, std::string* patch,
                       json* files);
 
-    // For kelputil serve's API and --push: the files under folder at rev,
-    // one file's content at rev, and sending the current branch to remote
-    // (a path or URL) as a fast-forward, to remote_branch (empty: the same
-    // name).
-    kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<std::string>* paths);
+    // For kelputil serve's API and --push: the files under folder at rev
+    // (paths within folder), one file's content at rev (rev empty: HEAD),
+    // every file under each of folders read from one tree (visit returns
+    // false to stop; a folder never backed up is passed over), and sending
+    // the current branch to remote (a path or URL) as a fast-forward, to
+    // remote_branch (empty: the same name).
+    struct file_size {
+        std::string path;
+        size_t size;
+    };
+    kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<file_size>* files);
     kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
-    kelp::status push(const std::string& remote, const std::string& remote_branch);
+    // The commits from since to until (Unix seconds), newest first, one
+    // entry per host folder each changed: host, rev, time, message, files
+    // (paths within the host's folder); at most max entries.
+    kelp::status changes(long long since, long long until, size_t max, json* out);
+    kelp::status read_files(const std::string& rev, const std::vector<std::string>& folders,
+                            const std::function<bool(const std::string& folder, const std::string& path,
+                                                     std::string_view content)>& visit);
+    // shown: the remote as messages name it (without a password).
+    kelp::status push(const std::string& remote, const std::string& remote_branch, const std::string& shown);
 
     // For kelputil serve, which keeps git as the truth of what it backed up.
     struct folder_change {
@@ -83,12 +114,15 @@ public:
     std::string head_commit();
     // Every top-level folder of the last commit.
     kelp::status folders(std::vector<std::string>* out);
-    // Each commit made in [since, until] with the folders it changed and their
-    // files (paths inside the folder), newest first, at most max entries.
-    kelp::status changes_between(double since, double until, size_t max, json* out);
+    // Each commit made in [since, until] with the folders it changed (only
+    // that one, when given) and their files (paths inside the folder),
+    // newest first, at most max entries.
+    kelp::status changes_between(double since, double until, const std::string& only, size_t max, json* out);
 
 private:
-    kelp::status check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id);
+    kelp::status folder_tree(const std::string& rev, const std::string& folder, git_tree** out);
+    kelp::status check_out(const git_tree* old_tree, const git_tree* new_tree, const git_oid& commit_id,
+                           const git_oid* parent_id);
     git_store(git_repository* repo, const std::string& dir) : repo_(repo), dir_(dir) {}
     git_repository* repo_;
     std::string dir_;

@@ -20,12 +20,19 @@ const char* const script_files[] = {"cbq.scr", "fw.scr", "nat.scr", "dhcpd.conf"
 }  // namespace
 
 status system_error(const std::string& what, const std::string& path) {
-    return kelp::fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(errno));
+    int err = errno;
+    status st = kelp::fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(err));
+    st.code = err;
+    return st;
+}
+
+std::vector<std::string> kept_from_last(bool scripts) {
+    return scripts ? std::vector<std::string>{} : std::vector<std::string>{"scripts"};
 }
 
 status take_snapshot(const kelp::target& t, const std::string& folder, bool scripts, host_snapshot* out) {
     auto written = [&](status s) {
-        out->disk_failure = !s && s.kind == error_kind::local;
+        out->disk_failure = !s && s.kind == error_kind::local && is_disk_error(s.code);
         return s;
     };
     out->disk_failure = false;
@@ -36,10 +43,10 @@ status take_snapshot(const kelp::target& t, const std::string& folder, bool scri
         return kelp::fail(error_kind::protocol, "the device sent a bundle that does not verify: " + st.message);
     out->config_bytes = plain.size();
     if (!(st = written(write_new_file(folder + "/config.dat", bundle, 0600)))) return st;
-    if (!(st = written(write_new_file(folder + "/config.plain", plain, 0600)))) return st;
     bundle = bytes();  // a host's data is written out, not kept
     bool is_archive = false;
     if (!(st = written(extract_members(plain, folder + "/config", &is_archive)))) return st;
+    if (!is_archive && !(st = written(write_new_file(folder + "/config.plain", plain, 0600)))) return st;
     if (!scripts) return st;
     if (mkdir((folder + "/scripts").c_str(), 0700) != 0) return written(system_error("create", folder + "/scripts"));
     for (size_t i = 0; i < 4; i++) {

@@ -230,10 +230,14 @@ std::string expand(const std::string& pattern, std::vector<std::string>* out) {
     return "";
 }
 
+// Host names become folders of a backup and paths git is given: nothing
+// that climbs, hides, reads as an option or as a pattern (a host "r*" would
+// name every host starting with r), and short enough for any file system.
 bool valid_name(const std::string& name) {
-    // Host names become folders of a backup: nothing that climbs or hides.
-    if (name.empty() || name.size() > 255 || name[0] == '.' || name[0] == '-') return false;
-    return name.find_first_of("/\\ \t[]:=") == std::string::npos;
+    if (name.empty() || name.size() > 200 || name[0] == '.' || name[0] == '-') return false;
+    for (unsigned char c : name)
+        if (c < 0x20 || c == 0x7f) return false;
+    return name.find_first_of("/\\ \t[]*?:=") == std::string::npos;
 }
 
 // "name:port", the inventory shorthand for ansible_port, also after a range.
@@ -283,7 +287,9 @@ status host_line(parser& p, const std::string& group, const std::string& text) {
     std::string wrong = expand(pattern, &names);
     if (!wrong.empty()) return p.bad(wrong);
     for (const std::string& name : names) {
-        if (!valid_name(name)) return p.bad("'" + name + "' is not a usable host name");
+        if (!valid_name(name))
+            return p.bad("'" + name + "' is not a usable host name: it names a folder of the backups, so no '*', '?', "
+                         "'/', '\\', spaces or control characters, no '.' or '-' first, at most 200 bytes");
         if (!(st = check_address(p, name, vars))) return st;
         add_member(p, group, name, vars);
     }

@@ -8,8 +8,10 @@
 
 #include <algorithm>
 
+#include "archive_members.h"
 #include "files.h"
 #include "host_snapshot.h"
+#include "serve_log.h"
 
 using kelp::bytes;
 using kelp::error_kind;
@@ -32,26 +34,41 @@ status exclude_state_file(const std::string& dir, const std::string& state_file)
     return write_output(path, bytes(text.begin(), text.end()), 0644);
 }
 
-bool is_full_disk(const std::string& message) {
-    return message.find(strerror(ENOSPC)) != std::string::npos || message.find(strerror(EDQUOT)) != std::string::npos;
+bool unwritable(const status& st) {
+    return !st && st.kind == error_kind::local && (is_disk_error(st.code) || st.code == EACCES || st.code == EPERM);
+}
+
+// Where the API answers, for whoever is refused the repository.
+std::string api_address(const serve_options& o) {
+    std::string host = o.listen_host.find(':') != std::string::npos ? "[" + o.listen_host + "]" : o.listen_host;
+    return (o.tls_cert.empty() ? "http://" : "https://") + host + ":" + std::to_string(o.listen_port);
 }
 
 }  // namespace
 
-status backup_store::open(const std::string& dir, const std::string& state_file, const std::vector<std::string>& hosts,
+status backup_store::open(const serve_options& o, const std::string& state_file, const std::vector<std::string>& hosts,
                           std::unique_ptr<backup_store>* out) {
     auto store = std::make_unique<backup_store>();
-    store->dir_ = dir;
-    status st = git_store::open(dir, true, false, &store->git_);
+    store->dir_ = o.into;
+    store->scripts_ = o.scripts;
+    status st = git_store::open(o.into, true, false, &store->git_);
+    if (st) st = writer_lock::take(*store->git_, {"kelputil serve", api_address(o)}, &store->writer_);
+    std::vector<std::string> converted;
     if (st) st = store->git_->start_clean(hosts);
-    // Beside fleet backup's staging, which its commits clear: hosts of the
-    // service stage while others commit.
-    if (st) store->staging_ = store->git_->staging() + "-serve";
+    if (st) st = store->git_->convert_layout("kelputil serve", &converted);
+    if (st && !converted.empty())
+        log_event(o.into + ": " + std::to_string(converted.size()) +
+                  " host folders converted to one copy of each backup");
+    if (st) store->staging_ = store->git_->staging("serve");
     if (st) remove_tree(store->staging_);
     if (st && mkdir(store->staging_.c_str(), 0700) != 0) st = system_error("create", store->staging_);
-    if (st) st = exclude_state_file(dir, state_file);
+    if (st) st = exclude_state_file(o.into, state_file);
     if (st) *out = std::move(store);
     return st;
+}
+
+backup_store::~backup_store() {
+    if (writer_) remove_tree(staging_);
 }
 
 backup_result backup_store::back_up(const std::string& host, const kelp::target& t) {
@@ -59,22 +76,24 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
     std::string staged = staging_ + "/" + host + ".XXXXXX";
     if (!mkdtemp(staged.data())) {
         r.st = system_error("create a staging folder in", staging_);
+        r.repository_failure = true;
+        r.unwritable = unwritable(r.st);
         return r;
     }
     host_snapshot taken;
-    r.st = take_snapshot(t, staged, false, &taken);
+    r.st = take_snapshot(t, staged, scripts_, &taken);
     r.config_bytes = taken.config_bytes;
-    if (!r.st && taken.disk_failure) r.repository_failure = true, r.unwritable = is_full_disk(r.st.message);
+    r.repository_failure = !r.st && taken.disk_failure;
     std::lock_guard<std::mutex> hold(lock_);
     std::vector<std::string> changed;
     auto message = [&](const std::vector<std::string>&) {
         return "backup " + host + ": configuration changed\n\nby kelputil serve\n";
     };
     if (r.st) {
-        r.st = git_->commit_staged({{host, staged}}, message, &changed, &r.commit);
+        r.st = git_->commit_staged({{host, staged}}, kept_from_last(scripts_), message, &changed, &r.commit);
         r.repository_failure = !r.st;
-        r.unwritable = !r.st && is_full_disk(r.st.message);
     }
     remove_tree(staged);
+    r.unwritable = r.repository_failure && unwritable(r.st);
     return r;
 }

@@ -17,12 +17,14 @@ void service_health::repository_failed(const std::string& message, bool unwritab
     if (unwritable) f_.repository_writable = false;
 }
 
-void service_health::push_result(bool ok, double when) {
+void service_health::push_ok(double when) {
     std::lock_guard<std::mutex> hold(lock_);
-    if (ok)
-        f_.push_last_success = when;
-    else
-        f_.push_failures++;
+    f_.push_last_success = when;
+}
+
+void service_health::push_failed(const std::string&) {
+    std::lock_guard<std::mutex> hold(lock_);
+    f_.push_failures++;
 }
 
 void service_health::hook_result(const std::string& hook, bool ok) {

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "serve_push.h"
+
 class scheduler;
 
 // Commits that fail in a row before the service calls itself failing.
@@ -23,7 +25,7 @@ struct health_figures {
     std::map<std::string, long long> hook_failures;  // by hook: on-change, on-failure, on-recovery
 };
 
-class service_health {
+class service_health : public push_listener {
 public:
     explicit service_health(double started) { f_.reload_last_success = started; }
 
@@ -31,7 +33,8 @@ public:
     void repository_ok();
     // Writing it failed: unwritable for a full disk or missing permission.
     void repository_failed(const std::string& message, bool unwritable);
-    void push_result(bool ok, double when);
+    void push_ok(double when) override;
+    void push_failed(const std::string& message) override;
     void hook_result(const std::string& hook, bool ok);
     void reload_result(bool ok, double when);
     void stopping() { std::lock_guard<std::mutex> hold(lock_); stopping_ = true; }

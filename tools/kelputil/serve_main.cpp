@@ -5,6 +5,7 @@
 #include <git2.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <exception>
@@ -12,6 +13,7 @@
 #include "outcome.h"
 #include "serve_api.h"
 #include "serve_log.h"
+#include "serve_push.h"
 #include "serve_service.h"
 
 namespace {
@@ -65,6 +67,7 @@ int serve(const serve_options& o) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && strcmp(argv[1], "--internal-push") == 0) return run_push_child();
     try {
         serve_options o;
         int end = parse_serve_command_line(argc, argv, &o);

@@ -23,6 +23,7 @@ struct serve_line {
                  "kelputil serve"};
     serve_options& o;
     std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30", stop_timeout = "20",
+                push_timeout = "60",
                 token_file;
     bool tls = false;
     explicit serve_line(serve_options& opts) : o(opts) {}
@@ -68,9 +69,12 @@ void add_serve_options(serve_line& s) {
         ->type_name("DURATION");
     s.app.add_option("--stop-timeout", s.stop_timeout, "at a stop, how long backups in flight may take (default 20 s)")
         ->type_name("DURATION");
+    s.app.add_flag("--scripts", o.scripts, "also back up each host's four scripts");
     s.app.add_option("--push", o.push, "push to this git remote after each commit")->type_name("REMOTE");
     s.app.add_option("--push-branch", o.push_branch, "the remote's branch (default: the same as here)")
         ->type_name("BRANCH");
+    s.app.add_option("--push-timeout", s.push_timeout, "end a push after this long, and retry (default 60 s)")
+        ->type_name("DURATION");
 }
 
 // "127.0.0.1:8750", "[::1]:8750", ":8750" (every address).
@@ -124,6 +128,8 @@ std::string settle(serve_line& s) {
         wrong = duration_of("--hook-timeout", s.hook_timeout, timeout_min_ms, timeout_max_ms, &o.hook_timeout_ms);
     if (wrong.empty())
         wrong = duration_of("--stop-timeout", s.stop_timeout, 1000, timeout_max_ms, &o.stop_deadline_ms);
+    if (wrong.empty())
+        wrong = duration_of("--push-timeout", s.push_timeout, 1000, timeout_max_ms, &o.push_timeout_ms);
     if (wrong.empty() && s.tls && o.conn.plain) wrong = "--plain and --tls exclude each other";
     if (wrong.empty()) wrong = check_security(s);
     if (wrong.empty() && !s.token_file.empty()) wrong = read_token(s.token_file, &o.token);

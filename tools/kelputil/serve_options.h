@@ -18,7 +18,9 @@ struct serve_options {
     std::string tls_cert, tls_key;
     std::string on_change, on_failure, on_recovery;
     long long hook_timeout_ms = 30000;
+    bool scripts = false;  // also the four scripts of each host
     std::string push, push_branch;
+    long long push_timeout_ms = 60000;
     // How long a stop lets backups in flight finish: below systemd's
     // TimeoutStopSec=30 of the unit, with room for the commit and the exit.
     long long stop_deadline_ms = 20000;

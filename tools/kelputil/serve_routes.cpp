@@ -38,7 +38,7 @@ json history_json(const std::string& host, const json& entries) {
     json out = json::array();
     for (const json& e : entries) {
         out.push_back({{"rev", e["commit"]},
-                       {"time", e.contains("time") ? e["time"] : json(nullptr)},
+                       {"time", e["time"]},
                        {"message", e["subject"]},
                        {"files", files_in_host(host, e["files"])}});
     }
@@ -172,21 +172,14 @@ void get_diff(service& s, const httplib::Request& req, httplib::Response& res) {
 void get_file_list(service& s, const httplib::Request& req, httplib::Response& res) {
     host_state st;
     std::string rev = query(req, "rev");
-    std::vector<std::string> paths;
+    std::vector<git_store::file_size> sizes;
     if (!find_host(s, req, res, &st)) return;
     if (!plain_revision(rev)) return answer_error(res, 400, "rev is a commit id (or HEAD, HEAD~N)");
     json files = json::array();
     if (!st.last_commit.empty() || !rev.empty()) {
-        kelp::status r = s.store().read([&](git_store& git) { return git.files_at(rev, st.name, &paths); });
+        kelp::status r = s.store().read([&](git_store& git) { return git.files_at(rev, st.name, &sizes); });
         if (!r) return answer_error(res, 404, r.message);
-        s.store().read([&](git_store& git) {
-            for (const std::string& p : paths) {
-                std::string content;
-                git.read_at(rev, st.name + "/" + p, &content);
-                files.push_back({{"path", p}, {"size", content.size()}});
-            }
-            return 0;
-        });
+        for (const auto& f : sizes) files.push_back({{"path", f.path}, {"size", f.size}});
     }
     answer(res, 200, {{"host", st.name}, {"rev", rev.empty() ? "HEAD" : rev}, {"state", scheduler::verdict(st)},
                       {"files", files}});
@@ -256,9 +249,13 @@ void get_changes(service& s, const httplib::Request& req, httplib::Response& res
         !seconds_param(query(req, "until"), now, &until) || since > until)
         return answer_error(res, 400, "since and until are Unix seconds, since before until (default: the last 7 days)");
     json changes;
-    kelp::status r = s.store().read([&](git_store& git) { return git.changes_between(since, until, max_changes, &changes); });
+    std::string host = query(req, "host");
+    kelp::status r =
+        s.store().read([&](git_store& git) { return git.changes_between(since, until, host, max_changes, &changes); });
     if (!r) return answer_error(res, 500, r.message);
-    answer(res, 200, {{"since", (long long)since}, {"until", (long long)until}, {"changes", changes}});
+    json out = {{"since", (long long)since}, {"until", (long long)until}, {"changes", changes}};
+    if (!host.empty()) out["host"] = host;
+    answer(res, 200, out);
 }
 
 void get_page_file(service&, const httplib::Request& req, httplib::Response& res) {

@@ -59,13 +59,13 @@ kelp::status service::start() {
     kelp::status st = read_hosts(&hosts);
     std::vector<std::string> names;
     for (const inventory_host& h : hosts) names.push_back(h.name);
-    if (st) st = backup_store::open(o_.into, state_path(o_), names, &store_);
+    if (st) st = backup_store::open(o_, state_path(o_), names, &store_);
     if (st) st = state_db::open(state_path(o_), &db_, &note);
     if (st && !note.empty()) log_event(note);
     if (st) st = db_->load(&saved);
     if (st) st = take_truth_from_git(hosts, &saved, !note.empty());
     if (!st) return st;
-    if (!o_.push.empty()) push_ = std::make_unique<pusher>(*store_, o_.push, o_.push_branch);
+    if (!o_.push.empty()) push_ = std::make_unique<pusher>(o_, &health_);
     schedule_ = std::make_unique<scheduler>(
         o_.interval_ms / 1000.0, o_.jobs,
         [this](const inventory_host& h, const host_state& before) { return run_host(h, before); },

@@ -1,6 +1,5 @@
 #include "fleet.h"
 #include "fleet_backup.h"
-#include "git_store.h"
 #include "outcome.h"
 #include "store_command.h"
 
@@ -10,7 +9,7 @@ int run_store_command(const invocation& inv, char**) {
     if (cmd == "diff") return run_fleet_diff(inv);
     // A folder that cannot take the backups is refused before anyone is
     // asked for a password.
-    kelp::status st = inv.list_hosts ? kelp::ok() : git_store::open(inv.into, true, inv.init, nullptr);
+    kelp::status st = inv.list_hosts ? kelp::ok() : check_backup_target(inv);
     if (!st) {
         print_outcome(failure(st), inv.json, inv.quiet);
         return exit_status(st);
