@@ -45,6 +45,8 @@ void scheduler::set_hosts(const std::vector<inventory_host>& hosts, const std::m
     std::stable_sort(to_spread.begin(), to_spread.end(),
                      [](const entry* a, const entry* b) { return a->state.next_due < b->state.next_due; });
     for (size_t i = 0; i < to_spread.size(); i++) to_spread[i]->state.next_due = now + interval_ * i / to_spread.size();
+    for (const auto& [name, e] : hosts_)
+        if (!next.count(name)) waiters_.host_left(name);
     hosts_ = std::move(next);
     wake_.notify_all();
 }
@@ -58,6 +60,7 @@ void scheduler::start() {
 bool scheduler::stop(long long deadline_ms) {
     std::unique_lock<std::mutex> hold(lock_);
     stopping_ = true;
+    waiters_.stop();
     wake_.notify_all();
     bool all = done_.wait_for(hold, std::chrono::milliseconds(deadline_ms), [&] { return in_flight_ == 0; });
     std::vector<std::thread> workers = std::move(workers_);
@@ -152,6 +155,7 @@ void scheduler::finish(entry& e, double start, const host_run& r) {
     e.runs++;
     e.last = r;
     listener_(s, r);
+    waiters_.finished(e.host.name, e.runs, s, r);
     wake_.notify_all();
 }
 
@@ -185,6 +189,15 @@ bool scheduler::run_now(const std::string& name, long long* ticket) {
     if (!e.front) e.front = ++front_order_;
     wake_.notify_all();
     return true;
+}
+
+void scheduler::when_done(const std::string& name, long long ticket, run_waiter w) {
+    std::lock_guard<std::mutex> hold(lock_);
+    auto it = hosts_.find(name);
+    if (stopping_) return w(wait_end::stopping, {}, {});
+    if (it == hosts_.end()) return w(wait_end::host_left, {}, {});
+    if (it->second.runs >= ticket) return w(wait_end::finished, it->second.state, it->second.last);
+    waiters_.add(name, ticket, std::move(w));
 }
 
 bool scheduler::wait_for(const std::string& name, long long ticket, long long timeout_ms, host_state* out,

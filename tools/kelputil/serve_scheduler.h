@@ -14,6 +14,7 @@
 
 #include "inventory.h"
 #include "serve_state.h"
+#include "serve_waiters.h"
 
 // What one run of a host gives: an error, or the new commit (empty when
 // nothing changed) and the core report's lines.
@@ -54,6 +55,9 @@ public:
     // Puts the host at the front of the queue. *ticket: the run count that
     // will include this request. False when there is no such host.
     bool run_now(const std::string& name, long long* ticket);
+    // Calls w once when that run has finished (at once if it has), when the
+    // host leaves, or at stop; under the scheduler's lock (serve_waiters.h).
+    void when_done(const std::string& name, long long ticket, run_waiter w);
     // Waits for that run; false on time-out or when the host left.
     bool wait_for(const std::string& name, long long ticket, long long timeout_ms, host_state* out, host_run* r);
     // How far behind its due time the most overdue waiting host is, in s.
@@ -83,6 +87,7 @@ private:
     bool stopping_ = false, started_ = false;
     int in_flight_ = 0;
     long long front_order_ = 0;  // the last place given in the out-of-turn queue
+    run_waiters waiters_;
 };
 
 double now_seconds();
