@@ -24,7 +24,7 @@ if [[ ${1:-} != --inside ]]; then
   need=()
   for p in g++ cmake ninja-build pkg-config libmbedtls-dev libcrypt-dev libbenchmark-dev iperf3 socat \
     strace openssl binutils iproute2 util-linux python3 time libcli11-dev nlohmann-json3-dev libgit2-dev \
-    libarchive-dev bc libsqlite3-dev libcpp-httplib-dev curl; do
+    libarchive-dev bc libsqlite3-dev libmicrohttpd-dev zlib1g-dev curl; do
     dpkg-query -W -f='${db:Status-Abbrev}\n' "$p" 2>/dev/null | grep -q '^ii' || need+=("$p")
   done
   if ((${#need[@]})); then

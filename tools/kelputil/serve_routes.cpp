@@ -1,7 +1,8 @@
 #include "serve_routes.h"
 
-#include <httplib.h>
 #include <time.h>
+
+#include <regex>
 
 #include "serve_log.h"
 #include "serve_metrics.h"
@@ -35,7 +36,7 @@ json history_json(const json& entries) {
     return out;
 }
 
-std::string query(const httplib::Request& req, const char* key) {
+std::string query(const http_request& req, const char* key) {
     return req.has_param(key) ? req.get_param_value(key) : "";
 }
 
@@ -49,19 +50,19 @@ bool plain_revision(const std::string& rev) {
 }  // namespace
 
 // The host the path names, or a 404 answer.
-static bool find_host(service& s, const httplib::Request& req, httplib::Response& res, host_state* out) {
+static bool find_host(service& s, const http_request& req, http_answer& res, host_state* out) {
     if (s.schedule().find(req.matches[1], out)) return true;
     answer_error(res, 404, "no host " + std::string(req.matches[1]) + " is served");
     return false;
 }
 
-void answer(httplib::Response& res, int status, const json& body) {
+void answer(http_answer& res, int status, const json& body) {
     res.status = status;
     // A router's bytes that are not UTF-8 show as U+FFFD rather than fail the answer.
     res.set_content(body.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
 }
 
-void answer_error(httplib::Response& res, int status, const std::string& message) {
+void answer_error(http_answer& res, int status, const std::string& message) {
     answer(res, status, {{"error", message}});
 }
 
@@ -83,25 +84,25 @@ json host_json(const host_state& h) {
             {"firmware", text_or_null(h.firmware)}};
 }
 
-void get_healthz(service& s, const httplib::Request&, httplib::Response& res) {
+void get_healthz(service& s, const http_request&, http_answer& res) {
     if (s.schedule().running())
         res.set_content("ok\n", "text/plain");
     else
         answer_error(res, 503, "the scheduler is not running");
 }
 
-void get_metrics(service& s, const httplib::Request&, httplib::Response& res) {
+void get_metrics(service& s, const http_request&, http_answer& res) {
     res.set_content(metrics_text(s.schedule(), now_seconds(), s.options().interval_ms / 1000.0),
                     "text/plain; version=0.0.4");
 }
 
-void get_hosts(service& s, const httplib::Request&, httplib::Response& res) {
+void get_hosts(service& s, const http_request&, http_answer& res) {
     json hosts = json::array();
     for (const host_state& st : s.schedule().hosts()) hosts.push_back(host_json(st));
     answer(res, 200, {{"interval", s.options().interval_ms / 1000.0}, {"hosts", hosts}});
 }
 
-void get_host(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_host(service& s, const http_request& req, http_answer& res) {
     host_state st;
     if (!find_host(s, req, res, &st)) return;
     json history;
@@ -114,7 +115,7 @@ void get_host(service& s, const httplib::Request& req, httplib::Response& res) {
 
 // Without from and to: the host's last change, from the change before it
 // (the same patch as from the commit's parent, for this host's folder).
-void get_diff(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_diff(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::string from = query(req, "from"), to = query(req, "to"), patch;
     if (!find_host(s, req, res, &st)) return;
@@ -138,7 +139,7 @@ void get_diff(service& s, const httplib::Request& req, httplib::Response& res) {
     answer(res, 200, out);
 }
 
-void get_file_list(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_file_list(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::string rev = query(req, "rev");
     std::vector<std::string> paths;
@@ -158,7 +159,7 @@ void get_file_list(service& s, const httplib::Request& req, httplib::Response& r
     answer(res, 200, {{"host", st.name}, {"rev", rev.empty() ? "HEAD" : rev}, {"files", files}});
 }
 
-void get_file(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_file(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::string rev = query(req, "rev"), path = req.matches[2], content;
     if (!find_host(s, req, res, &st)) return;
@@ -169,28 +170,39 @@ void get_file(service& s, const httplib::Request& req, httplib::Response& res) {
     res.set_content(content, "application/octet-stream");
 }
 
-void post_backup(service& s, const httplib::Request& req, httplib::Response& res) {
+void post_backup(service& s, const http_request& req, http_answer& res) {
     std::string name = req.matches[1], wait = query(req, "wait");
-    long long ticket = 0;
+    long long ticket = 0, bound = 4LL * s.options().conn.timeout_ms + 30000;
     if (wait != "" && wait != "0" && wait != "1") return answer_error(res, 400, "wait is 0 or 1");
     if (!s.schedule().running()) return answer_error(res, 409, "the service is stopping");
-    if (!s.schedule().run_now(name, &ticket)) return answer_error(res, 404, "no host " + name + " is served");
+    // A place among the waiting clients first: without one, nothing is queued.
+    http_answer late;
+    answer_error(late, 504, name + "'s backup did not finish in " + seconds_text(bound / 1000.0));
+    std::shared_ptr<http_later> later = wait == "1" ? res.later(bound, late) : nullptr;
+    if (wait == "1" && !later) return;
+    if (!s.schedule().run_now(name, &ticket)) {
+        answer_error(res, 404, "no host " + name + " is served");
+        if (later) later->answer(res);
+        return;
+    }
     log_event(name + ": backup asked for through the API");
-    if (wait != "1") return answer(res, 202, {{"host", name}, {"queued", true}});
-    host_state st;
-    host_run r;
-    long long bound = 4LL * s.options().conn.timeout_ms + 30000;
-    if (!s.schedule().wait_for(name, ticket, bound, &st, &r))
-        return answer_error(res, 504, name + "'s backup did not finish in " + seconds_text(bound / 1000.0));
-    json out = host_json(st);
-    out["ok"] = r.error.empty();
-    out["changed"] = !r.commit.empty();
-    out["commit"] = text_or_null(r.commit);
-    out["message"] = !r.error.empty() ? r.error : r.commit.empty() ? "unchanged" : "changed";
-    answer(res, 200, out);
+    if (!later) return answer(res, 202, {{"host", name}, {"queued", true}});
+    s.schedule().when_done(name, ticket, [later, name](wait_end end, const host_state& st, const host_run& r) {
+        http_answer res;
+        if (end == wait_end::stopping) answer_error(res, 503, "the service is stopping");
+        if (end == wait_end::host_left) answer_error(res, 404, "no host " + name + " is served");
+        if (end != wait_end::finished) return later->answer(std::move(res));
+        json out = host_json(st);
+        out["ok"] = r.error.empty();
+        out["changed"] = !r.commit.empty();
+        out["commit"] = text_or_null(r.commit);
+        out["message"] = !r.error.empty() ? r.error : r.commit.empty() ? "unchanged" : "changed";
+        answer(res, 200, out);
+        later->answer(std::move(res));
+    });
 }
 
-void get_search(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_search(service& s, const http_request& req, http_answer& res) {
     std::string q = query(req, "q");
     if (q.empty()) return answer_error(res, 400, "search needs q=TEXT");
     std::vector<std::string> names;
@@ -199,7 +211,7 @@ void get_search(service& s, const httplib::Request& req, httplib::Response& res)
     answer(res, 200, {{"q", q}, {"matches", matches}});
 }
 
-void get_page_file(service&, const httplib::Request& req, httplib::Response& res) {
+void get_page_file(service&, const http_request& req, http_answer& res) {
     const web_asset* asset = find_web_asset(req.path);
     if (!asset) return answer_error(res, 404, "no such resource: " + req.path);
     for (const web_header& h : web_security_headers) res.set_header(h.name, h.value);
