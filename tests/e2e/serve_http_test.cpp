@@ -61,7 +61,8 @@ TEST_F(serve_http, answers_addresses_and_tls_files) {
          "curl -s http://127.0.0.1:8750/js/main.js > plain; grep -i '^content-encoding' h; gzip -dc < js | "
          "cmp - plain && echo same; curl -sI http://127.0.0.1:8750/ | head -1; curl -s -D - -o /dev/null -X DELETE " +
              api + "/hosts | grep -i '^allow'; curl -s -D - -o /dev/null " + api +
-             "/hosts/router1/backup | grep -i '^allow'; " + code_of("'" + api + "/hosts?x=" + std::string(9000, 'a') + "'") +
+             "/hosts/router1/backup | grep -i '^allow'; " +
+             code_of("'" + api + "/hosts?x=" + std::string(9000, 'a') + "'") +
              "head -c 70000 /dev/zero | " + code_of("--data-binary @- " + api + "/hosts/router1/backup") +
              code_of("http://127.0.0.1:8750/api/v2") + "kelputil serve -i $KELP_INVENTORY --into bk2",
          1, {"Content-Encoding: gzip", "same\nHTTP/1.1 200 OK", "Allow: GET, HEAD", "Allow: POST", "414 413 404 ",
@@ -71,8 +72,9 @@ TEST_F(serve_http, answers_addresses_and_tls_files) {
          "--listen '[::1]:8751' 2> log6 & until_in 'API on' log6; curl -s -g 'http://[::1]:8751/healthz'; "
          "grep -o 'API on .*' log6; kill $!",
          0, {"ok\nAPI on http://[::1]:8751"}},
-        {"for k in 1 2; do openssl req -x509 -newkey rsa:2048 -nodes -keyout k$k.pem -out c$k.pem -days 1 -subj /CN=kelp "
-         "2>/dev/null; done; kelputil serve -i $KELP_INVENTORY --into bk3 --tls-cert c1.pem --tls-key k2.pem",
+        {"for k in 1 2; do openssl req -x509 -newkey rsa:2048 -nodes -keyout k$k.pem -out c$k.pem -days 1 "
+         "-subj /CN=kelp 2>/dev/null; done; "
+         "kelputil serve -i $KELP_INVENTORY --into bk3 --tls-cert c1.pem --tls-key k2.pem",
          1, {"cannot serve HTTPS with --tls-cert c1.pem and --tls-key k2.pem: check that both are PEM and belong "
              "together"}},
     }, {"--fleet", "1"}, limit_ms);

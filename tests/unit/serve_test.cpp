@@ -1,6 +1,7 @@
 // kelputil serve's parts that need no router: the back-off, where hosts
 // fall in the interval at a start and a restart, the core report's lines,
-// which listening addresses count as loopback, and the metrics' labels.
+// which listening addresses count as loopback, the metrics' labels, and who
+// is told when a run ends.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include "serve_metrics.h"
 #include "serve_options.h"
 #include "serve_scheduler.h"
+#include "serve_waiters.h"
 
 namespace {
 
@@ -59,11 +61,46 @@ TEST(serve, runs_keep_each_hosts_place) {
     EXPECT_NEAR(st.next_due, now_seconds() + 3.75, 0.5);
     ASSERT_TRUE(s.run_now("b", &ticket) && s.wait_for("b", ticket, 5000, &st, &r));
     EXPECT_DOUBLE_EQ(st.next_due, start + 20);
+    wait_end told = wait_end::stopping;
+    s.when_done("b", ticket, [&](wait_end end, const host_state& h, const host_run&) {
+        told = end;
+        st = h;
+    });
+    EXPECT_EQ(told, wait_end::finished);  // at once: that run is over
+    EXPECT_EQ(st.attempts, 1);
     ASSERT_TRUE(s.find("a", &st));
     for (int i = 0; i < 100 && st.attempts == 0; i++) usleep(20000), s.find("a", &st);
     EXPECT_DOUBLE_EQ(st.next_due, start + 60);
     EXPECT_EQ(scheduler::verdict(st), "ok");
     s.stop(5000);
+}
+
+// Each waiter is told once: by the run it waits for or a later one, when
+// its host leaves, or at stop.
+TEST(serve, run_waiters_are_told_once) {
+    std::string told;
+    run_waiters w;
+    auto note = [&](const char* who) {
+        return [&told, who](wait_end end, const host_state&, const host_run&) {
+            told += std::string(who) + "=" + "FLS"[(int)end] + " ";
+        };
+    };
+    w.add("a", 2, note("a2"));
+    w.add("a", 3, note("a3"));
+    w.add("b", 1, note("b1"));
+    w.add("c", 1, note("c1"));
+    struct row { std::function<void()> event; const char* told; } rows[] = {
+        {[&] { w.finished("a", 1, {}, {}); }, ""},
+        {[&] { w.finished("a", 2, {}, {}); }, "a2=F "},
+        {[&] { w.host_left("b"); }, "a2=F b1=L "},
+        {[&] { w.finished("a", 2, {}, {}); }, "a2=F b1=L "},
+        {[&] { w.stop(); }, "a2=F b1=L a3=S c1=S "},
+        {[&] { w.stop(); }, "a2=F b1=L a3=S c1=S "},
+    };
+    for (const row& r : rows) {
+        r.event();
+        EXPECT_EQ(told, r.told);
+    }
 }
 
 TEST(serve, core_report_lines) {

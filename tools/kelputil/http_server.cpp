@@ -27,6 +27,7 @@ namespace {
 
 // Nothing the API reads comes in a body: a larger one is refused.
 constexpr size_t max_body = 64 << 10;
+constexpr const char* body_too_big = "the request body is over 64 KiB: this API reads none that large";
 // Longer addresses are refused as cpp-httplib did; libmicrohttpd itself
 // refuses a request line beyond its connection memory.
 constexpr size_t max_target = 8192;
@@ -110,8 +111,8 @@ struct http_server::core {
         a.set_content(message + "\n", "text/plain");
         return a;
     }
-    std::shared_ptr<http_later> defer(const std::shared_ptr<exchange>& ex, long long deadline_ms, http_answer on_deadline,
-                                      http_answer* refusal);
+    std::shared_ptr<http_later> defer(const std::shared_ptr<exchange>& ex, long long deadline_ms,
+                                      http_answer on_deadline, http_answer* refusal);
     void deliver(exchange& ex, http_answer a);
     void run(const std::shared_ptr<exchange>& ex);
     void work();
@@ -153,7 +154,8 @@ kelp::status open_listener(const std::string& host, int port, int* out) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     int gai = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
-    if (gai != 0) return fail(error_kind::local, "cannot listen on " + where + ": " + gai_strerror(gai) + " (--listen)");
+    if (gai != 0)
+        return fail(error_kind::local, "cannot listen on " + where + ": " + gai_strerror(gai) + " (--listen)");
     int err = 0;
     for (addrinfo* a = found; a; a = a->ai_next) {
         int fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
@@ -229,7 +231,8 @@ void free_body(void* body) { delete (std::string*)body; }
 
 MHD_Result send_answer(MHD_Connection* conn, http_answer& a) {
     auto* body = new std::string(std::move(a.body));
-    MHD_Response* r = MHD_create_response_from_buffer_with_free_callback_cls(body->size(), body->data(), free_body, body);
+    MHD_Response* r =
+        MHD_create_response_from_buffer_with_free_callback_cls(body->size(), body->data(), free_body, body);
     if (!r) {
         delete body;
         return MHD_NO;
@@ -302,7 +305,7 @@ bool answered_at_once(http_server::core& c, exchange& ex, http_answer* out) {
     if (c.stopping) return *out = c.error(503, "the service is stopping"), true;
     if (target_size(req) > max_target)
         return *out = c.error(414, "the address is longer than " + std::to_string(max_target) + " bytes"), true;
-    if (ex.body_too_big) return *out = c.error(413, "this API takes no request body"), true;
+    if (ex.body_too_big) return *out = c.error(413, body_too_big), true;
     if (c.cfg.before && c.cfg.before(req, *out)) return true;
     ex.route = route_for(c, req, out);
     if (!ex.route) return true;
@@ -320,9 +323,14 @@ MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const ch
         ex->conn = conn;
         read_head(conn, url, method, &ex->req);
         *slot = new std::shared_ptr<exchange>(ex);
-        std::lock_guard<std::mutex> hold(c->lock);
-        c->live++;
-        return MHD_YES;
+        {
+            std::lock_guard<std::mutex> hold(c->lock);
+            c->live++;
+        }
+        if (strtoull(ex->req.get_header_value("Content-Length").c_str(), nullptr, 10) <= max_body) return MHD_YES;
+        // Refused before it is read; libmicrohttpd then closes the connection.
+        http_answer big = c->error(413, body_too_big);
+        return send_answer(conn, big);
     }
     std::shared_ptr<exchange> ex = *(std::shared_ptr<exchange>*)*slot;
     if (*upload_size) {

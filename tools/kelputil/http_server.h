@@ -21,7 +21,9 @@ struct http_request {
     std::vector<std::string> matches;  // the route's pattern: [0] the whole path, then its groups
     std::map<std::string, std::string> params;  // the query, decoded
     struct no_case {
-        bool operator()(const std::string& a, const std::string& b) const { return strcasecmp(a.c_str(), b.c_str()) < 0; }
+        bool operator()(const std::string& a, const std::string& b) const {
+            return strcasecmp(a.c_str(), b.c_str()) < 0;
+        }
     };
     std::map<std::string, std::string, no_case> headers;
     std::string body;
