@@ -204,8 +204,9 @@ fi
 
 if part serve; then
 step "serve: $BENCH_SERVE simulated routers at --interval 60s for $BENCH_SERVE_SECONDS s"
+# The last router is silent: clients waiting for its backups load the API.
 PATH=$B/tools:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_SERVE" \
-  -- bash "$ROOT/bench/serve.sh" "$M" "$RAW" "$BENCH_SERVE_SECONDS"
+  --fault "silent:$BENCH_SERVE" -- bash "$ROOT/bench/serve.sh" "$M" "$RAW" "$BENCH_SERVE_SECONDS" "router$BENCH_SERVE"
 fi
 
 load
