@@ -454,7 +454,9 @@ void http_server::core::watch_deadlines() {
             deadline_moved.wait(hold);
             continue;
         }
-        if (deadline_moved.wait_until(hold, deadlines.begin()->first) == std::cv_status::no_timeout) continue;
+        // A copy: the entry may be gone when the wait reads the time again.
+        steady::time_point next = deadlines.begin()->first;
+        if (deadline_moved.wait_until(hold, next) == std::cv_status::no_timeout) continue;
         std::vector<std::shared_ptr<exchange>> due;
         for (auto it = deadlines.begin(); it != deadlines.end() && it->first <= steady::now();) {
             if (auto ex = it->second.lock()) due.push_back(ex), ++it;
