@@ -49,7 +49,9 @@ std::string http_request::get_header_value(const char* name) const {
 }
 
 std::shared_ptr<http_later> http_answer::later(long long deadline_ms, http_answer on_deadline) {
-    http_answer refusal;
+    http_answer refusal;  // the server's, or this on a quick route
+    refusal.status = 500;
+    refusal.set_content("internal error: this route cannot answer later\n", "text/plain");
     std::shared_ptr<http_later> handle = defer_ ? defer_(deadline_ms, std::move(on_deadline), &refusal) : nullptr;
     if (handle)
         deferred_ = true;

@@ -74,7 +74,8 @@ struct http_route {
     const char* pattern;  // ECMAScript regex over the whole path
     http_handler handler;
     // Answered on the network thread itself: only for answers made from
-    // memory in a moment, that neither wait nor read the disk.
+    // memory in a moment, that neither wait nor read the disk (nor answer
+    // later: later() is not offered there).
     bool quick = false;
 };
 

@@ -3,8 +3,6 @@
 #include "serve_log.h"
 #include "serve_routes.h"
 
-using nlohmann::json;
-
 namespace {
 
 // Only this process's tokens are compared: equal time whatever matches.
