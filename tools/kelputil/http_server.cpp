@@ -515,6 +515,13 @@ kelp::status http_server::start() {
     return kelp::ok();
 }
 
+int http_server::port() const {
+    sockaddr_storage a{};
+    socklen_t size = sizeof a;
+    if (getsockname(core_->listen_fd, (sockaddr*)&a, &size) != 0) return 0;
+    return ntohs(a.ss_family == AF_INET6 ? ((sockaddr_in6*)&a)->sin6_port : ((sockaddr_in*)&a)->sin_port);
+}
+
 void http_server::stop() {
     core& c = *core_;
     if (!c.daemon) return;

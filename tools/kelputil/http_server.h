@@ -100,6 +100,8 @@ public:
     ~http_server();
     // Listens (an error names --listen, or both TLS files) and serves.
     kelp::status start();
+    // The port listened on (the system's choice for port 0).
+    int port() const;
     // Takes no new connections, answers every waiting client with 503
     // "the service is stopping", lets the answers go out (a moment at
     // most) and closes the rest.
