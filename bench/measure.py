@@ -301,6 +301,8 @@ def table(args):
                      ("<=", 1.0)))
         rows.append(("  GET /metrics, 99th percentile, ms", get("serve", "metrics_p99_ms"), 50, "50 ms", "x",
                      ("<=", 1.0)))
+        rows.append(("  GET /healthz with 64 clients waiting on a silent router, 99th percentile, ms",
+                     get("serve", "healthz_waiting_p99_ms"), 100, "100 ms", "x", ("<=", 1.0)))
     rows.append(("Session plain (start..exit), ms", get("sess_plain", "wall_ms"), get("sess_true", "wall_ms"),
                  "/bin/true", "x", None))
     rows.append(("Session TLS (start..exit), ms", get("sess_tls", "wall_ms"), get("sess_openssl", "wall_ms"),

@@ -24,7 +24,7 @@ if [[ ${1:-} != --inside ]]; then
   need=()
   for p in g++ cmake ninja-build pkg-config libmbedtls-dev libcrypt-dev libbenchmark-dev iperf3 socat \
     strace openssl binutils iproute2 util-linux python3 time libcli11-dev nlohmann-json3-dev libgit2-dev \
-    libarchive-dev bc libsqlite3-dev libcpp-httplib-dev curl; do
+    libarchive-dev bc libsqlite3-dev libmicrohttpd-dev zlib1g-dev curl; do
     dpkg-query -W -f='${db:Status-Abbrev}\n' "$p" 2>/dev/null | grep -q '^ii' || need+=("$p")
   done
   if ((${#need[@]})); then
@@ -204,8 +204,9 @@ fi
 
 if part serve; then
 step "serve: $BENCH_SERVE simulated routers at --interval 60s for $BENCH_SERVE_SECONDS s"
+# The last router is silent: clients waiting for its backups load the API.
 PATH=$B/tools:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_SERVE" \
-  -- bash "$ROOT/bench/serve.sh" "$M" "$RAW" "$BENCH_SERVE_SECONDS"
+  --fault "silent:$BENCH_SERVE" -- bash "$ROOT/bench/serve.sh" "$M" "$RAW" "$BENCH_SERVE_SECONDS" "router$BENCH_SERVE"
 fi
 
 load

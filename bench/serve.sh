@@ -2,11 +2,13 @@
 # Runs inside kelp-router --fleet (bench/run.sh's "serve" part): kelputil
 # serve backs up every router once a minute for SECONDS; meanwhile /metrics is
 # read every second for the schedule's lag, and GET /api/v1/hosts and
-# /metrics are timed. Records go to $RAW through measure.py: the worst lag,
+# /metrics are timed. Then /healthz is timed while 64 clients wait for
+# backups of SILENT (a router that never answers) with wait=1, each asking
+# again once answered. Records go to $RAW through measure.py: the worst lag,
 # the service's peak RSS, its CPU time per backup attempt and the latencies.
-#   serve.sh MEASURE RAW SECONDS
+#   serve.sh MEASURE RAW SECONDS SILENT
 set -euo pipefail
-M=$1 RAW=$2 SECONDS_TO_RUN=$3
+M=$1 RAW=$2 SECONDS_TO_RUN=$3 SILENT=$4
 cd "$(mktemp -d /run/serve-bench.XXXXXX)"
 kelputil serve -i "$KELP_INVENTORY" --into bk --interval 60s --timeout 5 -j 16 2>log &
 pid=$!
@@ -23,6 +25,17 @@ for _ in $(seq "$SECONDS_TO_RUN"); do
   lag=$(awk -v a="$lag" -v b="${now:-0}" 'BEGIN {print (b > a ? b : a)}')
   curl -s -o /dev/null -w '%{time_total}\n' "$api/api/v1/hosts" | awk '{print $1 * 1000}' >>hosts_ms
 done
+touch waiting
+for _ in $(seq 64); do
+  (while [[ -e waiting ]]; do curl -s -o /dev/null -m 90 -d '' "$api/api/v1/hosts/$SILENT/backup?wait=1" || true; done) &
+done
+sleep 2
+: >healthz_ms
+for _ in $(seq 200); do
+  curl -s -o /dev/null -w '%{time_total}\n' "$api/healthz" | awk '{print $1 * 1000}' >>healthz_ms
+  sleep 0.02
+done
+rm waiting
 curl -s "$api/metrics" >metrics
 attempts=$(awk '/^kelputil_backup_attempts_total/ {s += $2} END {print s}' metrics)
 hwm=$(awk '/^VmHWM:/ {print $2}' /proc/$pid/status)
@@ -37,4 +50,5 @@ $M put "$RAW" serve attempts "$attempts"
 $M put "$RAW" serve cpu_ms_per_backup "$(echo "$ticks * 1000 / $(getconf CLK_TCK) / $attempts" | bc -l)"
 $M put "$RAW" serve hosts_p99_ms "$(p99 hosts_ms)"
 $M put "$RAW" serve metrics_p99_ms "$(p99 metrics_ms)"
+$M put "$RAW" serve healthz_waiting_p99_ms "$(p99 healthz_ms)"
 $M put "$RAW" serve_hosts count "$(grep -c ansible_host "$KELP_INVENTORY")"

@@ -17,7 +17,7 @@ foreign=()
   libcrypt-dev libgtest-dev iproute2 util-linux openssl binutils procps tar systemd
   dpkg-dev libcli11-dev nlohmann-json3-dev libgit2-dev libarchive-dev git scdoc python3-jsonschema
   man-db groff-base ansible-core chromium chromium-driver python3-selenium
-  libsqlite3-dev libcpp-httplib-dev curl jq prometheus python3-voluptuous pycodestyle yamllint)
+  libsqlite3-dev libmicrohttpd-dev zlib1g-dev curl jq prometheus python3-voluptuous pycodestyle yamllint)
 [[ $want == *" fuzz "* ]] && packages+=(clang libclang-rt-dev)
 [[ $want == *" bench "* ]] && packages+=(libbenchmark-dev iperf3 socat strace)
 for arch in s390x i386; do

@@ -2,7 +2,7 @@
 // interval on the monotonic clock, what counts as overdue, natural order,
 // the state file (old layouts, damage, attempts), the reports' facts,
 // which listening addresses count as loopback, the metrics' labels, and
-// hooks ended with their process groups.
+// who is told when a run ends, and hooks ended with their process groups.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <stdio.h>
@@ -18,6 +18,7 @@
 #include "serve_options.h"
 #include "serve_scheduler.h"
 #include "serve_state.h"
+#include "serve_waiters.h"
 
 namespace {
 
@@ -126,12 +127,42 @@ TEST(serve, runs_keep_each_hosts_place) {
     EXPECT_NEAR(st.next_due, now_seconds() + 7.5, 0.5);
     ASSERT_TRUE(s.run_now("b", &ticket) && s.wait_for("b", ticket, 5000, &st, &r));
     EXPECT_NEAR(st.next_due, start + 20, 0.5);
+    wait_end told = wait_end::stopping;
+    s.when_done("b", ticket, [&](wait_end end, const host_state& h, const host_run&) { told = end, st = h; });
+    EXPECT_EQ(told, wait_end::finished);  // at once: that run is over
+    EXPECT_EQ(st.attempts, 1);
     for (int i = 0; i < 100 && (s.find("a", &st), st.attempts == 0); i++) usleep(20000);
     EXPECT_NEAR(st.next_due, start + 60, 0.5);
     EXPECT_EQ(scheduler::verdict(st), "ok");
     s.stop(5000);
     std::sort(before.begin(), before.end());
     EXPECT_EQ(before, (std::vector<int>{0, 0, 0, 1}));
+}
+
+TEST(serve, run_waiters_are_told_once) {
+    std::string told;
+    run_waiters w;
+    auto note = [&](const char* who) {
+        return [&told, who](wait_end end, const host_state&, const host_run&) {
+            told += std::string(who) + "=" + "FLS"[(int)end] + " ";
+        };
+    };
+    w.add("a", 2, note("a2"));
+    w.add("a", 3, note("a3"));
+    w.add("b", 1, note("b1"));
+    w.add("c", 1, note("c1"));
+    struct row { std::function<void()> event; const char* told; } rows[] = {
+        {[&] { w.finished("a", 1, {}, {}); }, ""},
+        {[&] { w.finished("a", 2, {}, {}); }, "a2=F "},
+        {[&] { w.host_left("b"); }, "a2=F b1=L "},
+        {[&] { w.finished("a", 2, {}, {}); }, "a2=F b1=L "},
+        {[&] { w.stop(); }, "a2=F b1=L a3=S c1=S "},
+        {[&] { w.stop(); }, "a2=F b1=L a3=S c1=S "},
+    };
+    for (const row& r : rows) {
+        r.event();
+        EXPECT_EQ(told, r.told);
+    }
 }
 
 TEST(serve, state_keeps_every_field_by_name) {

@@ -5,25 +5,20 @@
 #pragma once
 
 #include <memory>
-#include <thread>
 
+#include "http_server.h"
 #include "serve_service.h"
-
-namespace httplib {
-class Server;
-}
 
 class api_server {
 public:
     explicit api_server(service& s);
     ~api_server();
-    // Binds the address (an error names it) and serves on a thread.
+    // Binds the address (an error names it) and serves.
     kelp::status start();
+    // Answers the clients still waiting (503) and closes the connections.
     void stop();
 
 private:
-    void add_routes();
     service& s_;
-    std::unique_ptr<httplib::Server> http_;
-    std::thread thread_;
+    std::unique_ptr<http_server> http_;
 };

@@ -50,13 +50,13 @@ int serve(const serve_options& o) {
     // A commit that returned is on disk: a power cut after it loses nothing.
     git_libgit2_opts(GIT_OPT_ENABLE_FSYNC_GITDIR, 1);
     service svc(o);
-    kelp::status st = svc.start();
+    kelp::status st = svc.open();
     if (!st) return start_failure(o, st);
+    // The API's address is checked before the first backup: a wrong
+    // --listen is said at once.
     api_server api(svc);
-    if (!(st = api.start())) {
-        svc.stop();
-        return start_failure(o, st);
-    }
+    if (!(st = api.start())) return start_failure(o, st);
+    svc.start();
     serve_until_stopped(svc, set);
     if (!svc.stop()) _exit(0);  // threads still in a host's time-out: nothing more to wait for
     api.stop();

@@ -22,7 +22,7 @@ struct serve_line {
     CLI::App app{"kelputil serve: back up every host of an inventory on a schedule, with an HTTP API and metrics",
                  "kelputil serve"};
     serve_options& o;
-    std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30", stop_timeout = "20",
+    std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30", stop_timeout = "10",
                 push_timeout = "60",
                 token_file;
     bool tls = false;
@@ -67,7 +67,7 @@ void add_serve_options(serve_line& s) {
         ->type_name("CMD");
     s.app.add_option("--hook-timeout", s.hook_timeout, "end a hook after this long (default 30 s)")
         ->type_name("DURATION");
-    s.app.add_option("--stop-timeout", s.stop_timeout, "at a stop, how long backups in flight may take (default 20 s)")
+    s.app.add_option("--stop-timeout", s.stop_timeout, "at a stop, how long backups in flight may take (default 10 s)")
         ->type_name("DURATION");
     s.app.add_flag("--scripts", o.scripts, "also back up each host's four scripts");
     s.app.add_option("--push", o.push, "push to this git remote after each commit")->type_name("REMOTE");

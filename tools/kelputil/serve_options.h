@@ -23,7 +23,7 @@ struct serve_options {
     long long push_timeout_ms = 60000;
     // How long a stop lets backups in flight finish: below systemd's
     // TimeoutStopSec=30 of the unit, with room for the commit and the exit.
-    long long stop_deadline_ms = 20000;
+    long long stop_deadline_ms = 10000;
 };
 
 // The longest one host's backup may take (a session per report, each

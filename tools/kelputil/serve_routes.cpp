@@ -1,7 +1,8 @@
 #include "serve_routes.h"
 
-#include <httplib.h>
 #include <time.h>
+
+#include <regex>
 
 #include "json_bytes.h"
 #include "serve_log.h"
@@ -53,7 +54,7 @@ bool seconds_param(const std::string& text, double fallback, double* out) {
     return *end == '\0' && *out >= 0;
 }
 
-std::string query(const httplib::Request& req, const char* key) {
+std::string query(const http_request& req, const char* key) {
     return req.has_param(key) ? req.get_param_value(key) : "";
 }
 
@@ -67,19 +68,19 @@ bool plain_revision(const std::string& rev) {
 }  // namespace
 
 // The host the path names, or a 404 answer.
-static bool find_host(service& s, const httplib::Request& req, httplib::Response& res, host_state* out) {
+static bool find_host(service& s, const http_request& req, http_answer& res, host_state* out) {
     if (s.schedule().find(req.matches[1], out)) return true;
     answer_error(res, 404, "no host " + std::string(req.matches[1]) + " is served");
     return false;
 }
 
-void answer(httplib::Response& res, int status, const json& body) {
+void answer(http_answer& res, int status, const json& body) {
     res.status = status;
     // A router's bytes that are not UTF-8 travel as kelputil --json gives them.
     res.set_content(printable(body).dump(), "application/json");
 }
 
-void answer_error(httplib::Response& res, int status, const std::string& message) {
+void answer_error(http_answer& res, int status, const std::string& message) {
     answer(res, status, {{"error", message}});
 }
 
@@ -107,18 +108,18 @@ static json host_json(service& s, const host_state& h) {
     return host_json(h, s.schedule().wall_now(), s.schedule().interval());
 }
 
-void get_healthz(service& s, const httplib::Request&, httplib::Response& res) {
+void get_healthz(service& s, const http_request&, http_answer& res) {
     std::vector<std::string> reasons = s.health().reasons(s.schedule(), s.options().into);
     if (reasons.empty()) return answer(res, 200, {{"status", "ok"}});
     answer(res, 503, {{"status", "failing"}, {"error", reasons[0]}, {"reasons", reasons}});
 }
 
-void get_metrics(service& s, const httplib::Request&, httplib::Response& res) {
+void get_metrics(service& s, const http_request&, http_answer& res) {
     res.set_content(metrics_text(s.schedule(), s.health().figures(), !s.options().push.empty()),
                     "text/plain; version=0.0.4");
 }
 
-void get_hosts(service& s, const httplib::Request&, httplib::Response& res) {
+void get_hosts(service& s, const http_request&, http_answer& res) {
     json hosts = json::array();
     for (const host_state& st : s.schedule().hosts()) hosts.push_back(host_json(s, st));
     json retired = json::array();
@@ -130,7 +131,7 @@ void get_hosts(service& s, const httplib::Request&, httplib::Response& res) {
                       {"retired", retired}});
 }
 
-void get_host(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_host(service& s, const http_request& req, http_answer& res) {
     host_state st;
     if (!find_host(s, req, res, &st)) return;
     json history;
@@ -143,7 +144,7 @@ void get_host(service& s, const httplib::Request& req, httplib::Response& res) {
 
 // Without from and to: the host's last change, from the change before it
 // (the same patch as from the commit's parent, for this host's folder).
-void get_diff(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_diff(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::string from = query(req, "from"), to = query(req, "to"), patch;
     if (!find_host(s, req, res, &st)) return;
@@ -169,7 +170,7 @@ void get_diff(service& s, const httplib::Request& req, httplib::Response& res) {
 }
 
 // A host never backed up has no files yet: an empty list with its state.
-void get_file_list(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_file_list(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::string rev = query(req, "rev");
     std::vector<git_store::file_size> sizes;
@@ -185,7 +186,7 @@ void get_file_list(service& s, const httplib::Request& req, httplib::Response& r
                       {"files", files}});
 }
 
-void get_file(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_file(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::string rev = query(req, "rev"), path = req.matches[2], content;
     if (!find_host(s, req, res, &st)) return;
@@ -196,28 +197,40 @@ void get_file(service& s, const httplib::Request& req, httplib::Response& res) {
     res.set_content(content, "application/octet-stream");
 }
 
-void post_backup(service& s, const httplib::Request& req, httplib::Response& res) {
+void post_backup(service& s, const http_request& req, http_answer& res) {
     std::string name = req.matches[1], wait = query(req, "wait");
-    long long ticket = 0;
+    long long ticket = 0, bound = run_bound_ms(s.options()) + s.options().conn.timeout_ms;
     if (wait != "" && wait != "0" && wait != "1") return answer_error(res, 400, "wait is 0 or 1");
     if (!s.schedule().running()) return answer_error(res, 409, "the service is stopping");
-    if (!s.schedule().run_now(name, &ticket)) return answer_error(res, 404, "no host " + name + " is served");
+    // A place among the waiting clients first: without one, nothing is queued.
+    http_answer late;
+    answer_error(late, 504, name + "'s backup did not finish in " + seconds_text(bound / 1000.0));
+    std::shared_ptr<http_later> later = wait == "1" ? res.later(bound, late) : nullptr;
+    if (wait == "1" && !later) return;
+    if (!s.schedule().run_now(name, &ticket)) {
+        answer_error(res, 404, "no host " + name + " is served");
+        if (later) later->answer(res);
+        return;
+    }
     log_event(name + ": backup asked for through the API");
-    if (wait != "1") return answer(res, 202, {{"host", name}, {"queued", true}});
-    host_state st;
-    host_run r;
-    long long bound = run_bound_ms(s.options()) + s.options().conn.timeout_ms;
-    if (!s.schedule().wait_for(name, ticket, bound, &st, &r))
-        return answer_error(res, 504, name + "'s backup did not finish in " + seconds_text(bound / 1000.0));
-    json out = host_json(s, st);
-    out["ok"] = r.error.empty();
-    out["changed"] = !r.commit.empty();
-    out["commit"] = text_or_null(r.commit);
-    out["message"] = !r.error.empty() ? r.error : r.commit.empty() ? "unchanged" : "changed";
-    answer(res, 200, out);
+    if (!later) return answer(res, 202, {{"host", name}, {"queued", true}});
+    double interval = s.schedule().interval();
+    s.schedule().when_done(name, ticket, [later, name, interval](wait_end end, const host_state& st, const host_run& r) {
+        http_answer res;
+        if (end == wait_end::stopping) answer_error(res, 503, "the service is stopping");
+        if (end == wait_end::host_left) answer_error(res, 404, "no host " + name + " is served");
+        if (end != wait_end::finished) return later->answer(std::move(res));
+        json out = host_json(st, now_seconds(), interval);
+        out["ok"] = r.error.empty();
+        out["changed"] = !r.commit.empty();
+        out["commit"] = text_or_null(r.commit);
+        out["message"] = !r.error.empty() ? r.error : r.commit.empty() ? "unchanged" : "changed";
+        answer(res, 200, out);
+        later->answer(std::move(res));
+    });
 }
 
-void get_search(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_search(service& s, const http_request& req, http_answer& res) {
     std::string q = query(req, "q");
     if (q.empty()) return answer_error(res, 400, "search needs q=TEXT");
     std::vector<std::string> names;
@@ -226,7 +239,7 @@ void get_search(service& s, const httplib::Request& req, httplib::Response& res)
     answer(res, 200, {{"q", q}, {"matches", matches}});
 }
 
-void get_attempts(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_attempts(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::vector<attempt> list;
     if (!find_host(s, req, res, &st)) return;
@@ -243,7 +256,7 @@ void get_attempts(service& s, const httplib::Request& req, httplib::Response& re
 }
 
 // Every host's commits in a time range, newest first.
-void get_changes(service& s, const httplib::Request& req, httplib::Response& res) {
+void get_changes(service& s, const http_request& req, http_answer& res) {
     double now = s.schedule().wall_now(), since = 0, until = 0;
     if (!seconds_param(query(req, "since"), now - 7 * 24 * 3600, &since) ||
         !seconds_param(query(req, "until"), now, &until) || since > until)
@@ -258,7 +271,7 @@ void get_changes(service& s, const httplib::Request& req, httplib::Response& res
     answer(res, 200, out);
 }
 
-void get_page_file(service&, const httplib::Request& req, httplib::Response& res) {
+void get_page_file(service&, const http_request& req, http_answer& res) {
     const web_asset* asset = find_web_asset(req.path);
     if (!asset) return answer_error(res, 404, "no such resource: " + req.path);
     for (const web_header& h : web_security_headers) res.set_header(h.name, h.value);

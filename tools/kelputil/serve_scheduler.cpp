@@ -69,8 +69,8 @@ void scheduler::set_hosts(const std::vector<inventory_host>& hosts, const std::m
     // The longest waiting first, each a step of interval / n later.
     std::stable_sort(to_spread.begin(), to_spread.end(), [](const entry* a, const entry* b) { return a->due < b->due; });
     for (size_t i = 0; i < to_spread.size(); i++) to_spread[i]->due = now + interval_ * i / to_spread.size();
-    for (auto& [name, e] : hosts_)
-        if (!next.count(name)) release_waiters(e, false);
+    for (const auto& [name, e] : hosts_)
+        if (!next.count(name)) waiters_.host_left(name);
     hosts_ = std::move(next);
     wake_.notify_all();
 }
@@ -84,7 +84,7 @@ void scheduler::start() {
 bool scheduler::stop(long long deadline_ms) {
     std::unique_lock<std::mutex> hold(lock_);
     stopping_ = true;
-    for (auto& [name, e] : hosts_) release_waiters(e, false);
+    waiters_.stop();
     wake_.notify_all();
     done_.notify_all();
     bool all = done_.wait_for(hold, std::chrono::milliseconds(deadline_ms), [&] { return in_flight_ == 0; });
@@ -194,15 +194,7 @@ void scheduler::finish(std::unique_lock<std::mutex>& hold, const std::string& na
     if (it == hosts_.end()) return;
     it->second.running = false;
     it->second.runs++;
-    for (auto w = it->second.waiters.begin(); w != it->second.waiters.end();) {
-        if (w->first > it->second.runs) {
-            ++w;
-            continue;
-        }
-        waiter call = std::move(w->second);
-        w = it->second.waiters.erase(w);
-        call(true, snapshot, r);
-    }
+    waiters_.finished(name, it->second.runs, snapshot, r);
     wake_.notify_all();
 }
 
@@ -213,12 +205,6 @@ host_state scheduler::shown(const entry& e) const {
     s.next_due = e.due + offset;
     s.since = std::max(e.since, started_mono_) + offset;
     return s;
-}
-
-void scheduler::release_waiters(entry& e, bool done) {
-    host_state s = shown(e);
-    for (auto& [ticket, w] : e.waiters) w(done, s, e.last);
-    e.waiters.clear();
 }
 
 std::vector<host_state> scheduler::hosts() const {
@@ -265,12 +251,13 @@ bool scheduler::run_now(const std::string& name, long long* ticket) {
     return true;
 }
 
-bool scheduler::when_done(const std::string& name, long long ticket, waiter w) {
+void scheduler::when_done(const std::string& name, long long ticket, run_waiter w) {
     std::lock_guard<std::mutex> hold(lock_);
     auto it = hosts_.find(name);
-    if (it == hosts_.end() || stopping_) return false;
-    it->second.waiters.emplace_back(ticket, std::move(w));
-    return true;
+    if (stopping_) return w(wait_end::stopping, {}, {});
+    if (it == hosts_.end()) return w(wait_end::host_left, {}, {});
+    if (it->second.runs >= ticket) return w(wait_end::finished, shown(it->second), it->second.last);
+    waiters_.add(name, ticket, std::move(w));
 }
 
 bool scheduler::wait_for(const std::string& name, long long ticket, long long timeout_ms, host_state* out,

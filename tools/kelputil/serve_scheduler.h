@@ -16,6 +16,7 @@
 #include "inventory.h"
 #include "natural_order.h"
 #include "serve_state.h"
+#include "serve_waiters.h"
 
 // What one run of a host gives: an error, or the new commit (empty when
 // nothing changed) and what the reports said.
@@ -79,13 +80,11 @@ public:
     // Puts the host at the front of the queue. *ticket: the run count that
     // will include this request. False when there is no such host.
     bool run_now(const std::string& name, long long* ticket);
+    // Calls w once when that run has finished (at once if it has), when the
+    // host leaves, or at stop; under the scheduler's lock (serve_waiters.h).
+    void when_done(const std::string& name, long long ticket, run_waiter w);
     // Waits for that run; false on time-out or when the host left.
     bool wait_for(const std::string& name, long long ticket, long long timeout_ms, host_state* out, host_run* r);
-    // Called once with the host's state and run when that run has finished,
-    // or with done false when the host left or the schedule stopped; called
-    // under the schedule's lock, so it only hands the answer on.
-    using waiter = std::function<void(bool done, const host_state& state, const host_run& r)>;
-    bool when_done(const std::string& name, long long ticket, waiter w);
 
     // How far behind its due time the most overdue host is, in s: a host
     // waiting for its turn, or one whose run outlives run_bound.
@@ -108,14 +107,12 @@ private:
         long long front = 0;  // when asked for out of turn: its place in that queue, else 0
         long long runs = 0;
         host_run last;
-        std::vector<std::pair<long long, waiter>> waiters;
     };
     void work();
     entry* pick(double now, double* wake);
     void finish(std::unique_lock<std::mutex>& hold, const std::string& name, double start, const host_run& r);
     host_state shown(const entry& e) const;
     double lag_of(const entry& e, double now) const;
-    void release_waiters(entry& e, bool done);
 
     double interval_;
     int jobs_;
@@ -131,4 +128,5 @@ private:
     bool stopping_ = false, started_ = false;
     int in_flight_ = 0;
     long long front_order_ = 0;  // the last place given in the out-of-turn queue
+    run_waiters waiters_;
 };

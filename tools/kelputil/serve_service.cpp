@@ -52,7 +52,7 @@ kelp::status service::read_hosts(std::vector<inventory_host>* out) {
     return kelp::ok();
 }
 
-kelp::status service::start() {
+kelp::status service::open() {
     std::vector<inventory_host> hosts;
     std::map<std::string, host_state> saved;
     std::string note;
@@ -65,7 +65,6 @@ kelp::status service::start() {
     if (st) st = db_->load(&saved);
     if (st) st = take_truth_from_git(hosts, &saved, !note.empty());
     if (!st) return st;
-    if (!o_.push.empty()) push_ = std::make_unique<pusher>(o_, &health_);
     schedule_ = std::make_unique<scheduler>(
         o_.interval_ms / 1000.0, o_.jobs,
         [this](const inventory_host& h, const host_state& before) { return run_host(h, before); },
@@ -73,15 +72,19 @@ kelp::status service::start() {
     schedule_->set_run_bound(run_bound_ms(o_) / 1000.0);
     schedule_->set_hosts(hosts, saved);
     find_retired(hosts);
-    schedule_->start();
     log_event("serving " + std::to_string(hosts.size()) + " hosts every " + seconds_text(o_.interval_ms / 1000.0) +
               " into " + o_.into);
+    return kelp::ok();
+}
+
+void service::start() {
+    if (!o_.push.empty()) push_ = std::make_unique<pusher>(o_, &health_);
+    schedule_->start();
     for (const auto& [name, change] : replay_) {
         host_state s;
         if (schedule_->find(name, &s)) run_change_hook(s, change.commit, change.time);
     }
     replay_.clear();
-    return kelp::ok();
 }
 
 // The state is a cache of what git holds: a crash between a commit and the

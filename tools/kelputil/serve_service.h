@@ -19,9 +19,12 @@ public:
     explicit service(const serve_options& o);
     ~service();
     // Opens the repository and the state, takes what git holds as the
-    // truth of each host's last change, reads the inventory and starts the
-    // schedule; change hooks that a crash left unrun run now.
-    kelp::status start();
+    // truth of each host's last change and reads the inventory: everything
+    // that can refuse to start, before anything is done.
+    kelp::status open();
+    // Starts the schedule (and the push); change hooks that a crash left
+    // unrun run now.
+    void start();
     // Reads the inventory and the password sources again: new hosts join,
     // removed ones leave, addresses change at once. A bad inventory changes
     // nothing.
