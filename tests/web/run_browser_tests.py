@@ -210,8 +210,9 @@ class Page(unittest.TestCase):
 
     def test_changes_in_a_range_link_to_each_diff(self):
         self.open('#/')
-        retired = self.b.find('main .retired a').get_attribute('href')[len(SERVE.url):]
+        retired = self.b.find('main .retired a[href^="#/changes"]').get_attribute('href')[len(SERVE.url):]
         first = get(SERVE.url + 'api/v1/hosts/router4')[1]['history'][-1]['rev']
+        gone = get(SERVE.url + f'api/v1/hosts/{GONE}')[1]['history'][0]['rev']
         day = lambda t: time.strftime('%Y-%m-%d', time.localtime(t))  # noqa: E731
         def shown():
             return self.b.js("""const c = document.querySelector('main .changes');
@@ -222,7 +223,7 @@ class Page(unittest.TestCase):
                 (day(time.time() - 86400), day(time.time()), '#/changes',
                  ['router4', f'#/hosts/router4/diff?to={first}'], None),
                 ('2001-01-01', '2001-01-31', '#/changes', None, None),
-                (None, None, retired, [GONE, None], GONE)]:
+                (None, None, retired, [GONE, f'#/hosts/{GONE}/diff?to={gone}'], GONE)]:
             with self.subTest(since=since, address=address):
                 self.open(address)
                 self.b.find('main table')
@@ -239,6 +240,12 @@ class Page(unittest.TestCase):
         self.b.find(f'main a[href="#/hosts/router4/diff?to={first}"]').click()
         self.b.find('main ins')
         self.assertEqual(self.b.heading(), 'router4: change')
+        # A host that left the inventory keeps its page: history and files, nothing to back up.
+        self.open(f'#/hosts/{GONE}')
+        self.b.find(f'main a[href="#/hosts/{GONE}/files/{FW}"]')
+        text = self.b.js("return document.querySelector('main').textContent")
+        state = dict(zip(self.b.texts('main dt'), self.b.texts('main dd')))['State']
+        self.assertEqual((state, 'Back up now' in text, 'Something went wrong' in text), ('retired', False, False))
 
     def test_search_finds_the_line_and_its_link_opens_the_file_at_it(self):
         from selenium.webdriver.common.keys import Keys

@@ -68,9 +68,20 @@ bool plain_revision(const std::string& rev) {
 }  // namespace
 
 // The host the path names, or a 404 answer.
-static bool find_host(service& s, const http_request& req, http_answer& res, host_state* out) {
-    if (s.schedule().find(req.matches[1], out)) return true;
-    answer_error(res, 404, "no host " + std::string(req.matches[1]) + " is served");
+// The host the path names, or a 404 answer. A host that left the inventory
+// can still be read (its files stay): with retired, it is found too.
+static bool find_host(service& s, const http_request& req, http_answer& res, host_state* out, bool retired = false) {
+    const std::string& name = req.matches[1];
+    if (s.schedule().find(name, out)) return true;
+    if (retired)
+        for (const auto& [folder, change] : s.retired_hosts()) {
+            if (folder != name) continue;
+            *out = host_state{};
+            out->name = name, out->retired = true;
+            out->last_commit = change.commit, out->last_change = change.time;
+            return true;
+        }
+    answer_error(res, 404, "no host " + name + " is served");
     return false;
 }
 
@@ -133,7 +144,7 @@ void get_hosts(service& s, const http_request&, http_answer& res) {
 
 void get_host(service& s, const http_request& req, http_answer& res) {
     host_state st;
-    if (!find_host(s, req, res, &st)) return;
+    if (!find_host(s, req, res, &st, true)) return;
     json history;
     kelp::status r = s.store().read([&](git_store& git) { return git.history(st.name, &history); });
     if (!r) return answer_error(res, 500, r.message);
@@ -147,7 +158,7 @@ void get_host(service& s, const http_request& req, http_answer& res) {
 void get_diff(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::string from = query(req, "from"), to = query(req, "to"), patch;
-    if (!find_host(s, req, res, &st)) return;
+    if (!find_host(s, req, res, &st, true)) return;
     if (!plain_revision(from) || !plain_revision(to))
         return answer_error(res, 400, "from and to are commit ids (or HEAD, HEAD~N)");
     json files, history;
@@ -174,7 +185,7 @@ void get_file_list(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::string rev = query(req, "rev");
     std::vector<git_store::file_size> sizes;
-    if (!find_host(s, req, res, &st)) return;
+    if (!find_host(s, req, res, &st, true)) return;
     if (!plain_revision(rev)) return answer_error(res, 400, "rev is a commit id (or HEAD, HEAD~N)");
     json files = json::array();
     if (!st.last_commit.empty() || !rev.empty()) {
@@ -189,7 +200,7 @@ void get_file_list(service& s, const http_request& req, http_answer& res) {
 void get_file(service& s, const http_request& req, http_answer& res) {
     host_state st;
     std::string rev = query(req, "rev"), path = req.matches[2], content;
-    if (!find_host(s, req, res, &st)) return;
+    if (!find_host(s, req, res, &st, true)) return;
     if (!plain_revision(rev) || path.find("..") != std::string::npos)
         return answer_error(res, 400, "rev is a commit id (or HEAD, HEAD~N); PATH a file of the host");
     kelp::status r = s.store().read([&](git_store& git) { return git.read_at(rev, st.name + "/" + path, &content); });

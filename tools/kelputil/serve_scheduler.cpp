@@ -31,6 +31,7 @@ double retry_delay(double interval, int failures) {
 }
 
 bool is_overdue(const host_state& h, double now, double interval) {
+    if (h.retired) return false;  // nobody backs it up any more
     return now - std::max(h.last_success, h.since) > 2 * interval;
 }
 
@@ -235,6 +236,7 @@ bool scheduler::update(const std::string& name, const std::function<void(host_st
 }
 
 std::string scheduler::verdict(const host_state& h) {
+    if (h.retired) return "retired";
     if (h.attempts == 0 && h.last_attempt == 0) return "pending";
     return h.consecutive_failures ? "failed" : "ok";
 }

@@ -75,7 +75,7 @@ public:
     // Changes a host's state outside a run (e.g. its hooked commit); false
     // when there is no such host. *out: the state after the change.
     bool update(const std::string& name, const std::function<void(host_state&)>& change, host_state* out);
-    // "ok", "failed" or "pending" (never tried yet).
+    // "ok", "failed", "pending" (never tried yet) or "retired" (not served).
     static std::string verdict(const host_state& h);
     // Puts the host at the front of the queue. *ticket: the run count that
     // will include this request. False when there is no such host.

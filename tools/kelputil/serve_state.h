@@ -30,6 +30,7 @@ struct host_state {
     double reports_time = 0;   // when model and firmware were last read
     double uptime = 0;         // the router's, as its report gave it then
     double since = 0;          // when it joined this run's schedule (not saved)
+    bool retired = false;      // no longer in the inventory: its files only (not saved)
 };
 
 // One backup attempt, as the host's list of attempts shows it.

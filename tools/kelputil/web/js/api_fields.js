@@ -19,7 +19,7 @@ export const paths = {
     `${API}/hosts/${enc(name)}/files/${path.split('/').map(enc).join('/')}` + query({ rev }),
   backup: (name) => `${API}/hosts/${enc(name)}/backup?wait=1`,
   search: (text) => `${API}/search` + query({ q: text }),
-  changes: (since, until) => `${API}/changes` + query({ since, until }),
+  changes: (since, until, host) => `${API}/changes` + query({ since, until, host }),
   health: () => 'healthz',
 };
 

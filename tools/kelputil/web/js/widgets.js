@@ -2,7 +2,7 @@
 import { el } from './dom.js';
 import { ago, exactTime, isoTime, now } from './time.js';
 
-const STATES = ['ok', 'failed', 'pending'];
+const STATES = ['ok', 'failed', 'pending', 'retired'];
 
 // The state as a word and a colour, never the colour alone.
 export function stateBadge(state) {

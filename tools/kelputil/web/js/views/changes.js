@@ -2,7 +2,7 @@
 // linking to its diff. The range is in the address (?since=DAY&until=DAY,
 // optionally &host=NAME); without one, the service's default: the last 7 days.
 import { request } from '../api.js';
-import { paths, fleetFromApi, changesFromApi } from '../api_fields.js';
+import { paths, changesFromApi } from '../api_fields.js';
 import { el, fill, heading } from '../dom.js';
 import { links } from '../route.js';
 import { day, dayStart, dayEnd } from '../time.js';
@@ -22,21 +22,17 @@ function rangeForm(params) {
   return { form, since, until };
 }
 
-// A host that left the inventory has no diff the service shows: its change
-// is named, not linked.
-function changeCell(c, served) {
-  const rev = el('code', {}, shortRev(c.rev));
-  if (!served.has(c.host)) return [rev, el('span', { class: 'muted' }, ' (host no longer served)')];
+function changeCell(c) {
   const label = `${c.host} change ${shortRev(c.rev)}`;
-  return el('a', { href: links.diff(c.host, undefined, c.rev), 'aria-label': label }, rev);
+  return el('a', { href: links.diff(c.host, undefined, c.rev), 'aria-label': label }, el('code', {}, shortRev(c.rev)));
 }
 
-function changeTable(list, served) {
+function changeTable(list) {
   if (!list.length) return el('p', {}, 'No change in this range.');
   const rows = list.map((c) => [
     when(c.time),
-    served.has(c.host) ? el('a', { href: links.host(c.host) }, c.host) : c.host,
-    changeCell(c, served),
+    el('a', { href: links.host(c.host) }, c.host),
+    changeCell(c),
     c.message,
     el('ul', { class: 'plain' }, c.files.map((f) => el('li', {}, fileName(f)))),
   ]);
@@ -59,13 +55,11 @@ export function renderChanges(view, route) {
     if (from !== null && to !== null && from > to) {
       return fill(body, el('p', { class: 'error' }, 'The range ends before it begins.'));
     }
-    const [fleet, answer] = await Promise.all([request(paths.hosts()), request(paths.changes(from, to))]);
-    const found = changesFromApi(answer);
+    const found = changesFromApi(await request(paths.changes(from, to, params.host)));
     // The inputs show the range the service used, defaults included.
     since.value = day(found.since);
     until.value = day(found.until);
-    const served = new Set(fleetFromApi(fleet).hosts.map((h) => h.name));
-    fill(body, changeTable(found.changes.filter((c) => !params.host || c.host === params.host), served));
+    fill(body, changeTable(found.changes));
   }
   return { ready: load() };
 }

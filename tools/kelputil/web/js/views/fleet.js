@@ -71,16 +71,16 @@ function countList(c) {
 }
 
 // Hosts that left the inventory: no longer backed up, their folders kept as
-// they were. The service answers for them only in its list of changes.
+// they were, and still readable: history, diffs and files.
 function retiredList(fleet) {
   if (!fleet.retired.length) return [];
-  const rows = fleet.retired.map((r) => el('li', {}, el('strong', {}, r.name), ' · last change ', when(r.lastChange),
+  const rows = fleet.retired.map((r) => el('li', {}, el('a', { href: links.host(r.name) }, el('strong', {}, r.name)),
+    ' · last change ', when(r.lastChange),
     r.lastCommit ? [' ', el('code', {}, shortRev(r.lastCommit))] : null,
     r.lastChange ? [' · ', el('a', { href: links.retired(r.name, r.lastChange) }, 'its changes')] : null));
   return [el('h2', {}, 'No longer in the inventory'),
     el('p', { class: 'muted' }, 'These hosts are not backed up any more. Their folders stay in the repository as ',
-      'their last backup left them; this page lists their changes but cannot show their files or diffs ',
-      '(git log and git show in the repository can).'),
+      'their last backup left them, with their history, diffs and files.'),
     el('ul', { class: 'plain retired' }, rows)];
 }
 

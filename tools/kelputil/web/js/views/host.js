@@ -92,16 +92,24 @@ export function renderHost(view, route, ctx) {
   const result = el('div', { role: 'status', 'aria-live': 'polite' });
   const problem = el('div');
   const button = el('button', { type: 'button', class: 'primary' }, 'Back up now');
+  const actions = el('div', {}, el('p', {}, button));
   let shownCommit;  // whose files the page shows: they are asked for again only after a change
 
   async function load() {
     const host = hostFromApi(await request(paths.host(name)));
     fill(problem);
     fill(about.node, details(host));
+    if (host.state === 'retired') {
+      // Not in the inventory any more: its files stay, nothing more is asked of it.
+      fill(actions, el('p', { class: 'muted' }, `${name} is not in the inventory any more: it is not backed up; `,
+        'its history and files stay.'));
+      fill(tried.node);
+    }
     redraw(past, JSON.stringify(host.history), () => history(host));
     const commit = host.lastCommit ?? '';
     await Promise.all([
-      settle(tried, request(paths.attempts(name)).then(attemptsFromApi), (list) => attempts(name, list)),
+      host.state !== 'retired' &&
+        settle(tried, request(paths.attempts(name)).then(attemptsFromApi), (list) => attempts(name, list)),
       shownCommit !== commit && settle(now, request(paths.files(name)).then(filesFromApi), (list) => files(name, list))
         .then((shown) => { if (shown) shownCommit = commit; }),
     ]);
@@ -122,7 +130,7 @@ export function renderHost(view, route, ctx) {
   });
 
   fill(view, el('nav', { class: 'crumbs', 'aria-label': 'Breadcrumb' }, el('a', { href: links.fleet() }, 'Fleet'), ' › '),
-    heading(name), el('p', {}, button), result, problem, about.node,
+    heading(name), actions, result, problem, about.node,
     el('h2', {}, 'Attempts'), tried.node, el('h2', {}, 'History'), past.node, el('h2', {}, 'Current files'), now.node);
   const refresh = () => load().catch((err) => {
     if (!view.isConnected) return;  // an answer for a page already left
