@@ -132,4 +132,27 @@ TEST_F(serve_faults, full_disk) {
     }, {"--fleet", "2"}, limit_ms);
 }
 
+// Bytes that are not UTF-8 travel as kelputil --json gives them; durations
+// have kelputil's bounds; searches, however many, never hold up a backup.
+TEST_F(serve_faults, bytes_bounds_and_searches_beside_backups) {
+    run_steps({
+        {"kelputil serve -i $KELP_INVENTORY --into bk --timeout 1000h", 1,
+         {"--timeout: '1000h' is out of range: 0.1 s to 3600 s"}},
+        {"cp $KELP_INVENTORY inv.ini; " + serve("--interval 2s") + "kelputil -q -H 198.18.0.3 get-script fw > fw.scr; "
+             "printf '# caf\\351 au lait\\n' >> fw.scr; kelputil -q -H 198.18.0.3 put-script fw fw.scr; "
+             "curl -s -d '' '" + api + "/hosts/router2/backup?wait=1' > /dev/null; curl -s " + api +
+             "/hosts/router2/diff | jq -r '.patch_base64 | @base64d' | grep -c 'caf.* au lait'; "
+             "curl -s '" + api + "/search?q=au+lait' | jq -r '.matches[0] | .text, .text_base64'",
+         0, {"1\n# café au lait\nIyBjYWbpIGF1IGxhaXQ=\n"}},
+        // Four clients searching without a pause for three intervals: every host still backed up in each.
+        {"for k in $(seq 25); do grep -c 'configuration being sent' /run/fleet/router$k/messages; done > before; "
+             "for c in 1 2 3 4; do (t=$(($(date +%s) + 6)); while [ $(date +%s) -lt $t ]; do "
+             "curl -s '" + api + "/search?q=iptables' > /dev/null; done) & done; sleep 6.5; wait; "
+             "for k in $(seq 25); do grep -c 'configuration being sent' /run/fleet/router$k/messages; done | "
+             "paste - before | awk '$1 - $2 >= 2 {n++} END {print n \" hosts kept their schedule\"}'; "
+             "curl -s " + health + " | jq -r .status; " + stop,
+         0, {"25 hosts kept their schedule\nok\n"}},
+    }, {"--fleet", "25"}, limit_ms);
+}
+
 }  // namespace
