@@ -322,14 +322,15 @@ deb)
   # option that any command's --help lists.
   man=$(gzip -dc "$root/usr/share/man/man1/kelputil.1.gz") || fail "the man page is not gzip"
   [[ $man == *'.TH "kelputil" "1" '*"\"kelputil $version\""* ]] || fail "the man page has no title line for kelputil $version"
-  page=$(MANWIDTH=100 timeout 20 man --warnings -l "$root/usr/share/man/man1/kelputil.1.gz" 2>"$work/man.err") ||
+  page=$(MANWIDTH=100 timeout 20 man --warnings --nh -l "$root/usr/share/man/man1/kelputil.1.gz" 2>"$work/man.err") ||
     fail "man cannot show the page: $(cat "$work/man.err")"
   [[ ! -s $work/man.err ]] || fail "man warns about the page: $(cat "$work/man.err")"
   for section in NAME SYNOPSIS DESCRIPTION 'GLOBAL OPTIONS' COMMANDS INVENTORY PATTERNS ENVIRONMENT FILES \
     'EXIT STATUS' EXAMPLES SECURITY; do
     grep -qx "$section" <<<"$page" || fail "the man page has no $section section"
   done
-  words=" $(tr -s '[:space:],[]/$' ' ' <<<"$page") "
+  # An option broken at one of its own hyphens at a line's end is one word.
+  words=" $(sed -z 's/-\n *\([a-z]\)/-\1/g' <<<"$page" | tr -s '[:space:],[]/$' ' ') "
   for word in check apply reboot backup restore get-script put-script report ppp hotspot kick-ppp kick-hotspot \
     kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack fleet history diff help \
     KELPUTIL_PASSWORD KELP_INVENTORY XDG_CONFIG_HOME HOME COLUMNS known_hosts '~regex' 'a:&b' 'a:!b' group[N] \
