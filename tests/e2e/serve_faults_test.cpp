@@ -114,6 +114,11 @@ TEST_F(serve_faults, stuck_schedule_and_hook_at_stop) {
              "awk '$3 <= 12 {print \"in time\"}'; for p in $(cat sleepers); do kill -0 $p 2>/dev/null && echo left $p; "
              "done; grep -c 'ended: the service is stopping' log",
          0, {"the schedule is stuck: router", "past its due time, more than one interval\n", "in time\n", "!left"}},
+        // The hook the stop ended runs again at the next start.
+        {serve("--interval 1h --on-change 'echo $KELPUTIL_HOST $KELPUTIL_COMMIT >> again'") +
+             "until_in router1 again; " + stop + "[ \"$(cut -d' ' -f2 again)\" = \"$(git -C bk log -1 --format=%h "
+             "--abbrev=10 -- router1/)\" ] && echo again",
+         0, {"again\n"}},
     }, {"--fleet", "3", "--fault", "silent:2", "--fault", "silent:3"}, limit_ms);
 }
 

@@ -65,10 +65,14 @@ TEST(serve, hosts_spread_over_the_interval_and_keep_their_place) {
     scheduler s = idle_schedule(60, c);
     std::map<std::string, host_state> saved;
     saved["b"].next_due = 1030;  // still ahead: kept
+    saved["b"].since = 500;      // in the schedule since before this start: overdue counts from then
     saved["c"].next_due = 990;   // overdue, longer than d: before it
     saved["d"].next_due = 995;   // never-run "a" goes first
     s.set_hosts({host("a"), host("b"), host("c"), host("d")}, saved);
     EXPECT_EQ(due_times(s), (std::map<std::string, double>{{"a", 1000}, {"b", 1030}, {"c", 1020}, {"d", 1040}}));
+    std::map<std::string, double> since;
+    for (const host_state& h : s.hosts()) since[h.name] = h.since;
+    EXPECT_EQ(since, (std::map<std::string, double>{{"a", 1000}, {"b", 500}, {"c", 1000}, {"d", 1000}}));
     // Read again: "e" joins over one interval, "a" leaves, the rest stay.
     c.mono += 10, c.wall += 10;
     s.set_hosts({host("b"), host("c"), host("d"), host("e")}, {});
@@ -288,13 +292,13 @@ TEST(serve, stop_ends_each_hook_with_its_group) {
     private_dir dir;
     std::string pids = dir.path + "/pids";
     hook_runner hooks(60000);
-    bool told = true;
-    hooks.start("test", "sleep 60 & echo $$ $! > " + pids + "; wait", {}, [&](bool ok) { told = ok; });
+    hook_runner::end told = hook_runner::end::ok;
+    hooks.start("test", "sleep 60 & echo $$ $! > " + pids + "; wait", {}, [&](hook_runner::end how) { told = how; });
     for (int i = 0; i < 200 && access(pids.c_str(), F_OK) != 0; i++) usleep(10000);
     auto began = std::chrono::steady_clock::now();
     hooks.stop(100);
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5));
-    EXPECT_FALSE(told);
+    EXPECT_EQ(told, hook_runner::end::stopped);  // to be run again at the next start
     int shell = 0, sleeper = 0;
     std::ifstream(pids) >> shell >> sleeper;
     ASSERT_GT(sleeper, 0);

@@ -57,14 +57,16 @@ void end_group(pid_t pid) {
 void hook_runner::start(const std::string& what, const std::string& command,
                         const std::map<std::string, std::string>& vars, done_fn done) {
     if (command.empty()) {
-        if (done) done(true);
+        if (done) done(end::ok);
         return;
     }
-    std::lock_guard<std::mutex> hold(lock_);
-    if (stopping_) return;
-    if (waiting_.size() >= max_waiting) {
-        log_event(what + ": the hook is not run: " + std::to_string(max_waiting) + " hooks are waiting already");
-        if (done) done(false);
+    std::unique_lock<std::mutex> hold(lock_);
+    if (stopping_ || waiting_.size() >= max_waiting) {
+        if (!stopping_)
+            log_event(what + ": the hook is not run: " + std::to_string(max_waiting) + " hooks are waiting already");
+        end how = stopping_ ? end::stopped : end::failed;
+        hold.unlock();
+        if (done) done(how);
         return;
     }
     waiting_.push_back({what, command, vars, std::move(done)});
@@ -82,19 +84,19 @@ void hook_runner::work() {
         waiting_.pop_front();
         busy_++;
         hold.unlock();
-        bool ok = run(j);
-        if (j.done) j.done(ok);
+        end how = run(j);
+        if (j.done) j.done(how);
         hold.lock();
         busy_--;
         ended_.notify_all();
     }
 }
 
-bool hook_runner::run(const job& j) {
+hook_runner::end hook_runner::run(const job& j) {
     pid_t pid = spawn(j.command, hook_environment(j.vars));
     if (pid < 0) {
         log_event(j.what + ": cannot start the hook: out of processes");
-        return false;
+        return end::failed;
     }
     int status = wait_bounded(pid);
     if (status == -1)
@@ -106,7 +108,8 @@ bool hook_runner::run(const job& j) {
         log_event(j.what + ": the hook failed with exit status " + std::to_string(WEXITSTATUS(status)));
     else if (WIFSIGNALED(status))
         log_event(j.what + ": the hook was killed by signal " + std::to_string(WTERMSIG(status)));
-    return status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (status == -2) return end::stopped;
+    return status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? end::ok : end::failed;
 }
 
 // The hook's status; -1 when it ran out of time, -2 when the service's stop
@@ -140,7 +143,12 @@ int hook_runner::wait_bounded(pid_t pid) {
 void hook_runner::stop(long long deadline_ms) {
     std::unique_lock<std::mutex> hold(lock_);
     stopping_ = true;
+    std::deque<job> dropped = std::move(waiting_);
     waiting_.clear();
+    hold.unlock();
+    for (job& j : dropped)
+        if (j.done) j.done(end::stopped);
+    hold.lock();
     wake_.notify_all();
     ended_.wait_for(hold, std::chrono::milliseconds(deadline_ms), [&] { return busy_ == 0; });
     ending_ = true;  // the hooks still running end with their groups

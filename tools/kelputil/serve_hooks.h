@@ -21,8 +21,11 @@
 
 class hook_runner {
 public:
-    // Told whether the hook ran and exited 0.
-    using done_fn = std::function<void(bool ok)>;
+    // How a hook ended: ran and exited 0, failed (or ran out of time, or
+    // could not start), or did not run to its end because the service
+    // stopped (and may run it again at its next start).
+    enum class end { ok, failed, stopped };
+    using done_fn = std::function<void(end how)>;
 
     explicit hook_runner(long long timeout_ms) : timeout_ms_(timeout_ms) {}
     ~hook_runner() { stop(0); }
@@ -32,7 +35,7 @@ public:
     void start(const std::string& what, const std::string& command, const std::map<std::string, std::string>& vars,
                done_fn done = {});
     // Hooks not yet started are dropped; running ones get until deadline_ms,
-    // then are ended with their process groups. Returns once every thread
+    // then are ended with their process groups; both are told `stopped`. Returns once every thread
     // of the runner has ended.
     void stop(long long deadline_ms);
 
@@ -43,7 +46,7 @@ private:
         done_fn done;
     };
     void work();
-    bool run(const job& j);
+    end run(const job& j);
     int wait_bounded(pid_t pid);
 
     long long timeout_ms_;

@@ -38,7 +38,6 @@ bool is_overdue(const host_state& h, double now, double interval) {
 scheduler::scheduler(double interval, int jobs, host_runner runner, run_listener listener, schedule_clock clock)
     : interval_(interval), jobs_(jobs), runner_(std::move(runner)), listener_(std::move(listener)),
       clock_(std::move(clock)) {
-    started_mono_ = clock_.monotonic();
     started_wall_ = clock_.wall();
 }
 
@@ -59,11 +58,11 @@ void scheduler::set_hosts(const std::vector<inventory_host>& hosts, const std::m
         }
         entry& e = next[h.name];
         e.host = h;
-        e.since = now;
         auto s = saved.find(h.name);
         if (s != saved.end()) e.state = s->second;
         e.state.name = h.name;
         e.state.address = address_of(h);
+        if (e.state.since == 0) e.state.since = wall;  // kept from then on, across restarts
         e.due = e.state.next_due > 0 ? e.state.next_due - wall + now : -HUGE_VAL;  // never run: first
         if (e.due <= now) to_spread.push_back(&e);
     }
@@ -204,7 +203,6 @@ host_state scheduler::shown(const entry& e) const {
     host_state s = e.state;
     double offset = clock_.wall() - clock_.monotonic();
     s.next_due = e.due + offset;
-    s.since = std::max(e.since, started_mono_) + offset;
     return s;
 }
 

@@ -47,8 +47,9 @@ double now_seconds();
 double retry_delay(double interval, int failures);
 
 // Overdue, the one definition the API, the page and the alert rule share:
-// no success within two intervals of the later of the service's start and
-// the host's arrival in the schedule (h.since).
+// no success within two intervals of the host's arrival in the schedule
+// (h.since: the service's first start on this state, or the host's
+// addition to the inventory; a restart keeps it, so it hides no outage).
 bool is_overdue(const host_state& h, double now, double interval);
 
 class scheduler {
@@ -101,7 +102,6 @@ private:
         inventory_host host;
         host_state state;
         double due = 0;       // monotonic
-        double since = 0;     // monotonic: when it joined (at the latest, the start)
         double run_start = 0; // monotonic, while running
         bool running = false;
         long long front = 0;  // when asked for out of turn: its place in that queue, else 0
@@ -120,7 +120,7 @@ private:
     run_listener listener_;
     schedule_clock clock_;
     double run_bound_ = 120;
-    double started_mono_ = 0, started_wall_ = 0;
+    double started_wall_ = 0;
     mutable std::mutex lock_;
     std::condition_variable wake_, done_;
     std::map<std::string, entry> hosts_;

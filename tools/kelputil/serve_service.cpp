@@ -232,15 +232,13 @@ void service::after_run(const host_state& s, const host_run& r, int failures_bef
         if (failures_before > 0) return;  // the streak's hook ran at its first failure
         vars["ERROR"] = r.error;
         vars["FAILURES"] = std::to_string(s.consecutive_failures);
-        hooks_.start(s.name + " on-failure", o_.on_failure, vars,
-                     [this](bool ok) { health_.hook_result("on-failure", ok); });
+        hooks_.start(s.name + " on-failure", o_.on_failure, vars, hook_counter("on-failure"));
         return;
     }
     if (failures_before > 0) {
         log_event(s.name + ": backed up again after " + std::to_string(failures_before) + " failures");
         vars["FAILURES"] = std::to_string(failures_before);
-        hooks_.start(s.name + " on-recovery", o_.on_recovery, vars,
-                     [this](bool ok) { health_.hook_result("on-recovery", ok); });
+        hooks_.start(s.name + " on-recovery", o_.on_recovery, vars, hook_counter("on-recovery"));
     }
     if (r.commit.empty()) {
         log_event(s.name + ": backed up, unchanged");
@@ -251,13 +249,23 @@ void service::after_run(const host_state& s, const host_run& r, int failures_bef
     if (push_) push_->notify();
 }
 
+// Counts a hook's failures for the metrics (a hook that is not set runs
+// nothing, and fails nothing).
+hook_runner::done_fn service::hook_counter(const std::string& hook) {
+    return [this, hook](hook_runner::end how) {
+        if (how != hook_runner::end::stopped) health_.hook_result(hook, how == hook_runner::end::ok);
+    };
+}
+
 void service::run_change_hook(const host_state& s, const std::string& commit, double time) {
     std::map<std::string, std::string> vars = {
         {"HOST", s.name}, {"ADDRESS", s.address}, {"COMMIT", commit}, {"TIME", time_text(time)}};
     std::string host = s.name;
-    hooks_.start(s.name + " on-change", o_.on_change, vars, [this, host, commit](bool ok) {
-        if (!o_.on_change.empty()) health_.hook_result("on-change", ok);
-        hooked(host, commit);
+    hook_runner::done_fn count = hook_counter("on-change");
+    hooks_.start(s.name + " on-change", o_.on_change, vars, [this, host, commit, count](hook_runner::end how) {
+        count(how);
+        // Run again at the next start if the stop cut it short.
+        if (how != hook_runner::end::stopped) hooked(host, commit);
     });
 }
 

@@ -35,7 +35,7 @@ const real_column real_columns[] = {
     {"last_attempt", &host_state::last_attempt}, {"last_success", &host_state::last_success},
     {"last_change", &host_state::last_change},   {"last_duration", &host_state::last_duration},
     {"next_due", &host_state::next_due},         {"reports_time", &host_state::reports_time},
-    {"uptime", &host_state::uptime},
+    {"uptime", &host_state::uptime},       {"since", &host_state::since},
 };
 const whole_column whole_columns[] = {{"attempts", &host_state::attempts}, {"failures", &host_state::failures}};
 const count_column count_columns[] = {{"consecutive_failures", &host_state::consecutive_failures}};
@@ -47,6 +47,7 @@ const char* const added_columns[] = {
     "UPDATE hosts SET hooked_commit = last_commit",
     "ALTER TABLE hosts ADD COLUMN reports_time REAL",
     "ALTER TABLE hosts ADD COLUMN uptime REAL",
+    "ALTER TABLE hosts ADD COLUMN since REAL",
 };
 
 const char attempts_table[] =

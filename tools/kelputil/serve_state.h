@@ -29,7 +29,7 @@ struct host_state {
     std::string model, firmware;
     double reports_time = 0;   // when model and firmware were last read
     double uptime = 0;         // the router's, as its report gave it then
-    double since = 0;          // when it joined this run's schedule (not saved)
+    double since = 0;          // when it joined the schedule, in this state's life
     bool retired = false;      // no longer in the inventory: its files only (not saved)
 };
 
