@@ -100,6 +100,10 @@ TEST_F(serve_faults, failure_streak_recovery_and_sighup) {
         // A key of the configuration file that does not exist.
         {"printf 'inventory = inv.ini\\nintervall = 1h\\n' > s.conf; kelputil serve --config s.conf --into bk", 1,
          {"s.conf:2: unknown key 'intervall' (did you mean 'interval'?)"}},
+        {"printf 'inventory = inv.ini\\n\\ninventory = b.ini\\n' > s.conf; kelputil serve --config s.conf --into bk; "
+             "kelputil serve --config s.conf --intervall 1h", 1,
+         {"s.conf:3: the key 'inventory' is given again (first on line 1)",
+          "unknown option --intervall (did you mean --interval?)"}},
     }, {"--fleet", "2"}, limit_ms);
 }
 
@@ -127,13 +131,15 @@ TEST_F(serve_faults, stuck_schedule_and_hook_at_stop) {
 TEST_F(serve_faults, full_disk) {
     run_steps({
         {"cp $KELP_INVENTORY inv.ini; mkdir bk && mount -t tmpfs -o size=1200k tmpfs bk && " +
-             serve("--interval 2s") + until_json(api + "/hosts", "[.hosts[].state] == [\"ok\",\"ok\"]") +
+             serve("--interval 2s --on-failure 'echo $KELPUTIL_HOST >> paged'") +
+             until_json(api + "/hosts", "[.hosts[].state] == [\"ok\",\"ok\"]") +
              "head -c 2M /dev/zero > bk/filler 2>/dev/null; " + change_router("1") + change_router("2") +
              until_json(health, ".status == \"failing\"") + "curl -s " + health + " | jq -r .error; "
              "curl -s http://127.0.0.1:8750/metrics | grep '^kelputil_repository_writable'; rm bk/filler; " +
              until_json(health, ".status == \"ok\"") + "curl -s " + health + " | jq -r .status; " + stop +
-             "git -C bk status --porcelain; git -C bk fsck && echo fsck clean; umount bk",
-         0, {"cannot write the backups in bk: ", "kelputil_repository_writable 0\nok\nfsck clean"}},
+             "git -C bk status --porcelain; git -C bk fsck && echo fsck clean; umount bk; [ -e paged ] || echo nobody paged",
+         0, {"cannot write the backups in bk: ", "kelputil_repository_writable 0\nok\nfsck clean",
+             "nobody paged"}},
     }, {"--fleet", "2"}, limit_ms);
 }
 

@@ -171,6 +171,16 @@ TEST_F(serve, config_file_and_push) {
          "echo $! > pid; until_in 'trying again' push.log; until_in 'router2: backed up' push.log; " + stop_serve +
              "cat push.log", 0, {"the push remote missing.git does not exist: create it with git init --bare "
                                  "missing.git; trying again in 5 s", "router1: backed up, changed"}},
+        // A remote that takes the pack and refuses the branch (its pre-receive hook says no).
+        {"git init -q --bare no.git && printf '#!/bin/sh\\nexit 1\\n' > no.git/hooks/pre-receive && "
+         "chmod +x no.git/hooks/pre-receive; git daemon --base-path=. --export-all --enable=receive-pack "
+         "--listen=127.0.0.1 --port=9418 2>/dev/null & d=$!; sleep 0.5; kelputil serve -i $KELP_INVENTORY --into bk7 "
+         "--interval 2s --push git://127.0.0.1:9418/no.git --listen 127.0.0.1:8755 2> no.log & echo $! > pid; "
+         "until_in 'refused' no.log; curl -s http://127.0.0.1:8755/metrics | grep -E '^kelputil_push_(failures_total|"
+         "last_success_timestamp_seconds) '; " + stop_serve + "kill $d; grep -o 'refused refs/heads/[a-z]*: .*;' no.log "
+         "| head -1",
+         0, {"kelputil_push_last_success_timestamp_seconds 0\nkelputil_push_failures_total 1",
+             "refused refs/heads/master: pre-receive hook declined;"}},
         // No prompt: a systemd credential, or a host that fails saying what to set.
         {"mkdir -m 700 creds; echo pw > creds/password; chmod 600 creds/password; "
          "env -u KELPUTIL_PASSWORD CREDENTIALS_DIRECTORY=$PWD/creds kelputil serve -i $KELP_INVENTORY --into bk4 "

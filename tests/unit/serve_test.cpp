@@ -68,15 +68,17 @@ TEST(serve, hosts_spread_over_the_interval_and_keep_their_place) {
     saved["b"].since = 500;      // in the schedule since before this start: overdue counts from then
     saved["c"].next_due = 990;   // overdue, longer than d: before it
     saved["d"].next_due = 995;   // never-run "a" goes first
-    s.set_hosts({host("a"), host("b"), host("c"), host("d")}, saved);
-    EXPECT_EQ(due_times(s), (std::map<std::string, double>{{"a", 1000}, {"b", 1030}, {"c", 1020}, {"d", 1040}}));
+    saved["f"].next_due = 4600;  // an hour ahead, from a longer --interval: due now, after d
+    s.set_hosts({host("a"), host("b"), host("c"), host("d"), host("f")}, saved);
+    EXPECT_EQ(due_times(s),
+              (std::map<std::string, double>{{"a", 1000}, {"b", 1030}, {"c", 1015}, {"d", 1030}, {"f", 1045}}));
     std::map<std::string, double> since;
     for (const host_state& h : s.hosts()) since[h.name] = h.since;
-    EXPECT_EQ(since, (std::map<std::string, double>{{"a", 1000}, {"b", 500}, {"c", 1000}, {"d", 1000}}));
-    // Read again: "e" joins over one interval, "a" leaves, the rest stay.
+    EXPECT_EQ(since, (std::map<std::string, double>{{"a", 1000}, {"b", 500}, {"c", 1000}, {"d", 1000}, {"f", 1000}}));
+    // Read again: "e" joins over one interval, "a" and "f" leave, the rest stay.
     c.mono += 10, c.wall += 10;
     s.set_hosts({host("b"), host("c"), host("d"), host("e")}, {});
-    EXPECT_EQ(due_times(s), (std::map<std::string, double>{{"b", 1030}, {"c", 1020}, {"d", 1040}, {"e", 1010}}));
+    EXPECT_EQ(due_times(s), (std::map<std::string, double>{{"b", 1030}, {"c", 1015}, {"d", 1030}, {"e", 1010}}));
     // The wall clock stepped back an hour: due times stay where the monotonic
     // clock has them, and show an hour earlier.
     c.mono += 2, c.wall += 2 - 3600;
@@ -177,6 +179,7 @@ TEST(serve, state_keeps_every_field_by_name) {
     h.name = "r1", h.address = "a", h.last_commit = "abc", h.hooked_commit = "abb", h.model = "m", h.firmware = "f";
     h.last_attempt = 1, h.last_success = 2, h.last_change = 3, h.last_duration = 4, h.next_due = 5, h.reports_time = 6;
     h.uptime = 7, h.consecutive_failures = 8, h.attempts = 9, h.failures = 10, h.last_error = "e";
+    h.since = 11, h.failure_hooked = true;
     ASSERT_TRUE(state_db::open(dir.path + "/s.db", &db, &note));
     for (int i = 0; i < state_db::max_attempts + 5; i++) {
         attempt a{(double)i, 0.5, "unchanged", "", ""};
@@ -192,8 +195,8 @@ TEST(serve, state_keeps_every_field_by_name) {
               std::tie(h.address, h.last_commit, h.hooked_commit, h.model, h.firmware, h.last_error));
     EXPECT_EQ(std::vector<double>({g.last_attempt, g.last_success, g.last_change, g.last_duration, g.next_due,
                                    g.reports_time, g.uptime, (double)g.consecutive_failures, (double)g.attempts,
-                                   (double)g.failures}),
-              std::vector<double>({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+                                   (double)g.failures, g.since, (double)g.failure_hooked}),
+              std::vector<double>({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 1}));
     ASSERT_EQ(list.size(), (size_t)state_db::max_attempts);
     EXPECT_EQ(list.front().time, state_db::max_attempts + 4);  // the newest first
 }
@@ -220,6 +223,14 @@ TEST(serve, state_of_the_first_layout_is_brought_up) {
     EXPECT_EQ(loaded["r1"].hooked_commit, "c0ffee");
     EXPECT_EQ(loaded["r1"].attempts, 4);
     EXPECT_EQ(loaded["r1"].next_due, 99);
+    // A newer kelputil's file is refused, not taken for damaged.
+    db.reset();
+    ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw, "PRAGMA user_version = 99", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(raw);
+    kelp::status st = state_db::open(path, &db, &note);
+    EXPECT_NE(st.message.find("written by a newer kelputil"), std::string::npos) << st.message;
+    EXPECT_EQ(system(("ls " + path + ".damaged-* 2> /dev/null").c_str()), 512);
 }
 
 TEST(serve, damaged_state_is_moved_aside) {

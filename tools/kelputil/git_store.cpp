@@ -126,13 +126,13 @@ json changed_files(git_diff* diff, const std::string& folder) {
 }
 
 // The commit ids, newest first, whose folder differs from their parent's.
-status changes_of(git_repository* repo, const std::string& folder, std::vector<git_oid>* out) {
+status changes_of(git_repository* repo, const std::string& folder, std::vector<git_oid>* out, size_t max = SIZE_MAX) {
     walk_ptr walk;
     if (git_revwalk_new(walk.out(), repo) != 0) return git_failure("reading the history");
     git_revwalk_sorting(walk, GIT_SORT_TIME);
     if (git_revwalk_push_head(walk) != 0) return kelp::ok();  // no commit yet
     git_oid id;
-    while (git_revwalk_next(&id, walk) == 0) {
+    while (out->size() < max && git_revwalk_next(&id, walk) == 0) {
         commit_ptr c;
         tree_ptr tree, parent;
         if (git_commit_lookup(c.out(), repo, &id) != 0) return git_failure("reading a commit");
@@ -388,11 +388,12 @@ status git_store::start_clean(const std::vector<std::string>& folders) {
     std::vector<std::string> paths = folders;
     std::vector<char*> pointers;
     for (std::string& f : paths) pointers.push_back(f.data());
-    git_checkout_options everything = checkout_options(nullptr), hosts = checkout_options(nullptr);
+    // Only they: whatever else the operator keeps in the repository, edited
+    // or not, is left as it is.
+    git_checkout_options hosts = checkout_options(nullptr);
     hosts.checkout_strategy |= GIT_CHECKOUT_REMOVE_UNTRACKED | GIT_CHECKOUT_DISABLE_PATHSPEC_MATCH;
     hosts.paths = {pointers.data(), pointers.size()};
-    if (git_checkout_tree(repo_, (const git_object*)head.p, &everything) != 0 ||
-        (!paths.empty() && git_checkout_tree(repo_, (const git_object*)head.p, &hosts) != 0))
+    if (!paths.empty() && git_checkout_tree(repo_, (const git_object*)head.p, &hosts) != 0)
         return git_failure("restoring " + dir_ + " to its last commit");
     return kelp::ok();
 }
@@ -504,9 +505,9 @@ status git_store::require_folder(const std::string& folder) {
     return st;
 }
 
-status git_store::history(const std::string& folder, json* out) {
+status git_store::history(const std::string& folder, json* out, size_t max) {
     std::vector<git_oid> ids;
-    status st = changes_of(repo_, folder, &ids);
+    status st = changes_of(repo_, folder, &ids, max);
     if (!st) return st;
     *out = json::array();
     for (const git_oid& id : ids) {
@@ -640,42 +641,6 @@ status git_store::read_files(const std::string& rev, const std::vector<std::stri
     return kelp::ok();
 }
 
-status git_store::changes(long long since, long long until, size_t max, json* out) {
-    *out = json::array();
-    walk_ptr walk;
-    if (git_revwalk_new(walk.out(), repo_) != 0) return git_failure("reading the history");
-    git_revwalk_sorting(walk, GIT_SORT_TIME);
-    if (git_revwalk_push_head(walk) != 0) return kelp::ok();  // no commit yet
-    git_oid id;
-    while (out->size() < max && git_revwalk_next(&id, walk) == 0) {
-        commit_ptr c;
-        tree_ptr tree, parent;
-        diff_ptr diff;
-        if (git_commit_lookup(c.out(), repo_, &id) != 0) return git_failure("reading a commit");
-        long long t = git_commit_time(c);
-        if (t < since) break;
-        if (t > until) continue;
-        status st = tree_of(repo_, id, tree.out());
-        if (st) st = parent_tree_of(c, parent.out());
-        if (st && git_diff_tree_to_tree(diff.out(), repo_, parent, tree, nullptr) != 0)
-            st = git_failure("comparing two backups");
-        if (!st) return st;
-        // One entry per host folder the commit changed.
-        std::map<std::string, json> hosts;
-        for (const json& f : changed_files(diff, "")) {
-            std::string path = f["path"];
-            size_t slash = path.find('/');
-            if (slash != std::string::npos)
-                hosts[path.substr(0, slash)].push_back({{"path", path.substr(slash + 1)}, {"status", f["status"]}});
-        }
-        const char* summary = git_commit_summary(c);
-        for (auto& [host, files] : hosts)
-            out->push_back({{"host", host}, {"rev", short_id(&id)}, {"time", t}, {"message", summary ? summary : ""},
-                            {"files", files}});
-    }
-    return kelp::ok();
-}
-
 status git_store::read_at(const std::string& rev, const std::string& path, std::string* content) {
     object_ptr obj;
     std::string object_name = (rev.empty() ? "HEAD" : rev) + ":" + path;
@@ -704,7 +669,16 @@ status git_store::push(const std::string& remote_url, const std::string& remote_
     git_strarray refspecs = {mappings, 1};
     git_push_options options;
     git_push_options_init(&options, GIT_PUSH_OPTIONS_VERSION);
+    // A remote may take the pack and still refuse the branch (a hook, a
+    // protected branch): libgit2 says so only through this callback.
+    std::string refused;
+    options.callbacks.payload = &refused;
+    options.callbacks.push_update_reference = [](const char* ref, const char* why, void* payload) -> int {
+        if (why) *(std::string*)payload = std::string(ref) + ": " + why;
+        return 0;
+    };
     if (git_remote_push(remote, &refspecs, &options) != 0) return git_failure("pushing to " + shown);
+    if (!refused.empty()) return fail(error_kind::local, "the push remote " + shown + " refused " + refused);
     return kelp::ok();
 }
 

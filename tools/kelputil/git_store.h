@@ -3,6 +3,8 @@
 // host's history and changes readable without knowing git.
 #pragma once
 
+#include <stdint.h>
+
 #include <functional>
 #include <map>
 #include <memory>
@@ -37,9 +39,9 @@ public:
     // per writer ("" for fleet backup, "serve"), so that none clears
     // another's.
     std::string staging(const std::string& writer) const;
-    // Brings a repository left by an interrupted or failed run back to its
-    // last commit: index and work tree as HEAD has them, and in the named
-    // folders nothing HEAD does not hold. The writer's staging is its own
+    // Brings the named (host) folders of a repository left by an
+    // interrupted or failed run back to its last commit: as HEAD has them
+    // and nothing more. The rest of the work tree is the operator's. The writer's staging is its own
     // to clear.
     kelp::status start_clean(const std::vector<std::string>& folders);
 
@@ -67,7 +69,7 @@ public:
     kelp::status require_folder(const std::string& folder);
     // The commits that changed folder, newest first: commit (id), time
     // (Unix seconds), subject, files (path within folder, status).
-    kelp::status history(const std::string& folder, json* out);
+    kelp::status history(const std::string& folder, json* out, size_t max = SIZE_MAX);
     // The patch of folder between two revisions. Empty from: the change the
     // commit to made (empty to as well: the folder's last change); empty to
     // alone: up to the latest commit. *files as for history.
@@ -86,10 +88,6 @@ public:
     };
     kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<file_size>* files);
     kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
-    // The commits from since to until (Unix seconds), newest first, one
-    // entry per host folder each changed: host, rev, time, message, files
-    // (paths within the host's folder); at most max entries.
-    kelp::status changes(long long since, long long until, size_t max, json* out);
     kelp::status read_files(const std::string& rev, const std::vector<std::string>& folders,
                             const std::function<bool(const std::string& folder, const std::string& path,
                                                      std::string_view content)>& visit);

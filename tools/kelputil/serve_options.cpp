@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <map>
 
 #include "cli.h"
 #include "files.h"
@@ -180,6 +181,7 @@ std::string check_config_keys(const CLI::App& app, const std::string& path) {
     for (const CLI::Option* o : app.get_options())
         for (const std::string& name : o->get_lnames()) known.push_back(name);
     std::string text(data.begin(), data.end());
+    std::map<std::string, int> seen;
     int number = 0;
     for (size_t at = 0; at < text.size(); number++) {
         size_t end = std::min(text.find('\n', at), text.size());
@@ -189,10 +191,33 @@ std::string check_config_keys(const CLI::App& app, const std::string& path) {
         if (line.empty() || line[0] == '#' || line[0] == ';' || line[0] == '[' || eq == std::string::npos) continue;
         std::string key = trimmed(line.substr(0, eq));
         if (key.size() >= 2 && key.front() == '"' && key.back() == '"') key = key.substr(1, key.size() - 2);
+        std::string where = path + ":" + std::to_string(number + 1) + ": ";
+        if (seen.count(key))
+            return where + "the key '" + key + "' is given again (first on line " + std::to_string(seen[key]) +
+                   "): keep one";
+        seen[key] = number + 1;
         if (std::find(known.begin(), known.end(), key) != known.end()) continue;
         std::string best = closest(key, known);
-        return path + ":" + std::to_string(number + 1) + ": unknown key '" + key + "'" +
+        return where + "unknown key '" + key + "'" +
                (best.empty() ? "" : " (did you mean '" + best + "'?)") + "; kelputil serve --help lists the keys";
+    }
+    return "";
+}
+
+// An option the service does not know: the nearest one it does.
+std::string check_options(const CLI::App& app, const std::vector<char*>& args) {
+    std::vector<std::string> known;
+    for (const CLI::Option* o : app.get_options())
+        for (const std::string& name : o->get_lnames()) known.push_back("--" + name);
+    for (size_t i = 1; i < args.size(); i++) {
+        std::string a = args[i];
+        if (a == "--") break;
+        if (a.rfind("--", 0) != 0) continue;
+        a = a.substr(0, a.find('='));
+        if (std::find(known.begin(), known.end(), a) != known.end()) continue;
+        std::string best = closest(a, known);
+        return "unknown option " + a + (best.empty() ? "" : " (did you mean " + best + "?)") +
+               "; kelputil serve --help lists them";
     }
     return "";
 }
@@ -222,7 +247,8 @@ int parse_serve_command_line(int argc, char** argv, serve_options* out) {
         if (strcmp(argv[i], "--json") == 0) out->conn.json = true;
     try {
         std::vector<char*> args = without_command(argc, argv);
-        std::string wrong_key = check_config_keys(s.app, config_path(args));
+        std::string wrong_key = check_options(s.app, args);
+        if (wrong_key.empty()) wrong_key = check_config_keys(s.app, config_path(args));
         if (!wrong_key.empty()) {
             print_usage_error(out->conn.json, "serve: " + wrong_key, "kelputil serve -i INVENTORY --into DIR [OPTIONS]");
             return exit_usage;

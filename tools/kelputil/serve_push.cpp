@@ -23,6 +23,10 @@ extern char** environ;
 
 namespace {
 
+// The child's exit status when the repository has no commit yet: no push
+// was tried, so it is neither a success nor a failure.
+constexpr int nothing_to_push = 3;
+
 const char child_flag[] = "--internal-push";
 
 double wall_now() {
@@ -121,7 +125,8 @@ push_report pusher::report() const {
     return report_;
 }
 
-kelp::status pusher::push_once() {
+kelp::status pusher::push_once(bool* tried) {
+    *tried = true;
     std::string what = "pushing to " + shown_remote(remote_);
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0) return kelp::fail(kelp::error_kind::local, what + ": " + strerror(errno));
@@ -158,7 +163,9 @@ kelp::status pusher::push_once() {
     if (late)
         return kelp::fail(kelp::error_kind::timed_out, what + ": no end within " + seconds_text(timeout_ms_ / 1000.0) +
                                                            " (--push-timeout): the push was ended");
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return kelp::ok();
+    *tried = !(WIFEXITED(status) && WEXITSTATUS(status) == nothing_to_push);
+    if (WIFEXITED(status) && (WEXITSTATUS(status) == 0 || !*tried)) return kelp::ok();
+    // = !(WIFEXITED(status) && WEXITSTATUS(status) == nothing_to_push);
     std::string why = last_line(said);
     if (why.empty()) why = WIFSIGNALED(status) ? "the push was ended" : "the push failed";
     return kelp::fail(kelp::error_kind::local, why);
@@ -173,10 +180,12 @@ void pusher::work() {
         if (stopping_) return;
         pending_ = false;
         hold.unlock();
-        kelp::status st = push_once();
+        bool tried = true;
+        kelp::status st = push_once(&tried);
         double now = wall_now();
         hold.lock();
         if (stopping_) return;  // ended by the stop, not by the remote
+        if (!tried) continue;  // nothing committed yet: neither a success nor a failure
         if (st) {
             if (failing) log_event("push to " + shown_remote(remote_) + " works again");
             failing = false;
@@ -207,6 +216,7 @@ int run_push_child() {
     alarm((unsigned)(atoll(timeout.c_str()) / 1000 + 5));
     std::unique_ptr<git_store> store;
     kelp::status st = git_store::open(dir, false, false, &store);
+    if (st && store->head_commit().empty()) return nothing_to_push;
     if (st) st = store->push(remote, branch, shown_remote(remote));
     if (st) return 0;
     fprintf(stderr, "%s\n", st.message.c_str());

@@ -46,7 +46,8 @@ public:
 
 private:
     void work();
-    kelp::status push_once();
+    // *tried: false when there was nothing to push (no commit yet).
+    kelp::status push_once(bool* tried);
     std::string dir_, remote_, branch_;
     long long timeout_ms_;
     push_listener* listener_;

@@ -14,8 +14,10 @@ using nlohmann::json;
 
 namespace {
 
-// One answer of /changes lists at most this many hosts' commits.
+// One answer of /changes lists at most this many hosts' commits; a host's
+// page, its newest changes (at most max_history when asked for more).
 constexpr size_t max_changes = 1000;
+constexpr double default_history = 100, max_history = 10000;
 
 json seconds_or_null(double t) { return t > 0 ? json((long long)t) : json(nullptr); }
 
@@ -142,13 +144,21 @@ void get_hosts(service& s, const http_request&, http_answer& res) {
                       {"retired", retired}});
 }
 
+// The host with its newest changes: ?history=N of them (100 by default);
+// history_more says that older ones exist.
 void get_host(service& s, const http_request& req, http_answer& res) {
     host_state st;
+    double wanted = 0;
     if (!find_host(s, req, res, &st, true)) return;
+    if (!seconds_param(query(req, "history"), default_history, &wanted) || wanted < 1 || wanted > max_history)
+        return answer_error(res, 400, "history is a number of changes, 1 to " + std::to_string(max_history));
+    size_t max = (size_t)wanted;
     json history;
-    kelp::status r = s.store().read([&](git_store& git) { return git.history(st.name, &history); });
+    kelp::status r = s.store().read([&](git_store& git) { return git.history(st.name, &history, max + 1); });
     if (!r) return answer_error(res, 500, r.message);
     json out = host_json(s, st);
+    out["history_more"] = history.size() > max;
+    if (history.size() > max) history.erase(history.size() - 1);
     out["history"] = history_json(st.name, history);
     answer(res, 200, out);
 }

@@ -64,6 +64,9 @@ void scheduler::set_hosts(const std::vector<inventory_host>& hosts, const std::m
         e.state.address = address_of(h);
         if (e.state.since == 0) e.state.since = wall;  // kept from then on, across restarts
         e.due = e.state.next_due > 0 ? e.state.next_due - wall + now : -HUGE_VAL;  // never run: first
+        // Saved further ahead than one interval (a shorter --interval now, or
+        // a clock that was ahead at the stop): due now, with the others.
+        if (e.due > now + interval_) e.due = now;
         if (e.due <= now) to_spread.push_back(&e);
     }
     // The longest waiting first, each a step of interval / n later.

@@ -72,14 +72,18 @@ kelp::status service::open() {
     schedule_->set_run_bound(run_bound_ms(o_) / 1000.0);
     schedule_->set_hosts(hosts, saved);
     find_retired(hosts);
-    log_event("serving " + std::to_string(hosts.size()) + " hosts every " + seconds_text(o_.interval_ms / 1000.0) +
-              " into " + o_.into);
     return kelp::ok();
 }
 
 void service::start() {
     if (!o_.push.empty()) push_ = std::make_unique<pusher>(o_, &health_);
     schedule_->start();
+    log_event("serving " + std::to_string(schedule_->hosts().size()) + " hosts every " +
+              seconds_text(o_.interval_ms / 1000.0) + " into " + o_.into);
+    run_missed_hooks();
+}
+
+void service::run_missed_hooks() {
     for (const auto& [name, change] : replay_) {
         host_state s;
         if (schedule_->find(name, &s)) run_change_hook(s, change.commit, change.time);
@@ -153,7 +157,7 @@ void service::find_retired(const std::vector<inventory_host>& hosts) {
     retired_.clear();
     for (const std::string& name : gone) retired_.emplace_back(name, last[name]);
     if (!gone.empty())
-        log_event(std::to_string(gone.size()) + " folders of the backups belong to no host of the inventory; "
+        log_event(plural(gone.size(), "folder") + " of the backups belong to no host of the inventory; "
                   "they stay as they are");
 }
 
@@ -167,9 +171,20 @@ kelp::status service::reload() {
     kelp::status st = read_hosts(&hosts);
     health_.reload_result((bool)st, now_seconds());
     if (!st) return st;
+    // A host that comes back (or is new) starts from what was saved of it
+    // and what git holds, as at a start; hosts already served keep theirs.
+    std::map<std::string, host_state> saved;
+    std::vector<inventory_host> arriving;
+    host_state ignored;
+    for (const inventory_host& h : hosts)
+        if (!schedule_->find(h.name, &ignored)) arriving.push_back(h);
+    if (st) st = db_->load(&saved);
+    if (st) st = take_truth_from_git(arriving, &saved, false);
+    if (!st) return st;
     targets_.forget_passwords();
-    schedule_->set_hosts(hosts, {});
+    schedule_->set_hosts(hosts, saved);
     find_retired(hosts);
+    run_missed_hooks();
     log_event("inventory and passwords read again: " + std::to_string(hosts.size()) + " hosts");
     return kelp::ok();
 }
@@ -216,7 +231,16 @@ void service::save(const host_state& s, const attempt* a) {
     if (!st) log_event(st.message);
 }
 
-void service::after_run(const host_state& s, const host_run& r, int failures_before) {
+// The failure hook pages someone about a host: once per streak, and only
+// for the host's own failures (a full disk is the service's, and /healthz
+// and its alert say so once rather than once per host); the recovery hook
+// answers it.
+void service::after_run(const host_state& done, const host_run& r, int failures_before) {
+    bool host_failed = !r.error.empty() && !r.repository_failure;
+    bool page = host_failed && !done.failure_hooked, recover = r.error.empty() && done.failure_hooked;
+    host_state s = done;
+    if (page || recover)
+        schedule_->update(done.name, [&](host_state& h) { h.failure_hooked = page; }, &s);
     attempt a = attempt_of(s, r);
     save(s, &a);
     std::map<std::string, std::string> vars = {
@@ -229,14 +253,14 @@ void service::after_run(const host_state& s, const host_run& r, int failures_bef
         log_event(s.name + ": failed (" + r.error + "), " + std::to_string(s.consecutive_failures) +
                   " in a row; next try in " +
                   seconds_text(retry_delay(o_.interval_ms / 1000.0, s.consecutive_failures)));
-        if (failures_before > 0) return;  // the streak's hook ran at its first failure
+        if (!page) return;
         vars["ERROR"] = r.error;
         vars["FAILURES"] = std::to_string(s.consecutive_failures);
         hooks_.start(s.name + " on-failure", o_.on_failure, vars, hook_counter("on-failure"));
         return;
     }
-    if (failures_before > 0) {
-        log_event(s.name + ": backed up again after " + std::to_string(failures_before) + " failures");
+    if (failures_before > 0) log_event(s.name + ": backed up again after " + std::to_string(failures_before) + " failures");
+    if (recover) {
         vars["FAILURES"] = std::to_string(failures_before);
         hooks_.start(s.name + " on-recovery", o_.on_recovery, vars, hook_counter("on-recovery"));
     }

@@ -54,6 +54,7 @@ private:
     void run_change_hook(const host_state& s, const std::string& commit, double time);
     void hooked(const std::string& host, const std::string& commit);
     hook_runner::done_fn hook_counter(const std::string& hook);
+    void run_missed_hooks();
     void save(const host_state& s, const attempt* a = nullptr);
 
     serve_options o_;

@@ -24,6 +24,7 @@ struct text_column { const char* name; std::string host_state::*field; };
 struct real_column { const char* name; double host_state::*field; };
 struct whole_column { const char* name; long long host_state::*field; };
 struct count_column { const char* name; int host_state::*field; };
+struct flag_column { const char* name; bool host_state::*field; };
 
 const text_column text_columns[] = {
     {"name", &host_state::name},           {"address", &host_state::address},
@@ -39,6 +40,7 @@ const real_column real_columns[] = {
 };
 const whole_column whole_columns[] = {{"attempts", &host_state::attempts}, {"failures", &host_state::failures}};
 const count_column count_columns[] = {{"consecutive_failures", &host_state::consecutive_failures}};
+const flag_column flag_columns[] = {{"failure_hooked", &host_state::failure_hooked}};
 
 // Columns added after the first layout, with what an old row gets. A hook
 // ran at once in the first layout, so its last commit counts as hooked.
@@ -48,7 +50,13 @@ const char* const added_columns[] = {
     "ALTER TABLE hosts ADD COLUMN reports_time REAL",
     "ALTER TABLE hosts ADD COLUMN uptime REAL",
     "ALTER TABLE hosts ADD COLUMN since REAL",
+    "ALTER TABLE hosts ADD COLUMN failure_hooked INTEGER",
+    // The first layout ran the failure hook at every failure: one has run.
+    "UPDATE hosts SET failure_hooked = consecutive_failures > 0",
 };
+
+// A file a newer kelputil wrote is not damaged: it is left as it is.
+const char newer_layout[] = "it was written by a newer kelputil";
 
 const char attempts_table[] =
     "CREATE TABLE IF NOT EXISTS attempts (host TEXT NOT NULL, time REAL, duration REAL, result TEXT, error TEXT,"
@@ -62,6 +70,7 @@ void each_column(F f) {
     for (const real_column& c : real_columns) f(c.name, "REAL");
     for (const whole_column& c : whole_columns) f(c.name, "INTEGER");
     for (const count_column& c : count_columns) f(c.name, "INTEGER");
+    for (const flag_column& c : flag_columns) f(c.name, "INTEGER");
 }
 
 std::string hosts_table() {
@@ -119,8 +128,7 @@ std::string damage(sqlite3* db) {
 // Brings a file of an older layout to this one, or makes a new one.
 std::string set_up(sqlite3* db) {
     int version = user_version(db);
-    if (version > schema_version)
-        return "it was written by a newer kelputil (layout " + std::to_string(version) + ")";
+    if (version > schema_version) return newer_layout;
     bool old = has_hosts_table(db) && version < schema_version;
     bool ok = exec(db, "BEGIN IMMEDIATE") && exec(db, hosts_table()) && exec(db, attempts_table);
     for (const char* sql : added_columns)
@@ -190,6 +198,7 @@ host_state read_row(sqlite3_stmt* s, const std::map<std::string, int>& at) {
     for (const real_column& c : real_columns) h.*c.field = sqlite3_column_double(s, at.at(c.name));
     for (const whole_column& c : whole_columns) h.*c.field = sqlite3_column_int64(s, at.at(c.name));
     for (const count_column& c : count_columns) h.*c.field = sqlite3_column_int(s, at.at(c.name));
+    for (const flag_column& c : flag_columns) h.*c.field = sqlite3_column_int(s, at.at(c.name)) != 0;
     return h;
 }
 
@@ -202,6 +211,7 @@ void bind_row(sqlite3_stmt* s, const host_state& h) {
     for (const real_column& c : real_columns) sqlite3_bind_double(s, at(c.name), h.*c.field);
     for (const whole_column& c : whole_columns) sqlite3_bind_int64(s, at(c.name), h.*c.field);
     for (const count_column& c : count_columns) sqlite3_bind_int(s, at(c.name), h.*c.field);
+    for (const flag_column& c : flag_columns) sqlite3_bind_int(s, at(c.name), h.*c.field);
 }
 
 status save_attempt(sqlite3* db, const std::string& host, const attempt& a) {
@@ -240,6 +250,11 @@ status state_db::open(const std::string& path, std::unique_ptr<state_db>* out, s
     status st = open_file(path, &db);
     if (!st) return st;
     std::string why = prepare(db);
+    if (why == newer_layout) {
+        sqlite3_close(db);
+        return kelp::fail(error_kind::local, "the state file " + path + " " + why +
+                                                 ": run that version, or give another --state");
+    }
     if (!why.empty()) {
         sqlite3_close(db);
         std::string aside = move_aside(path);

@@ -22,6 +22,9 @@ struct host_state {
     // after a crash, and run again at the next start.
     std::string hooked_commit;
     int consecutive_failures = 0;
+    // --on-failure ran for the failures in a row now: --on-recovery is due
+    // when the host is back.
+    bool failure_hooked = false;
     long long attempts = 0, failures = 0;  // since the state was created
     std::string last_error;
     double last_duration = 0;  // seconds
