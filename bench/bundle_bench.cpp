@@ -7,8 +7,8 @@
 
 #include <vector>
 
-#include "crypto/md5.h"
-#include "crypto/rc4.h"
+#include "md5.h"
+#include "rc4.h"
 #include "transfer/config_bundle.h"
 
 static const size_t bundle_body = 512 * 1024 - 48;

@@ -67,7 +67,7 @@ ln -sf "$B/src/kelputild" "$W/kelputild-tls"
 cd "$W"
 
 D=$B/src/kelputild
-C=$B/tools/kelputil
+C=$B/bin/kelputil
 U=$B/bench/bench_upload  # kelputil caps uploads at 512 KiB, firmware included
 RAW=$B/bench/raw.jsonl
 mkdir -p "$B/bench"
@@ -75,8 +75,8 @@ mkdir -p "$B/bench"
 # Other work on the machine moves every figure: keep the load next to them.
 load() { $M put "$RAW" load load "$(cut -d' ' -f1 /proc/loadavg)"; }
 load
-CERT=$ROOT/src/core/default_cert/cert.pem
-KEY=$ROOT/src/core/default_cert/key.pem
+CERT=$ROOT/src/daemon/core/default_cert/cert.pem
+KEY=$ROOT/src/daemon/core/default_cert/key.pem
 sock() { echo "socat -u $1 $2"; }
 # BENCH_ONLY="sessions fleet" measures those parts alone.
 part() { [[ -z ${BENCH_ONLY:-} || " $BENCH_ONLY " == *" $1 "* ]]; }
@@ -198,14 +198,14 @@ fi
 
 if part fleet; then
 step "fleet: backup of $BENCH_FLEET simulated routers, -j 32 and one by one, ${BENCH_REPEAT} times"
-PATH=$B/tools:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_FLEET" \
+PATH=$B/bin:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_FLEET" \
   -- bash "$ROOT/bench/fleet.sh" "$M" "$RAW" "$BENCH_REPEAT"
 fi
 
 if part serve; then
 step "serve: $BENCH_SERVE simulated routers at --interval 60s for $BENCH_SERVE_SECONDS s"
 # The last router is silent: clients waiting for its backups load the API.
-PATH=$B/tools:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_SERVE" \
+PATH=$B/bin:$PATH "$B/sim/kelp-router" --password "$password" --fleet "$BENCH_SERVE" \
   --fault "silent:$BENCH_SERVE" -- bash "$ROOT/bench/serve.sh" "$M" "$RAW" "$BENCH_SERVE_SECONDS" "router$BENCH_SERVE"
 fi
 

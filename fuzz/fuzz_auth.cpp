@@ -3,8 +3,8 @@
 #include <string.h>
 
 #include "core/auth.h"
-#include "core/protocol.h"
-#include "crypto/rc4.h"
+#include "protocol.h"
+#include "rc4.h"
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

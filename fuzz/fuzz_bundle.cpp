@@ -5,7 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "core/protocol.h"
+#include "protocol.h"
 #include "fuzz_support.h"
 #include "transfer/config_bundle.h"
 

@@ -1,6 +1,6 @@
 // receive_file()/receive_chunk(): le32 declared size from the first 4 input
 // bytes, then 1462-byte frames. Nothing half-received may survive a failure.
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/state.h"
 #include "fuzz_support.h"
 #include "transfer/frames.h"

@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "control/kick.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

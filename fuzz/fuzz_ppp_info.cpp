@@ -4,7 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "core/protocol.h"
+#include "protocol.h"
 #include "reports/ppp_list.h"
 
 static const size_t guard_len = 64;

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "core/dispatch.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/request.h"
 #include "core/state.h"
 #include "fuzz_support.h"

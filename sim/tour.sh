@@ -20,7 +20,7 @@ while (($#)); do
   esac
   shift
 done
-export PATH="$PWD/build-sim/tools:$PATH"
+export PATH="$PWD/build-sim/bin:$PATH"
 if ((${#command[@]} == 0)); then
   echo "Inside the simulated router: try 'kelputil ppp' (password: $password), 'exit' to leave."
   exec build-sim/sim/kelp-router --password "$password"

@@ -34,8 +34,8 @@
 #include "bundle.h"
 #include "session.h"
 #include "transfer.h"
-#include "core/protocol.h"
-#include "crypto/rc4.h"
+#include "protocol.h"
+#include "rc4.h"
 #include "router.h"
 
 using bytes = std::vector<uint8_t>;

@@ -2,9 +2,9 @@
 
 #include <string.h>
 
-#include "core/protocol.h"
-#include "crypto/md5.h"
-#include "crypto/rc4.h"
+#include "protocol.h"
+#include "md5.h"
+#include "rc4.h"
 
 namespace kelp {
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "core/protocol.h"
+#include "protocol.h"
 
 namespace kelp {
 

@@ -4,7 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "crypto/rc4.h"
+#include "rc4.h"
 #include "net.h"
 
 namespace kelp {

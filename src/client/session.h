@@ -18,7 +18,7 @@
 #include <memory>
 #include <string>
 
-#include "core/protocol.h"
+#include "protocol.h"
 #include "status.h"
 
 namespace kelp {

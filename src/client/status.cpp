@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "core/protocol.h"
-#include "core/result_text.h"
+#include "protocol.h"
+#include "result_text.h"
 
 namespace kelp {
 

@@ -14,7 +14,7 @@
 #include <mbedtls/ssl.h>
 #include <mbedtls/x509_crt.h>
 
-#include "core/tls_socket.h"
+#include "tls_socket.h"
 
 namespace kelp {
 

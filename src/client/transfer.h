@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "core/protocol.h"
-#include "transfer/frame_codec.h"
+#include "protocol.h"
+#include "frame_codec.h"
 #include "session.h"
 #include "status.h"
 

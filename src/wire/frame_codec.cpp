@@ -1,4 +1,4 @@
-#include "transfer/frame_codec.h"
+#include "frame_codec.h"
 
 #include <string.h>
 

@@ -5,7 +5,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "core/protocol.h"
+#include "protocol.h"
 
 // n is 1..1460; the unused payload is cleared, so no stale bytes travel.
 void encode_frame(const uint8_t* payload, size_t n, uint8_t out[frame_len]);

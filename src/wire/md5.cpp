@@ -1,4 +1,4 @@
-#include "crypto/md5.h"
+#include "md5.h"
 
 #include <mbedtls/md5.h>
 

@@ -1,4 +1,4 @@
-#include "crypto/rc4.h"
+#include "rc4.h"
 
 void prepare_key(const uint8_t* key, int key_length, rc4_key* k) {
     for (int i = 0; i < 256; i++) k->state[i] = (uint8_t)i;

@@ -1,4 +1,4 @@
-#include "core/result_text.h"
+#include "result_text.h"
 
 static const char* const messages[] = {
     "Action Failed", "CODE_OK", "File too large", "File too small", "Action not supported", "No HDD available",

@@ -1,4 +1,4 @@
-#include "core/tls_socket.h"
+#include "tls_socket.h"
 
 #include <errno.h>
 #include <poll.h>

@@ -13,7 +13,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "crypto/rc4.h"
+#include "rc4.h"
 
 std::string show(const bytes& b) {
     std::string s;

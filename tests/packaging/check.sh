@@ -222,7 +222,7 @@ tls_pair)
   cmake=$2 source=$3 work=$4 openssl=$5
   shift 5
   fresh "$work"
-  def=$source/src/core/default_cert
+  def=$source/src/daemon/core/default_cert
   s=$work/pairs
   mkdir -p "$s"
   quiet() { "$@" >"$s/openssl.log" 2>&1 || { cat "$s/openssl.log"; fail "openssl $*"; }; }
@@ -251,7 +251,7 @@ tls_pair)
     IFS='|' read -r cert key says <<<"$row"
     rm -f "$generated"
     if out=$("$cmake" "-DCERT=$cert" "-DKEY=$key" "-DOUT=$generated" "-DOPENSSL=$openssl" \
-      -P "$source/src/core/tls_pair.cmake" 2>&1); then
+      -P "$source/src/daemon/core/tls_pair.cmake" 2>&1); then
       [[ -z $says ]] || fail "$cert with $key passes; expected: $says"
       grep -q tls_key_pem "$generated" || fail "$cert with $key makes no pair"
       echo "passes: $cert with $key"

@@ -1,19 +1,43 @@
 #include "connection.h"
 
-#include "known_hosts.h"
+#include <stdlib.h>
 
-host_settings command_line_host(const invocation& inv) {
+#include "durations.h"
+#include "known_hosts.h"
+#include "words.h"
+
+host_settings settings_of(const inventory_host& host) {
     host_settings h;
-    h.name = inv.host;
-    h.address = inv.host;
+    h.name = host.name;
+    auto get = [&](const char* key) {
+        auto it = host.vars.find(key);
+        return it == host.vars.end() ? std::string() : it->second;
+    };
+    h.address = get("ansible_host");
+    std::string port = get("port").empty() ? get("ansible_port") : get("port");
+    if (!port.empty()) h.port = atoi(port.c_str());
+    bool yes = false;
+    if (boolean_word(get("tls"), &yes)) h.tls = yes ? 1 : 0;
+    if (boolean_word(get("plain"), &yes)) h.tls = yes ? 0 : 1;
+    h.pin = get("pin");
+    h.password_file = get("password_file");
+    h.password_env = get("password_env");
+    if (!get("timeout").empty()) h.timeout_ms = (int)parse_duration_ms(get("timeout"));
     return h;
 }
 
-password_source password_source_for(const invocation& inv, const host_settings& h) {
+host_settings command_line_host(const connection_options& c) {
+    host_settings h;
+    h.name = c.host;
+    h.address = c.host;
+    return h;
+}
+
+password_source password_source_for(const connection_options& c, const host_settings& h) {
     password_source src;
     if (!h.password_file.empty()) src.file = h.password_file;
     else if (!h.password_env.empty()) src.env = h.password_env;
-    else src.file = inv.password_file;
+    else src.file = c.password_file;
     return src;
 }
 
@@ -33,17 +57,18 @@ static kelp::trust_fn known_hosts_trust(const std::string& chosen, reporter& not
     };
 }
 
-kelp::target make_target(const invocation& inv, const host_settings& h, kelp::password_fn password, reporter& notes) {
+kelp::target make_target(const connection_options& c, const host_settings& h, kelp::password_fn password,
+                         reporter& notes, bool verbose, bool named) {
     kelp::target t;
     t.host = h.address.empty() ? h.name : h.address;
-    t.tls = h.tls >= 0 ? h.tls == 1 : !inv.plain;
-    t.port = h.port ? h.port : inv.port ? inv.port : t.tls ? tls_port : plain_port;
-    t.pin_sha256 = h.pin.empty() ? inv.pin : h.pin;
-    t.timeout_ms = h.timeout_ms ? h.timeout_ms : inv.timeout_ms;
+    t.tls = h.tls >= 0 ? h.tls == 1 : !c.plain;
+    t.port = h.port ? h.port : c.port ? c.port : t.tls ? tls_port : plain_port;
+    t.pin_sha256 = h.pin.empty() ? c.pin : h.pin;
+    t.timeout_ms = h.timeout_ms ? h.timeout_ms : c.timeout_ms;
     t.password = std::move(password);
-    if (t.tls && t.pin_sha256.empty()) t.trust = known_hosts_trust(inv.known_hosts, notes);
-    if (inv.verbose) {
-        std::string prefix = inv.is_fleet() ? h.name + ": " : "";
+    if (t.tls && t.pin_sha256.empty()) t.trust = known_hosts_trust(c.known_hosts, notes);
+    if (verbose) {
+        std::string prefix = named ? h.name + ": " : "";
         t.log = [prefix, &notes](const std::string& line) { notes.note(prefix + line); };
     }
     return t;

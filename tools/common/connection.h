@@ -6,9 +6,20 @@
 #include <string>
 
 #include "actions.h"
-#include "invocation.h"
+#include "inventory.h"
 #include "password.h"
 #include "reporter.h"
+
+// How to reach a device when the inventory says nothing else.
+struct connection_options {
+    std::string host = "127.0.0.1";
+    int port = 0;  // 0: the mode's own port
+    bool plain = false;
+    std::string pin;
+    std::string known_hosts;  // empty: the default file
+    std::string password_file;
+    int timeout_ms = 15000;
+};
 
 // What an inventory may set for one host, over the command line's choice.
 struct host_settings {
@@ -21,12 +32,16 @@ struct host_settings {
     int timeout_ms = 0;
 };
 
+// What an inventory host's variables mean for kelputil.
+host_settings settings_of(const inventory_host& host);
+
 // The single device of the command line, as a host.
-host_settings command_line_host(const invocation& inv);
+host_settings command_line_host(const connection_options& c);
 
 // The password source a host uses: its own, or the command line's.
-password_source password_source_for(const invocation& inv, const host_settings& h);
+password_source password_source_for(const connection_options& c, const host_settings& h);
 
-// notes receives first contacts and the --verbose trail; it must outlive the
-// target.
-kelp::target make_target(const invocation& inv, const host_settings& h, kelp::password_fn password, reporter& notes);
+// notes receives first contacts and, when verbose, the connection's trail
+// (each line under the host's name when named); it must outlive the target.
+kelp::target make_target(const connection_options& c, const host_settings& h, kelp::password_fn password,
+                         reporter& notes, bool verbose, bool named);

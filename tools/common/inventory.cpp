@@ -4,9 +4,10 @@
 #include <functional>
 #include <set>
 
-#include "cli.h"
+#include "durations.h"
 #include "files.h"
 #include "tls_transport.h"
+#include "words.h"
 
 using kelp::error_kind;
 using kelp::fail;
@@ -133,8 +134,8 @@ std::string vars_value(const std::string& text) {
 }
 
 bool is_bool(const std::string& v) {
-    static const char* const words[] = {"true", "false", "yes", "no", "on", "off", "1", "0", "True", "False", "Yes", "No"};
-    return std::find(std::begin(words), std::end(words), v) != std::end(words);
+    bool ignored;
+    return boolean_word(v, &ignored);
 }
 
 // Our own keys are checked where they are written.

@@ -23,6 +23,13 @@
 
 #include "status.h"
 
+// The hosts of a fleet run and how many at once.
+struct fleet_options {
+    std::string inventory, limit;
+    int jobs = 16;
+    bool list_hosts = false;
+};
+
 struct inventory_host {
     std::string name;
     std::map<std::string, std::string> vars;  // merged as above

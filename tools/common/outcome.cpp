@@ -129,3 +129,18 @@ int close_stdout() {
 double json_seconds(double seconds) { return round(seconds * 1000) / 1000; }
 
 std::string plural(size_t n, const std::string& word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
+
+int run_program(const char* program, const std::function<int()>& body) {
+    int status = 1;
+    try {
+        status = body();
+    } catch (const std::exception& e) {
+        fprintf(stderr, "%s: internal error: %s\n", program, e.what());
+    } catch (...) {
+        fprintf(stderr, "%s: internal error\n", program);
+    }
+    int err = close_stdout();
+    if (err == 0) return status;
+    fprintf(stderr, "%s: cannot write standard output: %s\n", program, strerror(err));
+    return exit_usage;
+}

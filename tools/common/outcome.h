@@ -3,12 +3,20 @@
 // A fleet run adds "host" and "seconds" to each host's object.
 #pragma once
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "status.h"
 
 using json = nlohmann::json;
+
+// How a command talks to the operator.
+struct output_options {
+    bool json = false;
+    bool quiet = false;
+    int verbose = 0;
+};
 
 struct outcome {
     int exit = 0;
@@ -54,6 +62,12 @@ void print_usage_error(bool as_json, const std::string& message, const std::stri
 // closes at the end and returns that error's errno, or 0.
 void flush_stdout();
 int close_stdout();
+
+// A program's whole run: body's exit status, an exception as an internal
+// error (nothing ends a program by an exception: every failure is an
+// answer), and standard output closed and checked, so that findings that
+// did not reach it fail the run whatever the device said.
+int run_program(const char* program, const std::function<int()>& body);
 
 // Seconds for JSON: to the millisecond, as measured.
 double json_seconds(double seconds);

@@ -1,4 +1,4 @@
-#include "fleet_runner.h"
+#include "runner.h"
 
 #include <signal.h>
 #include <stdio.h>
@@ -9,14 +9,11 @@
 #include <mutex>
 #include <thread>
 
-#include "cli.h"
 #include "natural_order.h"
 #include "net.h"
 #include "reporter.h"
 
 namespace {
-
-bool truthy(const std::string& v) { return v == "true" || v == "yes" || v == "on" || v == "1" || v == "True" || v == "Yes"; }
 
 std::string source_key(const password_source& src) { return src.file.empty() ? "env:" + src.env : "file:" + src.file; }
 
@@ -58,27 +55,11 @@ std::string seconds_text(double s) {
 
 }  // namespace
 
-host_settings settings_of(const inventory_host& host) {
-    host_settings h;
-    h.name = host.name;
-    auto get = [&](const char* key) {
-        auto it = host.vars.find(key);
-        return it == host.vars.end() ? std::string() : it->second;
-    };
-    h.address = get("ansible_host");
-    std::string port = get("port").empty() ? get("ansible_port") : get("port");
-    if (!port.empty()) h.port = atoi(port.c_str());
-    if (!get("tls").empty()) h.tls = truthy(get("tls")) ? 1 : 0;
-    if (!get("plain").empty()) h.tls = truthy(get("plain")) ? 0 : 1;
-    h.pin = get("pin");
-    h.password_file = get("password_file");
-    h.password_env = get("password_env");
-    if (!get("timeout").empty()) h.timeout_ms = (int)parse_duration_ms(get("timeout"));
-    return h;
-}
 
 struct fleet_runner::state {
-    const invocation& inv;
+    connection_options conn;
+    output_options out;
+    fleet_options fleet;
     fleet_notes notes;
     std::mutex lock;  // results, the display and stdout
     std::map<std::string, kelp::password_fn> providers;
@@ -89,7 +70,8 @@ struct fleet_runner::state {
 
     bool stopping() const { return caught_signal != 0 || (stop && stop()); }
 
-    explicit state(const invocation& i) : inv(i), notes(i.verbose > 0) {}
+    state(const connection_options& c, const output_options& o, const fleet_options& f)
+        : conn(c), out(o), fleet(f), notes(o.verbose > 0) {}
 
     void clear_line() {
         if (live) fprintf(stderr, "\r%s\r", std::string(terminal_width(2) - 1, ' ').c_str());
@@ -123,8 +105,9 @@ struct fleet_runner::state {
     }
 };
 
-fleet_runner::fleet_runner(const invocation& inv) : s_(std::make_unique<state>(inv)) {
-    s_->live = !inv.json && !inv.quiet && isatty(2);
+fleet_runner::fleet_runner(const connection_options& conn, const output_options& out, const fleet_options& fleet)
+    : s_(std::make_unique<state>(conn, out, fleet)) {
+    s_->live = !out.json && !out.quiet && isatty(2);
 }
 
 fleet_runner::~fleet_runner() = default;
@@ -145,8 +128,8 @@ kelp::status fleet_runner::check_passwords(const std::vector<const inventory_hos
     bool plain = false;
     for (const inventory_host* h : hosts) {
         host_settings hs = settings_of(*h);
-        password_source src = password_source_for(s_->inv, hs);
-        plain = plain || hs.tls == 0 || (hs.tls < 0 && s_->inv.plain);
+        password_source src = password_source_for(s_->conn, hs);
+        plain = plain || hs.tls == 0 || (hs.tls < 0 && s_->conn.plain);
         std::string key = source_key(src);
         if (s_->providers.count(key)) continue;
         kelp::status st = check_password_source(src);
@@ -163,7 +146,7 @@ kelp::status fleet_runner::check_passwords(const std::vector<const inventory_hos
 
 kelp::target fleet_runner::target_for(const inventory_host& host, reporter& notes) {
     host_settings hs = settings_of(host);
-    password_source src = password_source_for(s_->inv, hs);
+    password_source src = password_source_for(s_->conn, hs);
     kelp::password_fn provider;
     {
         std::lock_guard<std::mutex> hold(s_->lock);
@@ -171,7 +154,7 @@ kelp::target fleet_runner::target_for(const inventory_host& host, reporter& note
         if (!p) p = password_provider(src);
         provider = p;
     }
-    return make_target(s_->inv, hs, provider, notes);
+    return make_target(s_->conn, hs, provider, notes, s_->out.verbose > 0, true);
 }
 
 std::vector<host_result> fleet_runner::run(const std::vector<const inventory_host*>& hosts, const host_job& job,
@@ -203,7 +186,7 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
             s_->running--;
             s_->done++;
             s_->failed += !r.result.ok();
-            if (s_->inv.json) {
+            if (s_->out.json) {
                 json line = outcome_json(r.result);
                 line["host"] = r.host;
                 line["seconds"] = json_seconds(r.seconds);
@@ -220,7 +203,7 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
             results[i] = std::move(r);
         }
     };
-    int n = parallel > 0 ? parallel : s_->inv.jobs;
+    int n = parallel > 0 ? parallel : s_->fleet.jobs;
     if ((size_t)n > hosts.size()) n = (int)hosts.size();
     std::vector<std::thread> threads;
     for (int i = 1; i < n; i++) threads.emplace_back(worker);
@@ -249,16 +232,16 @@ int fleet_runner::finish(const std::vector<host_result>& results, const std::str
                     {"seconds", json_seconds(elapsed)}};
     if (!untouched.empty()) summary.data["not_touched"] = untouched;
     if (!extra.is_null()) summary.data.update(extra);
-    if (s_->notes.first_contacts > 0 && !s_->inv.verbose)
+    if (s_->notes.first_contacts > 0 && !s_->out.verbose)
         s_->notes.reporter::note("first contact with " + std::to_string(s_->notes.first_contacts) +
                                  (s_->notes.first_contacts == 1 ? " host" : " hosts") +
                                  ": the certificates are now remembered");
-    if (s_->inv.json) {
+    if (s_->out.json) {
         printf("%s\n", json_line(outcome_json(summary)).c_str());
         flush_stdout();
         return summary.exit;
     }
-    if (!s_->inv.quiet || !failed_hosts.empty()) {
+    if (!s_->out.quiet || !failed_hosts.empty()) {
         size_t width = 4;
         for (const host_result& r : results) width = std::max(width, r.host.size());
         std::vector<host_result> rows = results;
@@ -266,7 +249,7 @@ int fleet_runner::finish(const std::vector<host_result>& results, const std::str
                          [](const host_result& a, const host_result& b) { return natural_less(a.host, b.host); });
         printf("%-*s  %-6s  %6s  %s\n", (int)width, "HOST", "RESULT", "TIME", "MESSAGE");
         for (const host_result& r : rows) {
-            if (s_->inv.quiet && r.result.ok()) continue;
+            if (s_->out.quiet && r.result.ok()) continue;
             const char* verdict = !r.touched ? "-" : r.result.ok() ? "ok" : "FAILED";
             printf("%-*s  %-6s  %6s  %s\n", (int)width, r.host.c_str(), verdict,
                    r.touched ? seconds_text(r.seconds).c_str() : "", terminal_text(r.result.message).c_str());
@@ -274,7 +257,7 @@ int fleet_runner::finish(const std::vector<host_result>& results, const std::str
     }
     flush_stdout();
     if (!summary.ok()) fprintf(stderr, "kelputil: %s\n", summary.message.c_str());
-    else if (!s_->inv.quiet) printf("%s\n", summary.message.c_str());
+    else if (!s_->out.quiet) printf("%s\n", summary.message.c_str());
     flush_stdout();
     return summary.exit;
 }

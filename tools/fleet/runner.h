@@ -13,7 +13,6 @@
 #include "actions.h"
 #include "connection.h"
 #include "inventory.h"
-#include "invocation.h"
 #include "outcome.h"
 
 struct host_result {
@@ -27,7 +26,7 @@ using host_job = std::function<outcome(const inventory_host& host, const kelp::t
 
 class fleet_runner {
 public:
-    explicit fleet_runner(const invocation& inv);
+    fleet_runner(const connection_options& conn, const output_options& out, const fleet_options& fleet);
     ~fleet_runner();
 
     // Every password source the hosts use must be there before anything
@@ -57,6 +56,3 @@ private:
     struct state;
     std::unique_ptr<state> s_;
 };
-
-// What an inventory host's variables mean for kelputil.
-host_settings settings_of(const inventory_host& host);

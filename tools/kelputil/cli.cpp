@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <map>
 
+#include "durations.h"
 #include "outcome.h"
+#include "words.h"
 
 #ifndef KELP_VERSION
 #define KELP_VERSION "1.0.0"
@@ -17,32 +19,10 @@
 
 namespace {
 
-long long parse_number_with_suffix(const std::string& text, const std::map<std::string, double>& units) {
-    if (text.empty() || !(isdigit((unsigned char)text[0]) || text[0] == '.')) return -1;
-    char* end = nullptr;
-    double value = strtod(text.c_str(), &end);
-    auto unit = units.find(end);
-    if (unit == units.end() || !isfinite(value)) return -1;
-    double scaled = value * unit->second;
-    if (scaled > 9e15) return -1;
-    return (long long)llround(scaled);
-}
 
-std::string seconds_text(long long ms) {
-    char text[32];
-    snprintf(text, sizeof text, ms % 1000 ? "%.3g s" : "%.0f s", ms / 1000.0);
-    return text;
-}
 
 }  // namespace
 
-std::string duration_problem(const std::string& text, long long min_ms, long long max_ms) {
-    long long ms = parse_duration_ms(text);
-    if (ms < 0) return "'" + text + "' is not a duration (e.g. 15, 2.5, 500ms, 2m)";
-    if (ms < min_ms || ms > max_ms)
-        return "'" + text + "' is out of range: " + seconds_text(min_ms) + " to " + seconds_text(max_ms);
-    return "";
-}
 
 namespace {
 
@@ -175,15 +155,15 @@ void add_fleet(command_line& c, bool whole) {
     invocation& inv = c.inv;
     CLI::App* fleet = add_command(c.app, "fleet", "run a command on every host of an inventory");
     if (!whole) return;
-    fleet->add_option("-i,--inventory", inv.inventory, "INI inventory of hosts and groups")
+    fleet->add_option("-i,--inventory", inv.fleet.inventory, "INI inventory of hosts and groups")
         ->envname("KELP_INVENTORY")
         ->type_name("FILE");
     // A second --limit is let through, then refused with what to do
     // instead (CLI11 would only count).
-    c.limit = fleet->add_option("--limit", inv.limit, "hosts and groups, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
+    c.limit = fleet->add_option("--limit", inv.fleet.limit, "hosts and groups, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
                   ->type_name("PATTERN")
                   ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    fleet->add_flag("--list-hosts", inv.list_hosts, "list the hosts the command would run on, and run nothing");
+    fleet->add_flag("--list-hosts", inv.fleet.list_hosts, "list the hosts the command would run on, and run nothing");
     fleet->add_option("-j,--jobs", c.jobs, "hosts at a time (default 16, at most 256)")
         ->check(whole_number(1, 256, "job count"))
         ->type_name("N");
@@ -214,26 +194,26 @@ void add_serve(command_line& c) {
 void add_global_options(command_line& c) {
     CLI::App& app = c.app;
     invocation& inv = c.inv;
-    app.add_option("-H,--host", inv.host, "device address (default 127.0.0.1)")->type_name("HOST");
+    app.add_option("-H,--host", inv.conn.host, "device address (default 127.0.0.1)")->type_name("HOST");
     app.add_option("-p,--port", c.port, "port (default 857, or 856 with --plain)")
         ->check(whole_number(1, 65535, "port"))
         ->type_name("PORT");
-    app.add_flag("--plain", inv.plain, "the plain protocol on port 856: a captured login reveals the password");
+    app.add_flag("--plain", inv.conn.plain, "the plain protocol on port 856: a captured login reveals the password");
     app.add_flag("--tls", c.tls, "TLS on port 857 (the default)");
-    app.add_option("--pin", inv.pin, "accept only the certificate with this SHA-256 fingerprint")->type_name("SHA256");
-    app.add_option("--known-hosts", inv.known_hosts,
+    app.add_option("--pin", inv.conn.pin, "accept only the certificate with this SHA-256 fingerprint")->type_name("SHA256");
+    app.add_option("--known-hosts", inv.conn.known_hosts,
                    "remembered certificates (default $XDG_CONFIG_HOME/kelputil/known_hosts)")
         ->type_name("FILE");
-    app.add_option("--password-file", inv.password_file, "read the admin password from FILE (first line)")
+    app.add_option("--password-file", inv.conn.password_file, "read the admin password from FILE (first line)")
         ->type_name("FILE");
     app.add_option("--timeout", c.timeout, "give up on a silent device after this long (default 15 s)")
         ->check(duration(timeout_min_ms, timeout_max_ms))
         ->type_name("DURATION");
     app.add_flag("--apply", c.apply, "after success, have the device apply its settings");
     app.add_flag("--reboot", c.reboot, "after success, have the device reboot");
-    app.add_flag("--json", inv.json, "one JSON object per result (JSON lines while running)");
-    app.add_flag("-q,--quiet", inv.quiet, "no progress, no message on success");
-    app.add_flag("-v,--verbose", inv.verbose, "show the connection's steps");
+    app.add_flag("--json", inv.output.json, "one JSON object per result (JSON lines while running)");
+    app.add_flag("-q,--quiet", inv.output.quiet, "no progress, no message on success");
+    app.add_flag("-v,--verbose", inv.output.verbose, "show the connection's steps");
     app.set_version_flag("-V,--version", "kelputil " KELP_VERSION);
     app.fallthrough();
     app.get_formatter()->label("SUBCOMMAND", "COMMAND");
@@ -252,20 +232,6 @@ CLI::App* deepest(CLI::App& app, std::string* path) {
     return at;
 }
 
-size_t distance(const std::string& a, const std::string& b) {
-    std::vector<size_t> row(b.size() + 1);
-    for (size_t j = 0; j <= b.size(); j++) row[j] = j;
-    for (size_t i = 1; i <= a.size(); i++) {
-        size_t diagonal = row[0];
-        row[0] = i;
-        for (size_t j = 1; j <= b.size(); j++) {
-            size_t up = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
-            diagonal = up;
-        }
-    }
-    return row[b.size()];
-}
 
 // Where the first word that is not an option or an option's value, the
 // command, is in argv; argc when there is none.
@@ -282,15 +248,6 @@ int typed_command_at(int argc, char** argv) {
 
 }  // namespace
 
-std::string closest(const std::string& typed, const std::vector<std::string>& names) {
-    std::string best;
-    size_t best_distance = 3;
-    for (const std::string& name : names) {
-        size_t d = distance(typed, name);
-        if (d < best_distance) best = name, best_distance = d;
-    }
-    return best;
-}
 
 namespace {
 
@@ -357,7 +314,7 @@ std::string misspelt_word(CLI::App& app, int argc, char** argv) {
 }
 
 int usage_error(const invocation& inv, const std::string& message, const std::string& usage) {
-    print_usage_error(inv.json, message, usage);
+    print_usage_error(inv.output.json, message, usage);
     return 1;
 }
 
@@ -399,29 +356,29 @@ int help_for(command_line& c, int argc, char** argv, int at) {
 // Text options become numbers once checked.
 void settle_values(command_line& c) {
     invocation& inv = c.inv;
-    if (!c.port.empty()) inv.port = atoi(c.port.c_str());
-    inv.timeout_ms = (int)parse_duration_ms(c.timeout);
+    if (!c.port.empty()) inv.conn.port = atoi(c.port.c_str());
+    inv.conn.timeout_ms = (int)parse_duration_ms(c.timeout);
     inv.seconds_ms = (int)parse_duration_ms(c.seconds);
     inv.settle_ms = (int)parse_duration_ms(c.settle);
     inv.window = c.window.empty() ? 0 : (int)parse_size(c.window);
-    inv.jobs = atoi(c.jobs.c_str());
+    inv.fleet.jobs = atoi(c.jobs.c_str());
     inv.flags = (uint8_t)((c.apply ? 0x01 : 0) | (c.reboot ? 0x02 : 0));
 }
 
 std::string check_combinations(const command_line& c) {
     const invocation& inv = c.inv;
-    if (inv.plain && c.tls) return "--plain and --tls exclude each other";
-    if (inv.plain && !inv.pin.empty()) return "--pin checks a TLS certificate: it cannot go with --plain";
+    if (inv.conn.plain && c.tls) return "--plain and --tls exclude each other";
+    if (inv.conn.plain && !inv.conn.pin.empty()) return "--pin checks a TLS certificate: it cannot go with --plain";
     if (inv.is_fleet() && c.app.get_option("--host")->count() > 0)
         return "a fleet's hosts come from the inventory: leave out -H, or use --limit";
     std::string device = inv.device_command();
     if (c.limit && c.limit->count() > 1) return "--limit is given twice: join the patterns with ',' (--limit 'a,b')";
-    if (c.limit && c.limit->count() && inv.limit.find_first_not_of(":, \t") == std::string::npos)
-        return "--limit '" + inv.limit + "': an empty pattern selects nothing; leave --limit out to run on every host";
-    if (inv.command == "fleet" && !inv.list_hosts) return "fleet needs a command, or --list-hosts";
-    if (inv.list_hosts && (device == "history" || device == "diff"))
+    if (c.limit && c.limit->count() && inv.fleet.limit.find_first_not_of(":, \t") == std::string::npos)
+        return "--limit '" + inv.fleet.limit + "': an empty pattern selects nothing; leave --limit out to run on every host";
+    if (inv.command == "fleet" && !inv.fleet.list_hosts) return "fleet needs a command, or --list-hosts";
+    if (inv.fleet.list_hosts && (device == "history" || device == "diff"))
         return "--list-hosts shows the hosts of a run: history and diff read a backup repository";
-    if (inv.is_fleet() && device != "history" && device != "diff" && inv.inventory.empty())
+    if (inv.is_fleet() && device != "history" && device != "diff" && inv.fleet.inventory.empty())
         return "a fleet run needs an inventory: -i FILE (or KELP_INVENTORY)";
     if (inv.is_fleet() && device == "get-script" && !inv.file.empty() && inv.file.find("{host}") == std::string::npos)
         return "in a fleet run, get-script's FILE must contain {host}, one file per host";
@@ -432,18 +389,11 @@ std::string check_combinations(const command_line& c) {
 
 }  // namespace
 
-long long parse_duration_ms(const std::string& text) {
-    return parse_number_with_suffix(text, {{"", 1000}, {"s", 1000}, {"ms", 1}, {"m", 60000}, {"h", 3600000}});
-}
 
-long long parse_size(const std::string& text) {
-    long long n = parse_number_with_suffix(text, {{"", 1}, {"K", 1024}, {"k", 1024}, {"M", 1 << 20}, {"m", 1 << 20}});
-    return n;
-}
 
 int parse_command_line(int argc, char** argv, invocation* out) {
     for (int i = 1; i < argc; i++)
-        if (strcmp(argv[i], "--json") == 0) out->json = true;  // so that even a usage error speaks JSON
+        if (strcmp(argv[i], "--json") == 0) out->output.json = true;  // so that even a usage error speaks JSON
     command_line c(*out);
     add_global_options(c);
     add_device_commands(c, c.app, false);

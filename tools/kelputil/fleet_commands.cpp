@@ -1,52 +1,25 @@
-#include "fleet.h"
+#include "fleet_commands.h"
 
 #include <algorithm>
 
+#include "choose.h"
 #include "device_commands.h"
-#include "fleet_rollout.h"
+#include "rollout.h"
 #include "inventory.h"
 #include "outcome.h"
 #include "reporter.h"
 
-namespace {
-
-// What a run would reach, from the settings the run itself would use;
-// nothing is contacted and no password is needed.
-int list_hosts(const invocation& inv, const std::vector<const inventory_host*>& hosts) {
-    reporter notes;  // never used: nothing connects
-    outcome o;
-    o.data = json::array();
-    for (const inventory_host* h : hosts) {
-        kelp::target t = make_target(inv, settings_of(*h), nullptr, notes);
-        o.data.push_back({{"host", h->name}, {"address", t.host}, {"port", t.port}, {"mode", t.tls ? "TLS" : "plain"}});
-    }
-    o.message = plural(hosts.size(), "host");
-    size_t name_width = 4, address_width = 7;
-    for (const json& row : o.data) {
-        name_width = std::max(name_width, row["host"].get<std::string>().size());
-        address_width = std::max(address_width, row["address"].get<std::string>().size());
-    }
-    auto pad = [](const std::string& cell, size_t width) { return cell + std::string(width - cell.size() + 2, ' '); };
-    o.text = pad("HOST", name_width) + pad("ADDRESS", address_width) + pad("PORT", 5) + "MODE\n";
-    for (const json& row : o.data)
-        o.text += pad(terminal_text(row["host"]), name_width) + pad(terminal_text(row["address"]), address_width) +
-                  pad(std::to_string(row["port"].get<int>()), 5) + row["mode"].get<std::string>() + "\n";
-    print_outcome(o, inv.json, false);  // the count stays under -q: it is the answer
-    return 0;
-}
-
-}  // namespace
 
 int run_on_fleet(const invocation& inv, const fleet_job& job, kelp::bytes* image) {
     std::string cmd = inv.device_command();
     inventory hosts_file;
     std::vector<const inventory_host*> hosts;
-    fleet_runner runner(inv);
-    kelp::status st = load_inventory(inv.inventory, &hosts_file);
-    if (st && !inv.quiet)
-        for (const std::string& w : hosts_file.warnings) reporter().note(w);
-    if (st) st = select_hosts(hosts_file, inv.limit, &hosts);
-    if (st && inv.list_hosts) return list_hosts(inv, hosts);
+    fleet_runner runner(inv.conn, inv.output, inv.fleet);
+    kelp::status st = choose_hosts(inv.fleet, inv.output, &hosts_file, &hosts);
+    if (st && inv.fleet.list_hosts) {
+        print_outcome(host_list(inv.conn, hosts), inv.output.json, false);  // the count stays under -q: it is the answer
+        return 0;
+    }
     std::vector<std::string> names;
     for (const inventory_host* h : hosts) names.push_back(h->name);
     if (st) st = make_host_folders(inv, names);
@@ -58,7 +31,7 @@ int run_on_fleet(const invocation& inv, const fleet_job& job, kelp::bytes* image
         st = read_image(inv.file, image ? image : &unused);  // one image for all: refused once, not once a host
     if (st && !rollout) st = runner.check_passwords(hosts);
     if (!st) {
-        print_outcome(failure(st), inv.json, inv.quiet);
+        print_outcome(failure(st), inv.output.json, inv.output.quiet);
         return exit_status(st);
     }
     return job(runner, hosts);

@@ -4,7 +4,7 @@
 #include <functional>
 #include <vector>
 
-#include "fleet_runner.h"
+#include "runner.h"
 #include "invocation.h"
 
 int run_fleet(const invocation& inv);

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "outcome.h"
-#include "store_command.h"
+#include "helpers.h"
 
 #ifndef KELP_STORE_HELPER_DIR
 #define KELP_STORE_HELPER_DIR "../libexec/kelputil"
@@ -37,7 +37,7 @@ int exec_helper(const std::string& helper_name, const std::string& command, cons
     int err = errno;
     print_outcome(local_failure(command + " needs " + helper_name + ", which cannot run (" + path + ": " +
                                 strerror(err) + "): reinstall kelputil"),
-                  inv.json, inv.quiet);
+                  inv.output.json, inv.output.quiet);
     return exit_usage;
 }
 

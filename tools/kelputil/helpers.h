@@ -11,9 +11,8 @@ inline bool is_store_command(const invocation& inv) {
     return inv.is_fleet() && (cmd == "backup" || cmd == "history" || cmd == "diff");
 }
 
-// In kelputil: replaces the process with the helper, given the same
-// arguments, and returns only when it cannot (the status, already printed).
-// In the helper: runs the command.
+// Replaces the process with the helper, given the same arguments, and
+// returns only when it cannot (the status, already printed).
 int run_store_command(const invocation& inv, char** argv);
 
 // kelputil serve runs the same way in its helper, kelputil-serve, which

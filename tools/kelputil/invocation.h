@@ -6,21 +6,13 @@
 
 #include <string>
 
-struct invocation {
-    // Where and how to reach the device.
-    std::string host = "127.0.0.1";
-    int port = 0;  // 0: the mode's own port
-    bool plain = false;
-    std::string pin;
-    std::string known_hosts;  // empty: the default file
-    std::string password_file;
-    int timeout_ms = 15000;
-    uint8_t flags = 0;  // apply / reboot after success
+#include "connection.h"
+#include "outcome.h"
 
-    // How to talk to the operator.
-    bool json = false;
-    bool quiet = false;
-    int verbose = 0;
+struct invocation {
+    connection_options conn;
+    output_options output;
+    uint8_t flags = 0;  // apply / reboot after success
 
     // The command and its arguments: "backup", "fleet backup", ...
     std::string command;
@@ -34,14 +26,13 @@ struct invocation {
     bool upgrade = false;
 
     // Fleets.
-    std::string inventory, limit, into, rev_from, rev_to;
-    int jobs = 16;
+    fleet_options fleet;
+    std::string into, rev_from, rev_to;
     bool scripts = false;
     bool init = false;  // fleet backup --into a folder that holds other files
     int canary = 1, batch = 10;
     int settle_ms = 120000;
     bool dry_run = false;
-    bool list_hosts = false;
 
     bool is_fleet() const { return command.rfind("fleet", 0) == 0; }
     // The device command itself: "fleet ppp" -> "ppp".

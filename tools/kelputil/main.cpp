@@ -10,33 +10,33 @@
 #include "connection.h"
 #include "device_commands.h"
 #include "files.h"
-#include "fleet.h"
+#include "fleet_commands.h"
 #include "outcome.h"
-#include "store_command.h"
+#include "helpers.h"
 
 namespace {
 
 int finish(const invocation& inv, const outcome& o) {
-    print_outcome(o, inv.json, inv.quiet);
+    print_outcome(o, inv.output.json, inv.output.quiet);
     return o.exit;
 }
 
 int run_single(const invocation& inv) {
-    host_settings host = command_line_host(inv);
-    password_source source = password_source_for(inv, host);
+    host_settings host = command_line_host(inv.conn);
+    password_source source = password_source_for(inv.conn, host);
     // Before any connection: a run without a password would only log an
     // authentication failure on the device.
     kelp::status st = check_password_source(source);
     if (!st) return finish(inv, failure(st));
     std::unique_ptr<reporter> r;
-    if (inv.json) r = std::make_unique<json_reporter>();
-    else r = std::make_unique<terminal_reporter>(inv.quiet);
-    if (inv.plain && !inv.quiet)
+    if (inv.output.json) r = std::make_unique<json_reporter>();
+    else r = std::make_unique<terminal_reporter>(inv.output.quiet);
+    if (inv.conn.plain && !inv.output.quiet)
         r->note("--plain: the password travels in a form anyone who captures this connection can read; "
                 "TLS (the default) protects it");
     if (inv.device_command() == "firmware" && inv.flags)
         r->note("--apply and --reboot do nothing after a firmware upload: the upgrade decides");
-    kelp::target t = make_target(inv, host, password_provider(source), *r);
+    kelp::target t = make_target(inv.conn, host, password_provider(source), *r, inv.output.verbose > 0, false);
     return finish(inv, run_device_command(inv, t, host.name, *r));
 }
 
@@ -65,27 +65,8 @@ int run(int argc, char** argv) {
     return run_single(inv);
 }
 
-// Nothing may end the tool by an exception: every failure is an answer.
-int run_answering(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& e) {
-        fprintf(stderr, "kelputil: internal error: %s\n", e.what());
-    } catch (...) {
-        fprintf(stderr, "kelputil: internal error\n");
-    }
-    return 1;
-}
-
-// Findings that did not reach standard output are a failed run, whatever
-// the device said.
-int checked_output(int status) {
-    int err = close_stdout();
-    if (err == 0) return status;
-    fprintf(stderr, "kelputil: cannot write standard output: %s\n", strerror(err));
-    return exit_usage;
-}
-
 }  // namespace
 
-int main(int argc, char** argv) { return checked_output(run_answering(argc, argv)); }
+int main(int argc, char** argv) {
+    return run_program("kelputil", [&] { return run(argc, argv); });
+}

@@ -1,4 +1,4 @@
-#include "fleet_rollout.h"
+#include "rollout.h"
 
 #include <unistd.h>
 
@@ -51,7 +51,7 @@ int show_plan(const invocation& inv, const std::vector<stage>& stages, const jso
     outcome o = success("plan only (--dry-run): nothing was touched",
                         {{"image", image}, {"canary", canary}, {"batches", batches}});
     o.text = text;
-    print_outcome(o, inv.json, inv.quiet);
+    print_outcome(o, inv.output.json, inv.output.quiet);
     return 0;
 }
 
@@ -106,7 +106,7 @@ int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<c
     status st = read_image(inv.file, &image);
     if (st && !inv.dry_run) st = runner.check_passwords(hosts);
     if (!st) {
-        print_outcome(failure(st), inv.json, inv.quiet);
+        print_outcome(failure(st), inv.output.json, inv.output.quiet);
         return exit_status(st);
     }
     json summary = image_summary(inv.file, image);
@@ -124,7 +124,7 @@ int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<c
         }
         std::vector<host_result> done = runner.run(
             s, [&](const inventory_host&, const kelp::target& t, reporter&) { return upgrade_host(inv, image, t); },
-            std::min((int)s.size(), inv.jobs));
+            std::min((int)s.size(), inv.fleet.jobs));
         for (const host_result& r : done) halted = halted || !r.result.ok();
         results.insert(results.end(), done.begin(), done.end());
     }

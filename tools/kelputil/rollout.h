@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "fleet_runner.h"
+#include "runner.h"
 #include "invocation.h"
 
 int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts);

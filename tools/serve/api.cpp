@@ -1,7 +1,7 @@
-#include "serve_api.h"
+#include "api.h"
 
-#include "serve_log.h"
-#include "serve_routes.h"
+#include "log.h"
+#include "routes.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "http_server.h"
-#include "serve_service.h"
+#include "service.h"
 
 class api_server {
 public:

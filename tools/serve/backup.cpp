@@ -1,4 +1,4 @@
-#include "serve_backup.h"
+#include "backup.h"
 
 #include <errno.h>
 #include <stdlib.h>
@@ -11,7 +11,7 @@
 #include "archive_members.h"
 #include "files.h"
 #include "host_snapshot.h"
-#include "serve_log.h"
+#include "log.h"
 
 using kelp::bytes;
 using kelp::error_kind;

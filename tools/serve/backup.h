@@ -10,7 +10,7 @@
 
 #include "actions.h"
 #include "git_store.h"
-#include "serve_options.h"
+#include "options.h"
 #include "writer_lock.h"
 
 struct backup_result {

@@ -1,4 +1,4 @@
-#include "serve_facts.h"
+#include "facts.h"
 
 #include <stdlib.h>
 #include <string.h>

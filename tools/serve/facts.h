@@ -8,7 +8,7 @@
 #include <string>
 
 #include "actions.h"
-#include "serve_state.h"
+#include "state.h"
 
 struct router_facts {
     std::string model, firmware;

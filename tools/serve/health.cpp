@@ -1,7 +1,7 @@
-#include "serve_health.h"
+#include "health.h"
 
-#include "serve_log.h"
-#include "serve_scheduler.h"
+#include "log.h"
+#include "scheduler.h"
 
 void service_health::repository_ok() {
     std::lock_guard<std::mutex> hold(lock_);

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "serve_push.h"
+#include "push.h"
 
 class scheduler;
 

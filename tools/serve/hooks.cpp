@@ -1,4 +1,4 @@
-#include "serve_hooks.h"
+#include "hooks.h"
 
 #include <signal.h>
 #include <stdlib.h>
@@ -8,7 +8,7 @@
 #include <chrono>
 
 #include "net.h"
-#include "serve_log.h"
+#include "log.h"
 
 namespace {
 

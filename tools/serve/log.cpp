@@ -1,4 +1,4 @@
-#include "serve_log.h"
+#include "log.h"
 
 #include <math.h>
 #include <stdio.h>
@@ -8,7 +8,7 @@
 #include <mutex>
 
 #include "outcome.h"
-#include "serve_scheduler.h"
+#include "scheduler.h"
 
 void log_event(const std::string& line) {
     static std::mutex lock;

@@ -11,10 +11,10 @@
 #include <exception>
 
 #include "outcome.h"
-#include "serve_api.h"
-#include "serve_log.h"
-#include "serve_push.h"
-#include "serve_service.h"
+#include "api.h"
+#include "log.h"
+#include "push.h"
+#include "service.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ sigset_t take_signals() {
 }
 
 int start_failure(const serve_options& o, const kelp::status& st) {
-    print_outcome(failure(st), o.conn.json, false);
+    print_outcome(failure(st), o.out.json, false);
     return exit_status(st);
 }
 

@@ -1,4 +1,4 @@
-#include "serve_metrics.h"
+#include "metrics.h"
 
 #include <stdio.h>
 

@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "serve_health.h"
-#include "serve_scheduler.h"
+#include "health.h"
+#include "scheduler.h"
 
 // push: whether the service pushes (its push metrics are left out if not).
 std::string metrics_text(const scheduler& s, const health_figures& f, bool push);

@@ -1,4 +1,4 @@
-#include "serve_options.h"
+#include "options.h"
 
 #include <arpa/inet.h>
 #include <stdio.h>
@@ -9,7 +9,8 @@
 #include <algorithm>
 #include <map>
 
-#include "cli.h"
+#include "durations.h"
+#include "words.h"
 #include "files.h"
 #include "outcome.h"
 #include "password.h"
@@ -31,7 +32,7 @@ struct serve_line {
 };
 
 void add_connection_options(serve_line& s) {
-    invocation& inv = s.o.conn;
+    connection_options& inv = s.o.conn;
     s.app.add_option("--password-file", inv.password_file, "the admin password of hosts without their own source")
         ->type_name("FILE");
     s.app.add_option("--timeout", s.timeout, "give up on a silent host after this long (default 15 s)")
@@ -41,7 +42,7 @@ void add_connection_options(serve_line& s) {
     s.app.add_option("--pin", inv.pin, "accept only the certificate with this SHA-256 fingerprint")
         ->type_name("SHA256");
     s.app.add_option("--known-hosts", inv.known_hosts, "remembered certificates")->type_name("FILE");
-    s.app.add_flag("-v,--verbose", inv.verbose, "log every connection's steps");
+    s.app.add_flag("-v,--verbose", s.o.out.verbose, "log every connection's steps");
 }
 
 void add_serve_options(serve_line& s) {
@@ -134,9 +135,6 @@ std::string settle(serve_line& s) {
     if (wrong.empty() && s.tls && o.conn.plain) wrong = "--plain and --tls exclude each other";
     if (wrong.empty()) wrong = check_security(s);
     if (wrong.empty() && !s.token_file.empty()) wrong = read_token(s.token_file, &o.token);
-    o.conn.jobs = o.jobs;
-    o.conn.inventory = o.inventory;
-    o.conn.command = "fleet serve";  // hosts' notes name the host
     return wrong;
 }
 
@@ -242,28 +240,28 @@ int parse_serve_command_line(int argc, char** argv, serve_options* out) {
     serve_line s(*out);
     add_connection_options(s);
     add_serve_options(s);
-    s.app.add_flag("--json", out->conn.json, "usage errors as JSON");
+    s.app.add_flag("--json", out->out.json, "usage errors as JSON");
     for (int i = 1; i < argc; i++)
-        if (strcmp(argv[i], "--json") == 0) out->conn.json = true;
+        if (strcmp(argv[i], "--json") == 0) out->out.json = true;
     try {
         std::vector<char*> args = without_command(argc, argv);
         std::string wrong_key = check_options(s.app, args);
         if (wrong_key.empty()) wrong_key = check_config_keys(s.app, config_path(args));
         if (!wrong_key.empty()) {
-            print_usage_error(out->conn.json, "serve: " + wrong_key, "kelputil serve -i INVENTORY --into DIR [OPTIONS]");
+            print_usage_error(out->out.json, "serve: " + wrong_key, "kelputil serve -i INVENTORY --into DIR [OPTIONS]");
             return exit_usage;
         }
         s.app.parse((int)args.size(), args.data());
     } catch (const CLI::CallForHelp& e) {
         return s.app.exit(e);
     } catch (const CLI::ParseError& e) {
-        print_usage_error(out->conn.json, std::string("serve: ") + e.what(),
+        print_usage_error(out->out.json, std::string("serve: ") + e.what(),
                           "kelputil serve -i INVENTORY --into DIR [OPTIONS]");
         return exit_usage;
     }
     std::string wrong = settle(s);
     if (!wrong.empty()) {
-        print_usage_error(out->conn.json, "serve: " + wrong, "kelputil serve -i INVENTORY --into DIR [OPTIONS]");
+        print_usage_error(out->out.json, "serve: " + wrong, "kelputil serve -i INVENTORY --into DIR [OPTIONS]");
         return exit_usage;
     }
     return -1;

@@ -5,10 +5,12 @@
 
 #include <string>
 
-#include "invocation.h"
+#include "connection.h"
+#include "outcome.h"
 
 struct serve_options {
-    invocation conn;  // how hosts are reached: timeout, TLS, trust, password file
+    connection_options conn;  // how hosts are reached: timeout, TLS, trust, password file
+    output_options out;
     std::string inventory, limit, into, state;
     std::string listen_host = "127.0.0.1";
     int listen_port = 8750;

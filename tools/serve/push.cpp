@@ -1,4 +1,4 @@
-#include "serve_push.h"
+#include "push.h"
 
 #include <fcntl.h>
 #include <string.h>
@@ -17,7 +17,7 @@
 
 #include "git_store.h"
 #include "net.h"
-#include "serve_log.h"
+#include "log.h"
 
 extern char** environ;
 

@@ -15,7 +15,7 @@
 
 #include <sys/types.h>
 
-#include "serve_options.h"
+#include "options.h"
 #include "status.h"
 
 // What the metrics show of the pushes.

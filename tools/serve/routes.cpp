@@ -1,13 +1,13 @@
-#include "serve_routes.h"
+#include "routes.h"
 
 #include <time.h>
 
 #include <regex>
 
 #include "json_bytes.h"
-#include "serve_log.h"
-#include "serve_metrics.h"
-#include "serve_search.h"
+#include "log.h"
+#include "metrics.h"
+#include "search.h"
 #include "web_assets.h"
 
 using nlohmann::json;

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "http_server.h"
-#include "serve_service.h"
+#include "service.h"
 
 void answer(http_answer& res, int status, const nlohmann::json& body);
 void answer_error(http_answer& res, int status, const std::string& message);

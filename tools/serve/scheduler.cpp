@@ -1,4 +1,4 @@
-#include "serve_scheduler.h"
+#include "scheduler.h"
 
 #include <math.h>
 #include <time.h>

@@ -15,8 +15,8 @@
 
 #include "inventory.h"
 #include "natural_order.h"
-#include "serve_state.h"
-#include "serve_waiters.h"
+#include "state.h"
+#include "waiters.h"
 
 // What one run of a host gives: an error, or the new commit (empty when
 // nothing changed) and what the reports said.

@@ -1,4 +1,4 @@
-#include "serve_search.h"
+#include "search.h"
 
 #include <string.h>
 

@@ -1,12 +1,12 @@
-#include "serve_service.h"
+#include "service.h"
 
 #include <stdlib.h>
 
 #include <algorithm>
 
 #include "net.h"
-#include "serve_facts.h"
-#include "serve_log.h"
+#include "facts.h"
+#include "log.h"
 
 namespace {
 

@@ -5,14 +5,14 @@
 #include <memory>
 #include <string>
 
-#include "serve_backup.h"
-#include "serve_health.h"
-#include "serve_hooks.h"
-#include "serve_options.h"
-#include "serve_push.h"
-#include "serve_scheduler.h"
-#include "serve_state.h"
-#include "serve_targets.h"
+#include "backup.h"
+#include "health.h"
+#include "hooks.h"
+#include "options.h"
+#include "push.h"
+#include "scheduler.h"
+#include "state.h"
+#include "targets.h"
 
 class service {
 public:

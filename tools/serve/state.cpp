@@ -1,4 +1,4 @@
-#include "serve_state.h"
+#include "state.h"
 
 #include <sqlite3.h>
 #include <stdio.h>

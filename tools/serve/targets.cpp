@@ -1,10 +1,9 @@
-#include "serve_targets.h"
+#include "targets.h"
 
 #include <stdlib.h>
 #include <unistd.h>
 
 #include "connection.h"
-#include "fleet_runner.h"
 
 std::string credential_password_file() {
     const char* dir = getenv("CREDENTIALS_DIRECTORY");
@@ -40,6 +39,6 @@ kelp::status serve_targets::target_for(const inventory_host& host, reporter& not
     kelp::password_fn provider;
     kelp::status st = provider_for(src, &provider);
     if (!st) return st;
-    *out = make_target(o_.conn, hs, provider, notes);
+    *out = make_target(o_.conn, hs, provider, notes, o_.out.verbose > 0, true);
     return kelp::ok();
 }

@@ -12,7 +12,7 @@
 #include "inventory.h"
 #include "password.h"
 #include "reporter.h"
-#include "serve_options.h"
+#include "options.h"
 
 class serve_targets {
 public:

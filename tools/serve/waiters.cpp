@@ -1,8 +1,8 @@
-#include "serve_waiters.h"
+#include "waiters.h"
 
 #include <vector>
 
-#include "serve_scheduler.h"
+#include "scheduler.h"
 
 void run_waiters::add(const std::string& host, long long ticket, run_waiter w) {
     waiting_.emplace(host, std::make_pair(ticket, std::move(w)));

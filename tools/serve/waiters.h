@@ -7,7 +7,7 @@
 #include <map>
 #include <string>
 
-#include "serve_state.h"
+#include "state.h"
 
 struct host_run;
 

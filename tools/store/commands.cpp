@@ -1,4 +1,4 @@
-#include "fleet_backup.h"
+#include "commands.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -74,7 +74,7 @@ std::string commit_message(const std::vector<host_result>& results, const std::v
 }
 
 int local_error(const invocation& inv, const status& st) {
-    print_outcome(failure(st), inv.json, inv.quiet);
+    print_outcome(failure(st), inv.output.json, inv.output.quiet);
     return exit_status(st);
 }
 
@@ -106,7 +106,7 @@ int stopped(const invocation& inv, const std::vector<host_result>& results, int 
                               " hosts fetched, nothing committed");
     o.exit = exit;
     o.data = {{"hosts", results.size()}, {"fetched", fetched}};
-    print_outcome(o, inv.json, inv.quiet);
+    print_outcome(o, inv.output.json, inv.output.quiet);
     return exit;
 }
 
@@ -188,7 +188,7 @@ int run_fleet_history(const invocation& inv) {
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
                   plural(e["files"].size(), "file") + "  " + terminal_text(e["subject"].get<std::string>()) + "\n";
-    print_outcome(o, inv.json, inv.quiet);
+    print_outcome(o, inv.output.json, inv.output.quiet);
     return 0;
 }
 
@@ -203,6 +203,6 @@ int run_fleet_diff(const invocation& inv) {
                         {{"files", in_repository(inv.name, files)}, {"patch", patch}});
     o.text = patch;
     o.content = true;
-    print_outcome(o, inv.json, inv.quiet);
+    print_outcome(o, inv.output.json, inv.output.quiet);
     return 0;
 }

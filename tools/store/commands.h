@@ -10,7 +10,7 @@
 
 #include <vector>
 
-#include "fleet_runner.h"
+#include "runner.h"
 #include "invocation.h"
 
 // Before anyone is asked for a password: a folder that cannot take the

@@ -1,26 +1,52 @@
-#include "fleet.h"
-#include "fleet_backup.h"
+// kelputil-store: fleet backup, history and diff, which need libgit2 and
+// libarchive. kelputil runs it in its own place with the same arguments,
+// which it reads with the same command line.
+#include "choose.h"
+#include "cli.h"
+#include "commands.h"
+#include "files.h"
 #include "outcome.h"
-#include "store_command.h"
 
-int run_store_command(const invocation& inv, char**) {
-    std::string cmd = inv.device_command();
-    if (cmd == "history") return run_fleet_history(inv);
-    if (cmd == "diff") return run_fleet_diff(inv);
-    // A folder that cannot take the backups is refused before anyone is
-    // asked for a password.
-    kelp::status st = inv.list_hosts ? kelp::ok() : check_backup_target(inv);
-    if (!st) {
-        print_outcome(failure(st), inv.json, inv.quiet);
-        return exit_status(st);
-    }
-    return run_on_fleet(inv, [&](fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
-        return run_fleet_backup(inv, runner, hosts);
-    });
+namespace {
+
+int answer(const invocation& inv, const kelp::status& st) {
+    print_outcome(failure(st), inv.output.json, inv.output.quiet);
+    return exit_status(st);
 }
 
-// kelputil sends serve to its own helper, never here.
-int run_serve_command(const invocation& inv, char**) {
-    print_outcome(local_failure("serve runs in kelputil-serve, not kelputil-store"), inv.json, inv.quiet);
+int back_up(const invocation& inv) {
+    // A folder that cannot take the backups is refused before anyone is
+    // asked for a password.
+    kelp::status st = inv.fleet.list_hosts ? kelp::ok() : check_backup_target(inv);
+    inventory file;
+    std::vector<const inventory_host*> hosts;
+    if (st) st = choose_hosts(inv.fleet, inv.output, &file, &hosts);
+    if (st && inv.fleet.list_hosts) {
+        print_outcome(host_list(inv.conn, hosts), inv.output.json, false);
+        return 0;
+    }
+    fleet_runner runner(inv.conn, inv.output, inv.fleet);
+    if (st) st = runner.check_passwords(hosts);
+    if (!st) return answer(inv, st);
+    return run_fleet_backup(inv, runner, hosts);
+}
+
+int run(int argc, char** argv) {
+    invocation inv;
+    int end = parse_command_line(argc, argv, &inv);
+    if (end >= 0) return end;
+    remove_temporaries_on_signals();
+    std::string cmd = inv.device_command();
+    if (inv.is_fleet() && cmd == "history") return run_fleet_history(inv);
+    if (inv.is_fleet() && cmd == "diff") return run_fleet_diff(inv);
+    if (inv.is_fleet() && cmd == "backup") return back_up(inv);
+    print_outcome(local_failure("kelputil-store runs fleet backup, history and diff only"), inv.output.json,
+                  inv.output.quiet);
     return exit_usage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return run_program("kelputil-store", [&] { return run(argc, argv); });
 }

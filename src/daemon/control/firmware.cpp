@@ -10,7 +10,7 @@
 #include "core/connection.h"
 #include "core/files.h"
 #include "core/process_exit.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/replies.h"
 #include "core/state.h"
 #include "control/upgrade_relay.h"

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "core/connection.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/shell.h"
 
 struct kick_texts {

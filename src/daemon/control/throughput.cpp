@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "core/connection.h"
-#include "core/protocol.h"
+#include "protocol.h"
 
 static int wait_three_seconds(int fd, bool for_write) {
     int n = select_one(fd, for_write, 3);

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "core/connection.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/shell.h"
 
 static const char fifo_path[] = "/tmp/upgrade";

@@ -5,9 +5,9 @@
 #include <string.h>
 
 #include "core/connection.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/tokens.h"
-#include "crypto/rc4.h"
+#include "rc4.h"
 
 // Used only when /dev/urandom cannot be opened.
 static const uint8_t fallback_challenge[8] = {0x6b, 0x65, 0x6c, 0x70, 0x2d, 0x76, 0x33, 0x21};

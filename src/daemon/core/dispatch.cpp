@@ -9,7 +9,7 @@
 #include "core/client_log.h"
 #include "core/ending.h"
 #include "core/process_exit.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/replies.h"
 #include "core/state.h"
 #include "reports/hotspot_list.h"

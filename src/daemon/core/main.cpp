@@ -14,7 +14,7 @@
 #include "core/listener.h"
 #include "core/process_exit.h"
 #include "core/program_name.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/request.h"
 #include "core/state.h"
 #include "core/tls.h"

@@ -6,8 +6,8 @@
 #include "core/connection.h"
 #include "core/files.h"
 #include "core/process_exit.h"
-#include "core/protocol.h"
-#include "core/result_text.h"
+#include "protocol.h"
+#include "result_text.h"
 
 int send_result(int fd, int code) {
     if (code != code_ok) log_client(LOG_ERR, "%s", result_text(code));

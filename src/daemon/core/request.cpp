@@ -4,7 +4,7 @@
 #include <string.h>
 
 #include "core/connection.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/state.h"
 
 static void decode_act_pkt(const uint8_t* b, act_pkt_t* p) {

@@ -13,7 +13,7 @@
 #include <mbedtls/x509_crt.h>
 
 #include "core/tls_pair.h"
-#include "core/tls_socket.h"
+#include "tls_socket.h"
 
 static mbedtls_entropy_context entropy;
 static mbedtls_ctr_drbg_context drbg;

@@ -5,7 +5,7 @@
 #include <string.h>
 
 #include "core/connection.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "reports/text_field.h"
 
 // scanf's "%u"/"%Lu" as the router's 32-bit C library reads them: blanks,

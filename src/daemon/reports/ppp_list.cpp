@@ -5,7 +5,7 @@
 #include <string.h>
 
 #include "core/connection.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "reports/text_field.h"
 
 // atoi as the router's 32-bit C library does it: out-of-range values

@@ -7,7 +7,7 @@
 
 #include "core/client_log.h"
 #include "core/process_exit.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/replies.h"
 #include "transfer/frames.h"
 

@@ -9,12 +9,12 @@
 #include "core/client_log.h"
 #include "core/files.h"
 #include "core/process_exit.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/replies.h"
 #include "core/shell.h"
 #include "core/state.h"
-#include "crypto/md5.h"
-#include "crypto/rc4.h"
+#include "md5.h"
+#include "rc4.h"
 #include "transfer/frames.h"
 
 static const char plain_path[] = "/tmp/saved-configs";

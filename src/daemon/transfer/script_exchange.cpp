@@ -8,7 +8,7 @@
 #include "core/shell.h"
 #include "core/files.h"
 #include "core/process_exit.h"
-#include "core/protocol.h"
+#include "protocol.h"
 #include "core/replies.h"
 #include "core/state.h"
 #include "transfer/frames.h"

@@ -11,8 +11,8 @@ add_custom_command(OUTPUT ${kelp_pair}/cert.pem ${kelp_pair}/key.pem ${kelp_pair
   VERBATIM)
 add_custom_command(OUTPUT ${kelp_pair}/tls_pair.cpp
   COMMAND ${CMAKE_COMMAND} -DCERT=${kelp_pair}/cert.pem -DKEY=${kelp_pair}/key.pem -DOUT=${kelp_pair}/tls_pair.cpp
-          -DOPENSSL=${KELP_OPENSSL} -P ${PROJECT_SOURCE_DIR}/src/core/tls_pair.cmake
-  DEPENDS ${kelp_pair}/cert.pem ${kelp_pair}/key.pem ${PROJECT_SOURCE_DIR}/src/core/tls_pair.cmake
+          -DOPENSSL=${KELP_OPENSSL} -P ${PROJECT_SOURCE_DIR}/src/daemon/core/tls_pair.cmake
+  DEPENDS ${kelp_pair}/cert.pem ${kelp_pair}/key.pem ${PROJECT_SOURCE_DIR}/src/daemon/core/tls_pair.cmake
   VERBATIM)
 add_custom_command(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/default_cert.sha256
   COMMAND ${KELP_OPENSSL} x509 -in ${KELP_TLS_CERT} -noout -fingerprint -sha256
@@ -23,7 +23,7 @@ add_custom_target(kelp_tls_fingerprints DEPENDS ${kelp_pair}/cert.sha256 ${CMAKE
 
 # The daemon with the other pair: its tls_pair.cpp object comes before
 # libkelpd.a on the link line, so the archive's built-in pair is never pulled.
-add_executable(kelputild_custom_cert ${PROJECT_SOURCE_DIR}/src/core/main.cpp ${kelp_pair}/tls_pair.cpp)
+add_executable(kelputild_custom_cert ${PROJECT_SOURCE_DIR}/src/daemon/core/main.cpp ${kelp_pair}/tls_pair.cpp)
 target_compile_options(kelputild_custom_cert PRIVATE -fno-exceptions -fno-rtti)
 target_link_libraries(kelputild_custom_cert PRIVATE kelpd)
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/protocol.h"
+#include "protocol.h"
 #include "hex.h"
 #include "private_dirs.h"
 #include "transfer/config_bundle.h"

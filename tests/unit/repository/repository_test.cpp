@@ -13,9 +13,9 @@
 
 #include "files.h"
 #include "git_store.h"
-#include "serve_backup.h"
-#include "serve_push.h"
-#include "serve_search.h"
+#include "backup.h"
+#include "push.h"
+#include "search.h"
 
 namespace {
 

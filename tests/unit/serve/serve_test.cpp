@@ -12,13 +12,13 @@
 #include <fstream>
 #include <sstream>
 
-#include "serve_facts.h"
-#include "serve_hooks.h"
-#include "serve_metrics.h"
-#include "serve_options.h"
-#include "serve_scheduler.h"
-#include "serve_state.h"
-#include "serve_waiters.h"
+#include "facts.h"
+#include "hooks.h"
+#include "metrics.h"
+#include "options.h"
+#include "scheduler.h"
+#include "state.h"
+#include "waiters.h"
 
 namespace {
 

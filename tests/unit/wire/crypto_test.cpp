@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "crypto/rc4.h"
+#include "rc4.h"
 #include "hex.h"
 
 TEST(Rc4, PublishedVectors) {

@@ -1,0 +1,46 @@
+#include "durations.h"
+
+#include <ctype.h>
+#include <math.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <map>
+
+namespace {
+
+long long parse_number_with_suffix(const std::string& text, const std::map<std::string, double>& units) {
+    if (text.empty() || !(isdigit((unsigned char)text[0]) || text[0] == '.')) return -1;
+    char* end = nullptr;
+    double value = strtod(text.c_str(), &end);
+    auto unit = units.find(end);
+    if (unit == units.end() || !isfinite(value)) return -1;
+    double scaled = value * unit->second;
+    if (scaled > 9e15) return -1;
+    return (long long)llround(scaled);
+}
+
+std::string seconds_text(long long ms) {
+    char text[32];
+    snprintf(text, sizeof text, ms % 1000 ? "%.3g s" : "%.0f s", ms / 1000.0);
+    return text;
+}
+
+}  // namespace
+
+long long parse_duration_ms(const std::string& text) {
+    return parse_number_with_suffix(text, {{"", 1000}, {"s", 1000}, {"ms", 1}, {"m", 60000}, {"h", 3600000}});
+}
+
+long long parse_size(const std::string& text) {
+    long long n = parse_number_with_suffix(text, {{"", 1}, {"K", 1024}, {"k", 1024}, {"M", 1 << 20}, {"m", 1 << 20}});
+    return n;
+}
+
+std::string duration_problem(const std::string& text, long long min_ms, long long max_ms) {
+    long long ms = parse_duration_ms(text);
+    if (ms < 0) return "'" + text + "' is not a duration (e.g. 15, 2.5, 500ms, 2m)";
+    if (ms < min_ms || ms > max_ms)
+        return "'" + text + "' is out of range: " + seconds_text(min_ms) + " to " + seconds_text(max_ms);
+    return "";
+}

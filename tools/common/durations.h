@@ -1,0 +1,15 @@
+// Durations and sizes as operators write them ("15", "2.5", "500ms", "2m",
+// "1h"; "64K", "1M"), checked with the same words by every program.
+#pragma once
+
+#include <string>
+
+// -> milliseconds; -1 when not a duration.
+long long parse_duration_ms(const std::string& text);
+// -> bytes (binary units); -1 when not a size.
+long long parse_size(const std::string& text);
+
+// A device's --timeout, in every program and the inventory's timeout=.
+constexpr long long timeout_min_ms = 100, timeout_max_ms = 3600 * 1000;
+// "" when text is a duration from min_ms to max_ms; else what is wrong.
+std::string duration_problem(const std::string& text, long long min_ms, long long max_ms);
