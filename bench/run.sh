@@ -36,7 +36,8 @@ if [[ ${1:-} != --inside ]]; then
   # The simulator is not needed here; only what is measured is built.
   cmake -S . -B "$B" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELP_BENCH=ON -DKELP_TESTS=OFF \
     -DKELP_CLIENT=ON >/dev/null
-  ninja -C "$B" kelputild kelputil kelputil-store kelputil-serve kelp-router bundle_bench bench_fixed_steps >"$B/build.log" ||
+  ninja -C "$B" kelputild kelputil kelputil-store kelputil-serve kelp-router bundle_bench bench_fixed_steps \
+    >"$B/build.log" ||
     { cat "$B/build.log"; exit 1; }
   exec timeout 1800 unshare -m -n --propagation private bash "$ROOT/bench/run.sh" --inside
 fi
@@ -89,7 +90,8 @@ step() { printf '%s %s\n' "$(date +%T)" "$*" >&2; }
 # the pairs' ratios with their spread.
 if part throughput; then
 TR=$BENCH_THR_REPEAT TS=$BENCH_THR_SECONDS
-step "throughput: ${TR} rounds x rx/tx x (daemon, iperf3) x (64K, default buffers), tx iperf3 -w 65535 too, ${TS} s each"
+step "throughput: ${TR} rounds x rx/tx x (daemon, iperf3) x (64K, default buffers)," \
+  "tx iperf3 -w 65535 too, ${TS} s each"
 thr_ours() {  # round, direction, figure suffix, window option
   $M pair "$RAW" "thr_${2}_ours$3" --round "$1" --port 856 --server "$D" \
     --client "$C --json --plain throughput $4 $2 $TS"
@@ -130,7 +132,8 @@ fw_ours() {
 }
 fw_socat() {
   $M pair "$RAW" fw_socat --round "$1" --port 9000 \
-    --server "$(sock TCP-LISTEN:9000,reuseaddr OPEN:$W/recv.bin,creat,trunc)" --client "$(sock OPEN:$W/fw.bin TCP:127.0.0.1:9000)"
+    --server "$(sock TCP-LISTEN:9000,reuseaddr OPEN:$W/recv.bin,creat,trunc)" \
+    --client "$(sock OPEN:$W/fw.bin TCP:127.0.0.1:9000)"
 }
 fw_fixed() { $M pair "$RAW" fw_fixed --round "$1" --client "$FIXED $((32 << 20))"; }
 for r in $(seq "$BENCH_FW_REPEAT"); do
