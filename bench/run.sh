@@ -4,7 +4,7 @@
 # table of medians and ratios; a copy goes to <build>/bench/results.json.
 #   bash bench/run.sh
 # Environment: BENCH_REPEAT (3), BENCH_THR_REPEAT throughput rounds (7),
-# BENCH_THR_SECONDS per throughput run (5), BENCH_SESSIONS (200), BENCH_FLEET
+# BENCH_THR_SECONDS per throughput run (5), BENCH_FW_REPEAT firmware rounds (7), BENCH_SESSIONS (200), BENCH_FLEET
 # routers (200), BENCH_SERVE routers (500) and BENCH_SERVE_SECONDS (180: three
 # intervals), BENCH_BUILD (build-bench), BENCH_ONLY (parts: throughput bulk
 # syscalls sessions memory bundle fleet serve; default all).
@@ -13,6 +13,7 @@ cd "$(dirname "$0")/.."
 ROOT=$PWD
 export BENCH_REPEAT=${BENCH_REPEAT:-3} BENCH_SESSIONS=${BENCH_SESSIONS:-200}
 export BENCH_THR_REPEAT=${BENCH_THR_REPEAT:-7} BENCH_THR_SECONDS=${BENCH_THR_SECONDS:-5}
+export BENCH_FW_REPEAT=${BENCH_FW_REPEAT:-7}
 export BENCH_BUILD=${BENCH_BUILD:-$ROOT/build-bench} BENCH_FLEET=${BENCH_FLEET:-200}
 export BENCH_SERVE=${BENCH_SERVE:-500} BENCH_SERVE_SECONDS=${BENCH_SERVE_SECONDS:-180}
 B=$BENCH_BUILD
@@ -35,7 +36,8 @@ if [[ ${1:-} != --inside ]]; then
   # The simulator is not needed here; only what is measured is built.
   cmake -S . -B "$B" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELP_BENCH=ON -DKELP_TESTS=OFF \
     -DKELP_CLIENT=ON >/dev/null
-  ninja -C "$B" kelputild kelputil kelputil-store kelputil-serve kelp-router bundle_bench bench_upload >"$B/build.log" ||
+  ninja -C "$B" kelputild kelputil kelputil-store kelputil-serve kelp-router bundle_bench bench_fixed_steps \
+    >"$B/build.log" ||
     { cat "$B/build.log"; exit 1; }
   exec timeout 1800 unshare -m -n --propagation private bash "$ROOT/bench/run.sh" --inside
 fi
@@ -68,7 +70,7 @@ cd "$W"
 
 D=$B/src/kelputild
 C=$B/bin/kelputil
-U=$B/bench/bench_upload  # kelputil caps uploads at 512 KiB, firmware included
+FIXED=$B/bench/bench_fixed_steps
 RAW=$B/bench/raw.jsonl
 mkdir -p "$B/bench"
 : >"$RAW"
@@ -88,7 +90,8 @@ step() { printf '%s %s\n' "$(date +%T)" "$*" >&2; }
 # the pairs' ratios with their spread.
 if part throughput; then
 TR=$BENCH_THR_REPEAT TS=$BENCH_THR_SECONDS
-step "throughput: ${TR} rounds x rx/tx x (daemon, iperf3) x (64K, default buffers), ${TS} s each"
+step "throughput: ${TR} rounds x rx/tx x (daemon, iperf3) x (64K, default buffers)," \
+  "tx iperf3 -w 65535 too, ${TS} s each"
 thr_ours() {  # round, direction, figure suffix, window option
   $M pair "$RAW" "thr_${2}_ours$3" --round "$1" --port 856 --server "$D" \
     --client "$C --json --plain throughput $4 $2 $TS"
@@ -99,13 +102,17 @@ thr_iperf() {  # round, direction, figure suffix, window options
   $M pair "$RAW" "thr_${2}_iperf$3" --round "$1" --port 5201 --server "iperf3 -s -1 -p 5201" \
     --client "iperf3 -c 127.0.0.1 -p 5201 -t $TS $4 $rev -J"
 }
+# The device's 65535-byte receive buffer, set before it listens, makes its
+# window scale 0; iperf3 -w 64K asks for 65536 and gets scale 1, twice the
+# window. Receiving, the device is also set against iperf3 at its own size.
+thr_iperf_device() { [[ $2 == rx ]] || thr_iperf "$1" tx _d "-w 65535 -l 128K"; }
 for r in $(seq "$TR"); do
   for d in rx tx; do
     if ((r % 2)); then
-      thr_ours "$r" $d "" "--window 64K"; thr_iperf "$r" $d _w "-w 64K -l 128K"
+      thr_ours "$r" $d "" "--window 64K"; thr_iperf "$r" $d _w "-w 64K -l 128K"; thr_iperf_device "$r" $d
       thr_ours "$r" $d _auto ""; thr_iperf "$r" $d "" ""
     else
-      thr_iperf "$r" $d _w "-w 64K -l 128K"; thr_ours "$r" $d "" "--window 64K"
+      thr_iperf_device "$r" $d; thr_iperf "$r" $d _w "-w 64K -l 128K"; thr_ours "$r" $d "" "--window 64K"
       thr_iperf "$r" $d "" ""; thr_ours "$r" $d _auto ""
     fi
   done
@@ -113,14 +120,30 @@ done
 fi
 
 if part bulk; then
-step "bulk: firmware 32 MiB and backup 512 KiB vs socat, ${BENCH_REPEAT} times"
-for r in $(seq "$BENCH_REPEAT"); do
-  $M pair "$RAW" fw_ours --port 856 --server "$D" --client "$U $W/fw.bin"
+step "bulk: firmware 32 MiB against socat and the router's fixed steps, ${BENCH_FW_REPEAT} rounds;" \
+  "backup 512 KiB against socat, ${BENCH_REPEAT} times"
+# The floor of an upload: socat's copy of the image (which writes it once)
+# plus what the router does besides taking it in (its free-space probe writes
+# it a second time, and two syncs), run through the daemon's own code. The
+# three run back to back in each round, in an order that turns.
+fw_ours() {
+  $M pair "$RAW" fw_ours --round "$1" --port 856 --server "$D" --client "$C -q --plain firmware $W/fw.bin"
   rm -f /tmp/firmware.bin
-  $M pair "$RAW" fw1_ours --port 856 --server "$D" --client "$U $W/fw1.bin"
-  rm -f /tmp/firmware.bin
-  $M pair "$RAW" fw_socat --port 9000 --server "$(sock TCP-LISTEN:9000,reuseaddr OPEN:$W/recv.bin,creat,trunc)" \
+}
+fw_socat() {
+  $M pair "$RAW" fw_socat --round "$1" --port 9000 \
+    --server "$(sock TCP-LISTEN:9000,reuseaddr OPEN:$W/recv.bin,creat,trunc)" \
     --client "$(sock OPEN:$W/fw.bin TCP:127.0.0.1:9000)"
+}
+fw_fixed() { $M pair "$RAW" fw_fixed --round "$1" --client "$FIXED $((32 << 20))"; }
+for r in $(seq "$BENCH_FW_REPEAT"); do
+  case $((r % 3)) in
+    1) fw_ours "$r"; fw_socat "$r"; fw_fixed "$r" ;;
+    2) fw_socat "$r"; fw_fixed "$r"; fw_ours "$r" ;;
+    0) fw_fixed "$r"; fw_ours "$r"; fw_socat "$r" ;;
+  esac
+done
+for r in $(seq "$BENCH_REPEAT"); do
   $M pair "$RAW" backup_ours --port 856 --server "$D" --client "$C -q --plain backup $W/backup.dat"
   $M pair "$RAW" backup_socat --port 9000 --server "$(sock OPEN:$W/config.bin TCP-LISTEN:9000,reuseaddr)" \
     --client "$(sock TCP:127.0.0.1:9000 OPEN:$W/recv.bin,creat,trunc)"
@@ -130,7 +153,7 @@ fi
 if part syscalls; then
 step "system calls: one run of each under strace -c -f"
 st() { echo "strace -c -f -o $W/$1.st"; }
-$M pair "$RAW" strace_fw --port 856 --server "$(st d) $D" --client "$(st c) $U $W/fw.bin"
+$M pair "$RAW" strace_fw --port 856 --server "$(st d) $D" --client "$(st c) $C -q --plain firmware $W/fw.bin"
 rm -f /tmp/firmware.bin
 $M strace "$RAW" st_fw_daemon "$W/d.st" $((32 << 20))
 $M strace "$RAW" st_fw_client "$W/c.st" $((32 << 20))
@@ -166,8 +189,8 @@ fi
 if part memory; then
 step "peak memory: ${BENCH_REPEAT} x (32 MiB and 1 MiB upload, TLS and plain login, baselines)"
 for r in $(seq "$BENCH_REPEAT"); do
-  $M pair "$RAW" mem_fw --rss --port 856 --server "$D" --client "$U $W/fw.bin"
-  $M pair "$RAW" mem_fw1 --rss --port 856 --server "$D" --client "$U $W/fw1.bin"
+  $M pair "$RAW" mem_fw --rss --port 856 --server "$D" --client "$C -q --plain firmware $W/fw.bin"
+  $M pair "$RAW" mem_fw1 --rss --port 856 --server "$D" --client "$C -q --plain firmware $W/fw1.bin"
   rm -f /tmp/firmware.bin
   $M pair "$RAW" mem_tls --rss --port 857 --server "$W/kelputild-tls" --client "$C -q check"
   $M pair "$RAW" mem_plain --rss --port 856 --server "$D" --client "$C -q --plain check"

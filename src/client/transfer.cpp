@@ -2,6 +2,9 @@
 
 #include <string.h>
 
+#include <algorithm>
+#include <vector>
+
 namespace kelp {
 
 status decode_frame(const uint8_t frame[frame_len], size_t* length) {
@@ -29,15 +32,20 @@ status receive_body(session& s, uint32_t size, bytes* out, const progress_fn& pr
 }
 
 status send_body(session& s, const bytes& body, const progress_fn& progress) {
-    uint8_t frame[frame_len];
+    // Frames go out many to one send: the device reads a frame at a time
+    // whatever arrives, and a send per frame cost more than the frames' bytes.
+    constexpr size_t frames_per_send = 44;  // about 64 KiB
+    std::vector<uint8_t> batch(frames_per_send * frame_len);
     size_t done = 0;
     while (done < body.size()) {
-        size_t n = body.size() - done;
-        if (n > frame_payload_len) n = frame_payload_len;
-        encode_frame(body.data() + done, n, frame);
-        status st = s.send_raw(frame, sizeof frame);
+        size_t filled = 0;
+        for (; filled < batch.size() && done < body.size(); filled += frame_len) {
+            size_t n = std::min(body.size() - done, frame_payload_len);
+            encode_frame(body.data() + done, n, batch.data() + filled);
+            done += n;
+        }
+        status st = s.send_raw(batch.data(), filled);
         if (!st) return st;
-        done += n;
         if (progress) progress(done, body.size());
     }
     return ok();

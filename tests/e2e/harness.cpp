@@ -1,6 +1,7 @@
 #include "harness.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -99,6 +100,7 @@ bytes raw_client::receive(size_t n, int timeout_ms) {
         if (left <= 0 || poll(&p, 1, left) <= 0) break;
         uint8_t buf[65536];
         ssize_t got = recv(fd_, buf, std::min(sizeof buf, n - out.size()), 0);
+        reset_ = got < 0 && errno == ECONNRESET;
         if (got <= 0) break;
         out.insert(out.end(), buf, buf + got);
     }
@@ -251,6 +253,7 @@ void daemon_test::run(const exchange& x) {
     }
     if (!x.hang_up) got = got + client.receive(SIZE_MAX, 15000);
     EXPECT_TRUE(got == x.replies) << first_difference(got, x.replies);
+    EXPECT_TRUE(!x.unread || client.was_reset()) << "the daemon read beyond what it needed";
     EXPECT_EQ(exit_status(x.status == router::still_running ? 300 : 15000), x.status) << out();
     for (auto& [priority, line] : x.logs) expect_log(priority, plain ? "kelputild" : "kelputild/ssl", line);
     strings lines = out_lines();

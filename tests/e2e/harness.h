@@ -44,12 +44,15 @@ public:
     bytes receive(size_t n, int timeout_ms = 5000);
     // True when the peer closes (or resets) within the wait, with no data.
     bool closed_by_peer(int timeout_ms = 5000);
+    // The last receive ended in a reset: the peer closed with our bytes unread.
+    bool was_reset() const { return reset_; }
     void close_now();
     void shutdown_write();
     int fd() const { return fd_; }
 
 private:
     int fd_ = -1;
+    bool reset_ = false;
 };
 
 constexpr const char* password = "secret";
@@ -75,6 +78,7 @@ struct exchange {
     bool empty_records = false;  // TLS: an empty record before the auth reply and the request
     bool one_record = false;     // TLS: the request in the auth reply's record
     bytes replies = {};    // every byte after the request, until the daemon closes
+    bool unread = false;   // the daemon must end with bytes of the body unread (we see a reset)
     int status = 0;
     std::vector<std::pair<int, std::string>> logs = {};
     strings out = {};    // the last lines of stdout

@@ -2,6 +2,7 @@
 
 #include <string.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "core/tls.h"
@@ -66,3 +67,12 @@ static int move_all(int fd, char* p, int n, bool writing) {
 int send_all(int fd, const void* buffer, int n) { return move_all(fd, (char*)buffer, n, true); }
 
 int recv_all(int fd, void* buffer, int n) { return move_all(fd, (char*)buffer, n, false); }
+
+// Plain bytes only: the transfers that look ahead run after the request,
+// when the connection no longer speaks TLS.
+int peek_waiting(int fd, void* buffer, int length) {
+    alarm(30);
+    int got = wait_readable(fd) < 0 ? -1 : (int)recv(fd, buffer, (size_t)length, MSG_PEEK);
+    alarm(0);
+    return got;
+}

@@ -16,3 +16,6 @@ int conn_write(int fd, const void* buffer, int length);
 int conn_read(int fd, void* buffer, int length);
 int send_all(int fd, const void* buffer, int n);
 int recv_all(int fd, void* buffer, int n);
+// Copies up to length waiting bytes without taking them off the socket, with
+// the same wait and alarm as a read: >0 bytes seen, 0 the peer's end, -1 error.
+int peek_waiting(int fd, void* buffer, int length);

@@ -4,8 +4,7 @@
 #include <stdint.h>
 
 bool send_chunk(int fd, const uint8_t* data, int count);
-// False on a short receive, a length of 0, or a length above 1460.
-bool receive_chunk(int fd, uint8_t* buffer, int* count);
 bool send_file(int fd, const char* path);
-// Receives size bytes into path; the target is removed on failure.
+// Receives size bytes into path; the target is removed on failure: a short
+// receive, a length of 0 or a length above 1460.
 bool receive_file(int fd, const char* path, uint32_t size);

@@ -62,6 +62,10 @@ TEST_F(Control, Firmware) {
          .logs = {{info, "127.0.0.1 - firmware received from client"}}, .left = {"firmware.bin="}},
         {.name = "image", .request = act_pkt(241, 0, 0x02, 3000), .body = frames(image), .replies = ok + ok,
          .left = {"firmware.bin=" + std::string(image.begin(), image.end())}},
+        // What follows the image is never read.
+        {.name = "image and a frame more", .request = act_pkt(241, 0, 0, 3000),
+         .body = frames(image) + frame(bytes(10, 1)), .replies = ok + ok, .unread = true,
+         .left = {"firmware.bin=" + std::string(image.begin(), image.end())}},
     });
 }
 

@@ -96,7 +96,8 @@ TEST_F(Transfer, ScriptUploads) {
         // Bad frames: the upload is dropped, the script in place kept, though
         // the frames would add up to the declared size.
         {.name = "frame of length 0", .files = fw, .request = act_pkt(4, 2, 0, 2000),
-         .body = first + frame({}) + frame(bytes(1000, 'b')), .replies = ok, .status = 1, .out = {"read failed.."},
+         .body = first + frame({}) + frame(bytes(1000, 'b')), .replies = ok, .unread = true, .status = 1,
+         .out = {"read failed.."},
          .left = {"/etc/config/fw.scr=keep\n"}},
         {.name = "frame of length 1461", .files = fw, .request = act_pkt(4, 2, 0, 2461), .body = first + too_long,
          .replies = ok, .status = 1, .out = {"read failed.."}, .left = {"/etc/config/fw.scr=keep\n"}},
