@@ -10,9 +10,8 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <chrono>
-
 #include "bundle.h"
+#include "clock.h"
 #include "transfer.h"
 
 namespace kelp {
@@ -58,9 +57,7 @@ status read_records(session& s, size_t rec_len, Decode decode, std::vector<Recor
     return s.expect_result();
 }
 
-double since(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
+double since(double start) { return monotonic_seconds() - start; }
 
 }  // namespace
 
@@ -267,7 +264,7 @@ status throughput(const target& t, bool receive, double seconds, uint8_t flags, 
     // Contents don't matter: zeros. Received in the device's block size.
     static uint8_t block[1 << 20];
     const size_t chunk = receive ? 131072 : sizeof block;
-    auto start = std::chrono::steady_clock::now();
+    double start = monotonic_seconds();
     double next_tick = 1;
     double idle = 0;  // seconds without progress, against the time-out
     double last_progress = 0;

@@ -8,7 +8,6 @@
 // that process closed its listener, before any greeting.
 #include <errno.h>
 #include <poll.h>
-#include <stdio.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -42,15 +41,9 @@ void note(const target& t, const std::string& line) {
     if (t.log) t.log(line);
 }
 
-std::string seconds_text(long long ms) {
-    char text[32];
-    snprintf(text, sizeof text, "%.1f s", ms / 1000.0);
-    return text;
-}
-
 status busy(const target& t, long long waited_ms) {
     return fail(error_kind::timed_out, where(t) + " accepted the connection but sent no greeting within " +
-                                           seconds_text(waited_ms) +
+                                           seconds_text(waited_ms / 1000.0) +
                                            ": the device serves one session at a time and may be busy with "
                                            "another; try again later, or raise --timeout");
 }
@@ -123,7 +116,7 @@ status greet_step(session& s, const target& t, long long started, uint8_t challe
 status dropped_too_often(const target& t, int attempts, long long started) {
     return fail(error_kind::closed, where(t) + " closed the connection before its greeting " +
                                         std::to_string(attempts) + " times in " +
-                                        seconds_text(monotonic_ms() - started) + ": is it a kelputild?");
+                                        seconds_text((monotonic_ms() - started) / 1000.0) + ": is it a kelputild?");
 }
 
 }  // namespace

@@ -2,10 +2,11 @@
 
 #include <ctype.h>
 #include <math.h>
-#include <stdio.h>
 #include <stdlib.h>
 
 #include <map>
+
+#include "clock.h"
 
 namespace {
 
@@ -18,12 +19,6 @@ long long parse_number_with_suffix(const std::string& text, const std::map<std::
     double scaled = value * unit->second;
     if (scaled > 9e15) return -1;
     return (long long)llround(scaled);
-}
-
-std::string seconds_text(long long ms) {
-    char text[32];
-    snprintf(text, sizeof text, ms % 1000 ? "%.3g s" : "%.0f s", ms / 1000.0);
-    return text;
 }
 
 }  // namespace
@@ -41,6 +36,6 @@ std::string duration_problem(const std::string& text, long long min_ms, long lon
     long long ms = parse_duration_ms(text);
     if (ms < 0) return "'" + text + "' is not a duration (e.g. 15, 2.5, 500ms, 2m)";
     if (ms < min_ms || ms > max_ms)
-        return "'" + text + "' is out of range: " + seconds_text(min_ms) + " to " + seconds_text(max_ms);
+        return "'" + text + "' is out of range: " + kelp::seconds_text(min_ms / 1000.0) + " to " + kelp::seconds_text(max_ms / 1000.0);
     return "";
 }

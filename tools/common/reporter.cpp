@@ -3,18 +3,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
-#include <time.h>
 #include <unistd.h>
 
+#include "clock.h"
 #include "outcome.h"
 
 namespace {
-
-double now() {
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec + t.tv_nsec / 1e9;
-}
 
 std::string human_bytes(double n) {
     static const char* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
@@ -77,7 +71,7 @@ std::string meter_line(uint64_t done, uint64_t total, double seconds, int width)
     return line;
 }
 
-terminal_reporter::terminal_reporter(bool quiet) : quiet_(quiet), meter_(!quiet && isatty(2)), start_(now()) {}
+terminal_reporter::terminal_reporter(bool quiet) : quiet_(quiet), meter_(!quiet && isatty(2)), start_(kelp::monotonic_seconds()) {}
 
 void terminal_reporter::end_meter() {
     if (drawn_) fputc('\n', stderr);
@@ -86,7 +80,7 @@ void terminal_reporter::end_meter() {
 
 void terminal_reporter::progress(uint64_t done, uint64_t total) {
     if (!meter_) return;
-    double t = now();
+    double t = kelp::monotonic_seconds();
     if (done != total && t - last_ < 0.1) return;
     if (last_ < 0) start_ = t;
     last_ = t;
@@ -115,7 +109,7 @@ void terminal_reporter::interval(double start, double end, uint64_t bytes) {
 }
 
 void json_reporter::progress(uint64_t done, uint64_t total) {
-    double t = now();
+    double t = kelp::monotonic_seconds();
     if (done != total && t - last_ < 0.5) return;
     last_ = t;
     printf("%s\n", json_line({{"event", "progress"}, {"done", done}, {"total", total}}).c_str());

@@ -7,7 +7,7 @@
 
 #include <chrono>
 
-#include "net.h"
+#include "clock.h"
 #include "log.h"
 
 namespace {
@@ -100,7 +100,7 @@ hook_runner::end hook_runner::run(const job& j) {
     }
     int status = wait_bounded(pid);
     if (status == -1)
-        log_event(j.what + ": the hook ran longer than " + seconds_text(timeout_ms_ / 1000.0) +
+        log_event(j.what + ": the hook ran longer than " + kelp::seconds_text(timeout_ms_ / 1000.0) +
                   " and was ended (--hook-timeout)");
     else if (status == -2)
         log_event(j.what + ": the hook was ended: the service is stopping");

@@ -8,22 +8,16 @@
 #include <mutex>
 
 #include "outcome.h"
-#include "scheduler.h"
+#include "clock.h"
 
 void log_event(const std::string& line) {
     static std::mutex lock;
     static const bool journal = getenv("JOURNAL_STREAM") != nullptr;
     std::lock_guard<std::mutex> hold(lock);
     // A device's text may hold control characters: never raw into the log.
-    std::string stamp = journal ? "" : iso_time(now_seconds()) + " ";
+    std::string stamp = journal ? "" : iso_time(kelp::wall_seconds()) + " ";
     fprintf(stderr, "%skelputil serve: %s\n", stamp.c_str(), terminal_text(line).c_str());
     fflush(stderr);
-}
-
-std::string seconds_text(double seconds) {
-    char text[32];
-    snprintf(text, sizeof text, seconds >= 100 ? "%.0f s" : "%.3g s", seconds);
-    return text;
 }
 
 std::string iso_time(double unix_seconds) {

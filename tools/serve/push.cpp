@@ -8,15 +8,14 @@
 #include <stdio.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <iostream>
 
+#include "clock.h"
 #include "git_store.h"
-#include "net.h"
 #include "log.h"
 
 extern char** environ;
@@ -28,12 +27,6 @@ namespace {
 constexpr int nothing_to_push = 3;
 
 const char child_flag[] = "--internal-push";
-
-double wall_now() {
-    struct timespec t;
-    clock_gettime(CLOCK_REALTIME, &t);
-    return t.tv_sec + t.tv_nsec / 1e9;
-}
 
 // The child in a group of its own, signals as a new program has them.
 pid_t spawn_child(int in, int out) {
@@ -161,7 +154,7 @@ kelp::status pusher::push_once(bool* tried) {
     int status = 0;
     waitpid(pid, &status, 0);
     if (late)
-        return kelp::fail(kelp::error_kind::timed_out, what + ": no end within " + seconds_text(timeout_ms_ / 1000.0) +
+        return kelp::fail(kelp::error_kind::timed_out, what + ": no end within " + kelp::seconds_text(timeout_ms_ / 1000.0) +
                                                            " (--push-timeout): the push was ended");
     *tried = !(WIFEXITED(status) && WEXITSTATUS(status) == nothing_to_push);
     if (WIFEXITED(status) && (WEXITSTATUS(status) == 0 || !*tried)) return kelp::ok();
@@ -182,7 +175,7 @@ void pusher::work() {
         hold.unlock();
         bool tried = true;
         kelp::status st = push_once(&tried);
-        double now = wall_now();
+        double now = kelp::wall_seconds();
         hold.lock();
         if (stopping_) return;  // ended by the stop, not by the remote
         if (!tried) continue;  // nothing committed yet: neither a success nor a failure
@@ -195,7 +188,7 @@ void pusher::work() {
             if (listener_) listener_->push_ok(now);
             continue;
         }
-        log_event(st.message + "; trying again in " + seconds_text(pause));
+        log_event(st.message + "; trying again in " + kelp::seconds_text(pause));
         failing = true;
         pending_ = true;
         report_.failures++;

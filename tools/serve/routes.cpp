@@ -4,6 +4,7 @@
 
 #include <regex>
 
+#include "clock.h"
 #include "json_bytes.h"
 #include "log.h"
 #include "metrics.h"
@@ -225,7 +226,7 @@ void post_backup(service& s, const http_request& req, http_answer& res) {
     if (!s.schedule().running()) return answer_error(res, 409, "the service is stopping");
     // A place among the waiting clients first: without one, nothing is queued.
     http_answer late;
-    answer_error(late, 504, name + "'s backup did not finish in " + seconds_text(bound / 1000.0));
+    answer_error(late, 504, name + "'s backup did not finish in " + kelp::seconds_text(bound / 1000.0));
     std::shared_ptr<http_later> later = wait == "1" ? res.later(bound, late) : nullptr;
     if (wait == "1" && !later) return;
     if (!s.schedule().run_now(name, &ticket)) {
@@ -241,7 +242,7 @@ void post_backup(service& s, const http_request& req, http_answer& res) {
         if (end == wait_end::stopping) answer_error(res, 503, "the service is stopping");
         if (end == wait_end::host_left) answer_error(res, 404, "no host " + name + " is served");
         if (end != wait_end::finished) return later->answer(std::move(res));
-        json out = host_json(st, now_seconds(), interval);
+        json out = host_json(st, kelp::wall_seconds(), interval);
         out["ok"] = r.error.empty();
         out["changed"] = !r.commit.empty();
         out["commit"] = text_or_null(r.commit);
