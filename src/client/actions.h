@@ -70,10 +70,13 @@ using line_fn = std::function<void(const std::string& line)>;
 status upload_firmware(const target& t, const bytes& image, bool start_upgrade, const progress_fn& p = nullptr,
                        const line_fn& on_line = nullptr, const line_fn& on_phase = nullptr);
 
+// Megabits (10^6 bits) a second; 0 for no time.
+inline double mbit_per_s(uint64_t bytes, double seconds) { return seconds > 0 ? bytes * 8 / seconds / 1e6 : 0; }
+
 struct throughput_result {
     uint64_t bytes = 0;
     double seconds = 0;
-    double mbit_per_s() const { return seconds > 0 ? bytes * 8 / seconds / 1e6 : 0; }
+    double mbit_per_s() const { return kelp::mbit_per_s(bytes, seconds); }
 };
 // Called at every whole second and once at the end, with the time since the
 // start and the bytes moved so far.

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "actions.h"
 #include "clock.h"
 #include "outcome.h"
 
@@ -26,8 +27,6 @@ std::string clock_text(double seconds) {
     else snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
     return text;
 }
-
-double mbit_per_s(uint64_t bytes, double seconds) { return seconds > 0 ? bytes * 8 / seconds / 1e6 : 0; }
 
 }  // namespace
 
@@ -104,7 +103,7 @@ void terminal_reporter::upgrade_line(const std::string& line) {
 }
 
 void terminal_reporter::interval(double start, double end, uint64_t bytes) {
-    if (!quiet_) printf("[%5.1f-%5.1f s] %10.1f Mbit/s\n", start, end, mbit_per_s(bytes, end - start));
+    if (!quiet_) printf("[%5.1f-%5.1f s] %10.1f Mbit/s\n", start, end, kelp::mbit_per_s(bytes, end - start));
     flush_stdout();
 }
 
@@ -131,7 +130,7 @@ void json_reporter::interval(double start, double end, uint64_t bytes) {
                               {"start", json_seconds(start)},
                               {"end", json_seconds(end)},
                               {"bytes", bytes},
-                              {"mbit_per_s", mbit_per_s(bytes, end - start)}})
+                              {"mbit_per_s", kelp::mbit_per_s(bytes, end - start)}})
                        .c_str());
     flush_stdout();
 }
