@@ -93,7 +93,7 @@ status write_member(archive* a, archive_entry* entry, const std::string& name, c
     if (!content.empty() && archive_read_data(a, content.data(), content.size()) != (la_ssize_t)content.size())
         return damaged(a, "short member");
     unlink(target.c_str());  // a member may come twice: the last one wins, as tar has it
-    status st = make_parent_folders(target);
+    status st = kelp::make_parent_folders(target);
     if (st) st = write_new_file(target, content, 0600);
     if (st || is_disk_error(st.code)) return st;
     return fail(error_kind::protocol, "the configuration archive's member " + name + " cannot be kept as a file: " +
