@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "folders.h"
+#include "lines.h"
 
 namespace kelp {
 
@@ -58,11 +59,8 @@ bool well_formed(const std::string& line) {
 // contact past a damaged line could accept a certificate the line refused.
 status find(const std::string& text, const std::string& file, const std::string& where, entry* out) {
     int number = 0;
-    for (size_t start = 0; start < text.size();) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(start, end - start);
-        start = end + 1;
+    for (std::string_view view : lines_of(text)) {
+        std::string line(view);
         number++;
         if (line.empty() || line[0] == '#') continue;
         if (!well_formed(line))

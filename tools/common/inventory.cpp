@@ -6,17 +6,14 @@
 
 #include "durations.h"
 #include "files.h"
+#include "lines.h"
 #include "tls_transport.h"
 #include "words.h"
 
 using kelp::error_kind;
 using kelp::fail;
 using kelp::status;
-
-std::string trim(const std::string& s) {
-    size_t a = s.find_first_not_of(" \t\r\n\v\f"), b = s.find_last_not_of(" \t\r\n\v\f");
-    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
-}
+using kelp::trim;
 
 namespace {
 
@@ -349,11 +346,8 @@ status parse(parser& p, const std::string& text) {
     p.groups["ungrouped"];
     // Editors on Windows start a UTF-8 file with a byte-order mark.
     size_t start = text.rfind("\xEF\xBB\xBF", 0) == 0 ? 3 : 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::string line = trim(text.substr(start, end - start));
-        start = end + 1;
+    for (std::string_view raw : kelp::lines_of(std::string_view(text).substr(start))) {
+        std::string line = trim(raw);
         p.line++;
         if (line.empty() || line[0] == '#' || line[0] == ';') continue;
         status st = line[0] == '['      ? section_line(p, line, &group, &kind)

@@ -54,6 +54,3 @@ kelp::status load_inventory(const std::string& path, inventory* out);
 // element that matches nothing is an error: a typo must not reboot the
 // wrong routers.
 kelp::status select_hosts(const inventory& inv, const std::string& pattern, std::vector<const inventory_host*>* out);
-
-// Python's str.strip(), as Ansible strips its lines and --limit elements.
-std::string trim(const std::string& s);

@@ -12,6 +12,7 @@
 #include "durations.h"
 #include "words.h"
 #include "files.h"
+#include "lines.h"
 #include "outcome.h"
 #include "password.h"
 
@@ -165,11 +166,6 @@ std::string config_path(const std::vector<char*>& args) {
     return "";
 }
 
-std::string trimmed(const std::string& s) {
-    size_t b = s.find_first_not_of(" \t\r"), e = s.find_last_not_of(" \t\r");
-    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
-}
-
 // A key the service does not know is most likely a typo: an error naming
 // FILE:LINE and the nearest key, rather than a setting silently lost.
 std::string check_config_keys(const CLI::App& app, const std::string& path) {
@@ -181,19 +177,18 @@ std::string check_config_keys(const CLI::App& app, const std::string& path) {
     std::string text(data.begin(), data.end());
     std::map<std::string, int> seen;
     int number = 0;
-    for (size_t at = 0; at < text.size(); number++) {
-        size_t end = std::min(text.find('\n', at), text.size());
-        std::string line = trimmed(text.substr(at, end - at));
-        at = end + 1;
+    for (std::string_view raw : kelp::lines_of(text)) {
+        number++;
+        std::string line = kelp::trim(raw);
         size_t eq = line.find('=');
         if (line.empty() || line[0] == '#' || line[0] == ';' || line[0] == '[' || eq == std::string::npos) continue;
-        std::string key = trimmed(line.substr(0, eq));
+        std::string key = kelp::trim(line.substr(0, eq));
         if (key.size() >= 2 && key.front() == '"' && key.back() == '"') key = key.substr(1, key.size() - 2);
-        std::string where = path + ":" + std::to_string(number + 1) + ": ";
+        std::string where = path + ":" + std::to_string(number) + ": ";
         if (seen.count(key))
             return where + "the key '" + key + "' is given again (first on line " + std::to_string(seen[key]) +
                    "): keep one";
-        seen[key] = number + 1;
+        seen[key] = number;
         if (std::find(known.begin(), known.end(), key) != known.end()) continue;
         std::string best = closest(key, known);
         return where + "unknown key '" + key + "'" +
