@@ -15,6 +15,7 @@
 
 #include "actions.h"
 #include "net.h"
+#include "retry.h"
 #include "tls_transport.h"
 
 namespace kelp {
@@ -63,11 +64,10 @@ status connect_step(session& s, const target& t, long long deadline) {
             return st;
         }
         if (!refused) return st;
-        if (monotonic_ms() + retry_pause_ms >= refused_until)
+        if (!pause_within(retry_pause_ms, refused_until))
             return fail(error_kind::connect_failed, where(t) + " refused the connection: is kelputild running there, "
                                                                "and is the port right? (TLS 857, plain 856)");
         note(t, "refused; the device may be between two sessions, trying again");
-        usleep(retry_pause_ms * 1000);
     }
 }
 
@@ -133,9 +133,8 @@ status open_session(session& s, const target& t, const request& r) {
         uint8_t challenge[challenge_len];
         if (st) st = greet_step(s, t, started, challenge);
         if (st.kind == error_kind::closed) {
-            if (monotonic_ms() + retry_pause_ms >= deadline) return dropped_too_often(t, attempt, started);
+            if (!pause_within(retry_pause_ms, deadline)) return dropped_too_often(t, attempt, started);
             note(t, "dropped before the greeting (the device was between two sessions); trying again");
-            usleep(retry_pause_ms * 1000);
             continue;
         }
         if (!st) return st;

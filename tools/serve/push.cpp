@@ -17,6 +17,7 @@
 #include "clock.h"
 #include "git_store.h"
 #include "log.h"
+#include "retry.h"
 
 extern char** environ;
 
@@ -27,6 +28,12 @@ namespace {
 constexpr int nothing_to_push = 3;
 
 const char child_flag[] = "--internal-push";
+
+// A failed push is tried again after 5 s, then after twice as long each
+// time, at most every 5 minutes: a remote that is down is not hammered.
+constexpr double retry_first_s = 5, retry_max_s = 300;
+// What the log keeps of the child's words: the last line says why.
+constexpr size_t max_child_text = 65536;
 
 // The child in a group of its own, signals as a new program has them.
 pid_t spawn_child(int in, int out) {
@@ -68,7 +75,7 @@ std::string read_until(int fd, long long deadline_ms, bool* late) {
         char buf[4096];
         ssize_t n = read(fd, buf, sizeof buf);
         if (n <= 0) return text;
-        if (text.size() < 65536) text.append(buf, (size_t)n);
+        if (text.size() < max_child_text) text.append(buf, (size_t)n);
     }
 }
 
@@ -166,8 +173,7 @@ kelp::status pusher::push_once(bool* tried) {
 
 void pusher::work() {
     std::unique_lock<std::mutex> hold(lock_);
-    double pause = 5;
-    bool failing = false;
+    int failures = 0;  // in a row
     while (true) {
         wake_.wait(hold, [&] { return pending_ || stopping_; });
         if (stopping_) return;
@@ -180,22 +186,20 @@ void pusher::work() {
         if (stopping_) return;  // ended by the stop, not by the remote
         if (!tried) continue;  // nothing committed yet: neither a success nor a failure
         if (st) {
-            if (failing) log_event("push to " + shown_remote(remote_) + " works again");
-            failing = false;
-            pause = 5;
+            if (failures > 0) log_event("push to " + shown_remote(remote_) + " works again");
+            failures = 0;
             report_.last_success = now;
             report_.last_error.clear();
             if (listener_) listener_->push_ok(now);
             continue;
         }
+        double pause = kelp::backoff(retry_first_s, retry_max_s, ++failures);
         log_event(st.message + "; trying again in " + kelp::seconds_text(pause));
-        failing = true;
         pending_ = true;
         report_.failures++;
         report_.last_error = st.message;
         if (listener_) listener_->push_failed(st.message);
         wake_.wait_for(hold, std::chrono::milliseconds((long long)(pause * 1000)), [&] { return stopping_; });
-        pause = std::min(pause * 2, 300.0);
     }
 }
 

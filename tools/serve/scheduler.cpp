@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "clock.h"
+#include "retry.h"
 
 namespace {
 
@@ -19,8 +20,7 @@ std::string address_of(const inventory_host& h) {
 schedule_clock real_clock() { return {kelp::monotonic_seconds, kelp::wall_seconds}; }
 
 double retry_delay(double interval, int failures) {
-    double delay = interval / 16 * pow(2, std::max(failures, 1) - 1);
-    return std::min(delay, interval / 2);
+    return kelp::backoff(interval / 16, interval / 2, failures);
 }
 
 bool is_overdue(const host_state& h, double now, double interval) {
