@@ -66,11 +66,8 @@ const char* const no_such_script = "the device has no such script";
 bool is_missing_script(const status& s) { return s.kind == error_kind::closed && s.message == no_such_script; }
 
 uint8_t script_by_name(const std::string& name) {
-    if (name == "cbq") return script_cbq;
-    if (name == "fw") return script_fw;
-    if (name == "nat") return script_nat;
-    if (name == "dhcp") return script_dhcp;
-    return 0;
+    const script_entry* script = script_by_word(name.c_str());
+    return script ? script->number : 0;
 }
 
 status trigger(const target& t, uint8_t flags) {

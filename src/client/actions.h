@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "records.h"
+#include "scripts.h"
 #include "session.h"
 #include "status.h"
 
@@ -35,8 +36,7 @@ struct target {
     long long deadline_ms = 0;  // CLOCK_MONOTONIC ms bounding the whole action; 0: none
 };
 
-enum script_number : uint8_t { script_cbq = 1, script_fw = 2, script_nat = 3, script_dhcp = 7 };
-// "cbq", "fw", "nat", "dhcp" -> number; 0 when unknown.
+// A script's word (scripts.h) -> its number; 0 when unknown.
 uint8_t script_by_name(const std::string& name);
 
 // Connects (TLS if asked), logs in and sends the request. All of it is
