@@ -10,6 +10,8 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <algorithm>
+
 #include "bundle.h"
 #include "clock.h"
 #include "transfer.h"
@@ -228,8 +230,11 @@ status upload_firmware(const target& t, const bytes& image, bool start_upgrade, 
 // polling and trying again cost a third more CPU per byte, and on a busy
 // machine the CPU is the limit. Sends of 1 MiB keep the socket's buffer full
 // between the waits, so the device finds data at every read.
+constexpr int send_wait_us = 50000;
+constexpr size_t send_chunk = 1 << 20;
+
 static status prepare_sending(int fd) {
-    timeval wait{0, 50000};
+    timeval wait{0, send_wait_us};
     if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) < 0 ||
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait) < 0)
         return fail(error_kind::local, std::string("preparing the socket for the test: ") + strerror(errno));
@@ -259,8 +264,8 @@ status throughput(const target& t, bool receive, double seconds, uint8_t flags, 
     if (!receive && !(st = prepare_sending(s.fd()))) return st;
 
     // Contents don't matter: zeros. Received in the device's block size.
-    static uint8_t block[1 << 20];
-    const size_t chunk = receive ? 131072 : sizeof block;
+    static uint8_t block[std::max(send_chunk, throughput_block)];
+    const size_t chunk = receive ? throughput_block : send_chunk;
     double start = monotonic_seconds();
     double next_tick = 1;
     double idle = 0;  // seconds without progress, against the time-out

@@ -32,6 +32,13 @@ long long parse_size(const std::string& text) {
     return n;
 }
 
+std::string size_text(long long bytes) {
+    static const char* const units[] = {"bytes", "KiB", "MiB", "GiB"};
+    int unit = 0;
+    while (unit < 3 && bytes >= 1024 && bytes % 1024 == 0) bytes /= 1024, unit++;
+    return std::to_string(bytes) + " " + units[unit];
+}
+
 std::string duration_problem(const std::string& text, long long min_ms, long long max_ms) {
     long long ms = parse_duration_ms(text);
     if (ms < 0) return "'" + text + "' is not a duration (e.g. 15, 2.5, 500ms, 2m)";

@@ -8,6 +8,9 @@
 long long parse_duration_ms(const std::string& text);
 // -> bytes (binary units); -1 when not a size.
 long long parse_size(const std::string& text);
+// "64 KiB", "1 MiB", "1000 bytes": a size limit for a message, in the
+// largest binary unit that holds it whole.
+std::string size_text(long long bytes);
 
 // A device's --timeout, in every program and the inventory's timeout=.
 constexpr long long timeout_min_ms = 100, timeout_max_ms = 3600 * 1000;

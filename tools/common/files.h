@@ -11,6 +11,10 @@
 #include "folders.h"  // make_parent_folders, for the files written here
 #include "status.h"
 
+// What a configuration, key or rule file may hold at the most: anything
+// larger is not one.
+constexpr size_t settings_file_max = 1 << 20;
+
 // Reads a regular file, a pipe or a FIFO with a writer ("-": stdin). A
 // folder, a device or anything above max_bytes is refused.
 kelp::status read_input(const std::string& path, kelp::bytes* out, size_t max_bytes);

@@ -4,6 +4,7 @@
 #include <functional>
 #include <set>
 
+#include "clock.h"
 #include "durations.h"
 #include "files.h"
 #include "lines.h"
@@ -145,7 +146,9 @@ std::string check_value(const std::string& key, const std::string& value) {
         if (!is_bool(value)) return key + "=" + value + " is not true or false";
     } else if (key == "timeout") {
         long long ms = parse_duration_ms(value);
-        if (ms < 100 || ms > 3600 * 1000) return "timeout=" + value + " is not a duration of 0.1 s to 1 h";
+        if (ms < timeout_min_ms || ms > timeout_max_ms)
+            return "timeout=" + value + " is not a duration of " + kelp::seconds_text(timeout_min_ms / 1000.0) +
+                   " to " + kelp::seconds_text(timeout_max_ms / 1000.0);
     } else if (key == "pin") {
         if (kelp::normalize_sha256(value).empty()) return "pin=" + value + " is not a SHA-256 fingerprint";
     } else if ((key == "password_file" || key == "password_env" || key == "ansible_host") && value.empty()) {

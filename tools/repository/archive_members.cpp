@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 
+#include "durations.h"
 #include "files.h"
 
 using kelp::error_kind;
@@ -72,7 +73,7 @@ status for_each_file(archive* a, bool* is_archive,
         if (path.empty() || archive_entry_filetype(entry) != AE_IFREG) continue;
         la_int64_t size = archive_entry_size(entry);
         if (size < 0 || total + (size_t)size > max_total)
-            return fail(error_kind::protocol, "the configuration archive unpacks to more than 64 MiB");
+            return fail(error_kind::protocol, "the configuration archive unpacks to more than " + size_text(max_total));
         total += (size_t)size;
         status st = each(path, entry);
         if (!st) return st;

@@ -26,7 +26,7 @@ status exclude_state_file(const std::string& dir, const std::string& state_file)
     std::string rule = "/" + state_file.substr(dir.size() + 1) + "*\n";
     std::string path = dir + "/.git/info/exclude";
     kelp::bytes old;
-    if (access(path.c_str(), F_OK) == 0 && !read_input(path, &old, 1 << 20)) old.clear();
+    if (access(path.c_str(), F_OK) == 0 && !read_input(path, &old, settings_file_max)) old.clear();
     std::string text(old.begin(), old.end());
     if (text.find(rule) != std::string::npos) return kelp::ok();
     mkdir((dir + "/.git/info").c_str(), 0755);

@@ -18,6 +18,8 @@ constexpr int max_running = 4;
 constexpr size_t max_waiting = 10000;
 // Between the polite and the final signal to a hook's group.
 constexpr int grace_ms = 500;
+// How often a running hook is looked at: its end, its time-out, a stop.
+constexpr int look_every_ms = 20;
 
 // The variables a hook sees: a clean environment, so that no password the
 // service was given reaches it.
@@ -133,7 +135,7 @@ int hook_runner::wait_bounded(pid_t pid) {
             result = ending ? -2 : -1;
             break;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(look_every_ms));
     }
     std::lock_guard<std::mutex> hold(lock_);
     running_.erase(pid);

@@ -18,8 +18,10 @@
 
 namespace {
 
-// Beyond a week a backup schedule is no schedule.
-constexpr long long max_interval_ms = 7LL * 24 * 3600 * 1000;
+// Beyond a week a backup schedule is no schedule; below a second, a loop.
+constexpr long long min_interval_ms = 1000, max_interval_ms = 7LL * 24 * 3600 * 1000;
+// A stop, and a push, get a second at the least.
+constexpr long long min_stop_ms = 1000, min_push_ms = 1000;
 
 struct serve_line {
     CLI::App app{"kelputil serve: back up every host of an inventory on a schedule, with an HTTP API and metrics",
@@ -124,15 +126,15 @@ std::string settle(serve_line& s) {
     serve_options& o = s.o;
     std::string wrong = split_listen(s.listen, &o.listen_host, &o.listen_port);
     long long timeout = 0;
-    if (wrong.empty()) wrong = duration_of("--interval", s.interval, 1000, max_interval_ms, &o.interval_ms);
+    if (wrong.empty()) wrong = duration_of("--interval", s.interval, min_interval_ms, max_interval_ms, &o.interval_ms);
     if (wrong.empty()) wrong = duration_of("--timeout", s.timeout, timeout_min_ms, timeout_max_ms, &timeout);
     o.conn.timeout_ms = (int)timeout;
     if (wrong.empty())
         wrong = duration_of("--hook-timeout", s.hook_timeout, timeout_min_ms, timeout_max_ms, &o.hook_timeout_ms);
     if (wrong.empty())
-        wrong = duration_of("--stop-timeout", s.stop_timeout, 1000, timeout_max_ms, &o.stop_deadline_ms);
+        wrong = duration_of("--stop-timeout", s.stop_timeout, min_stop_ms, timeout_max_ms, &o.stop_deadline_ms);
     if (wrong.empty())
-        wrong = duration_of("--push-timeout", s.push_timeout, 1000, timeout_max_ms, &o.push_timeout_ms);
+        wrong = duration_of("--push-timeout", s.push_timeout, min_push_ms, timeout_max_ms, &o.push_timeout_ms);
     if (wrong.empty() && s.tls && o.conn.plain) wrong = "--plain and --tls exclude each other";
     if (wrong.empty()) wrong = check_security(s);
     if (wrong.empty() && !s.token_file.empty()) wrong = read_token(s.token_file, &o.token);
@@ -170,7 +172,7 @@ std::string config_path(const std::vector<char*>& args) {
 // FILE:LINE and the nearest key, rather than a setting silently lost.
 std::string check_config_keys(const CLI::App& app, const std::string& path) {
     kelp::bytes data;
-    if (path.empty() || !read_input(path, &data, 1 << 20)) return "";  // the parser names a missing file
+    if (path.empty() || !read_input(path, &data, settings_file_max)) return "";  // the parser names a missing file
     std::vector<std::string> known;
     for (const CLI::Option* o : app.get_options())
         for (const std::string& name : o->get_lnames()) known.push_back(name);
@@ -222,6 +224,8 @@ long long run_bound_ms(const serve_options& o) {
     constexpr long long commit_ms = 30000;  // a commit on a slow disk
     return sessions * (long long)o.conn.timeout_ms + commit_ms;
 }
+
+long long wait_bound_ms(const serve_options& o) { return run_bound_ms(o) + o.conn.timeout_ms; }
 
 bool is_loopback(const std::string& host) {
     struct in_addr v4;

@@ -34,6 +34,9 @@ const char child_flag[] = "--internal-push";
 constexpr double retry_first_s = 5, retry_max_s = 300;
 // What the log keeps of the child's words: the last line says why.
 constexpr size_t max_child_text = 65536;
+// The child's own bound is --push-timeout and this: the service ends it
+// first, unless the service itself is stuck.
+constexpr unsigned child_alarm_slack_s = 5;
 
 // The child in a group of its own, signals as a new program has them.
 pid_t spawn_child(int in, int out) {
@@ -210,7 +213,7 @@ int run_push_child() {
     // Ends with the service, however it ends, and bounds itself as well.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (std::to_string(getppid()) != parent) return 1;
-    alarm((unsigned)(atoll(timeout.c_str()) / 1000 + 5));
+    alarm((unsigned)(atoll(timeout.c_str()) / 1000) + child_alarm_slack_s);
     std::unique_ptr<git_store> store;
     kelp::status st = git_store::open(dir, false, false, &store);
     if (st && store->head_commit().empty()) return nothing_to_push;
