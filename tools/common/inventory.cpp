@@ -231,16 +231,6 @@ std::string expand(const std::string& pattern, std::vector<std::string>* out) {
     return "";
 }
 
-// Host names become folders of a backup and paths git is given: nothing
-// that climbs, hides, reads as an option or as a pattern (a host "r*" would
-// name every host starting with r), and short enough for any file system.
-bool valid_name(const std::string& name) {
-    if (name.empty() || name.size() > 200 || name[0] == '.' || name[0] == '-') return false;
-    for (unsigned char c : name)
-        if (c < 0x20 || c == 0x7f) return false;
-    return name.find_first_of("/\\ \t[]*?:=") == std::string::npos;
-}
-
 // "name:port", the inventory shorthand for ansible_port, also after a range.
 std::string split_port(std::string* pattern) {
     size_t colon = pattern->rfind(':'), close = pattern->rfind(']');
@@ -288,9 +278,8 @@ status host_line(parser& p, const std::string& group, const std::string& text) {
     std::string wrong = expand(pattern, &names);
     if (!wrong.empty()) return p.bad(wrong);
     for (const std::string& name : names) {
-        if (!valid_name(name))
-            return p.bad("'" + name + "' is not a usable host name: it names a folder of the backups, so no '*', '?', "
-                         "'/', '\\', spaces or control characters, no '.' or '-' first, at most 200 bytes");
+        std::string wrong = host_name_problem(name);
+        if (!wrong.empty()) return p.bad("'" + name + "' is not a usable host name: " + wrong);
         if (!(st = check_address(p, name, vars))) return st;
         add_member(p, group, name, vars);
     }
@@ -315,7 +304,7 @@ status children_line(parser& p, const std::string& group, const std::string& tex
     size_t end = text.find_first_of(":] \t");
     std::string name = text.substr(0, end);
     if (!only_comment(end == std::string::npos ? "" : text.substr(end)) || text[end] == ':' || text[end] == ']' ||
-        !valid_name(name))
+        !host_name_problem(name).empty())
         return p.bad("'" + text + "' is not a group name");
     std::vector<std::string>& children = p.groups[group].children;
     if (std::find(children.begin(), children.end(), name) == children.end()) children.push_back(name);
@@ -335,7 +324,7 @@ status section_line(parser& p, const std::string& line, std::string* group, std:
         return p.bad("a section header is [GROUP], [GROUP:vars] or [GROUP:children]");
     if (*kind != "hosts" && *kind != "vars" && *kind != "children")
         return p.bad("unknown section kind ':" + *kind + "' (a group, GROUP:vars or GROUP:children)");
-    if (!valid_name(*group)) return p.bad("'" + *group + "' is not a usable group name");
+    if (!host_name_problem(*group).empty()) return p.bad("'" + *group + "' is not a usable group name");
     if (!p.groups.count(*group)) p.group_order.push_back(*group);
     p.groups[*group];
     if (*kind == "vars") p.referenced.emplace(*group, p.line);
@@ -431,6 +420,15 @@ std::vector<std::string> members(const parser& p, const std::string& group) {
 }
 
 }  // namespace
+
+std::string host_name_problem(const std::string& name) {
+    bool control = std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+    if (name.empty() || name.size() > max_host_name || name[0] == '.' || name[0] == '-' || control ||
+        name.find_first_of("/\\ \t[]*?:=") != std::string::npos)
+        return "it names a folder of the backups, so no '*', '?', '[', ']', ':', '=', '/', '\\', spaces or control "
+               "characters, no '.' or '-' first, at most " + std::to_string(max_host_name) + " bytes";
+    return "";
+}
 
 status load_inventory(const std::string& path, inventory* out) {
     kelp::bytes raw;

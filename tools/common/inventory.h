@@ -43,6 +43,13 @@ struct inventory {
     std::vector<std::string> warnings;                        // "FILE:LINE: ...", for stderr
 };
 
+// Host (and group) names become folders of the backups and paths git is
+// given: nothing that climbs, hides, reads as an option or as a pattern (a
+// host "r*" would name every host starting with r), and short enough for
+// any file system. "" for a usable name, else what is wrong with it.
+constexpr size_t max_host_name = 200;
+std::string host_name_problem(const std::string& name);
+
 // Every bad line is reported as "FILE:LINE: what is wrong"; nothing of a bad
 // inventory is used.
 kelp::status load_inventory(const std::string& path, inventory* out);
