@@ -1,6 +1,7 @@
 #include "durations.h"
 
 #include <ctype.h>
+#include <errno.h>
 #include <math.h>
 #include <stdlib.h>
 
@@ -37,6 +38,16 @@ std::string size_text(long long bytes) {
     int unit = 0;
     while (unit < 3 && bytes >= 1024 && bytes % 1024 == 0) bytes /= 1024, unit++;
     return std::to_string(bytes) + " " + units[unit];
+}
+
+std::string whole_number_problem(const std::string& text, long long min, long long max, const char* what) {
+    char* end = nullptr;
+    errno = 0;
+    long long n = text.empty() || !isdigit((unsigned char)text[0]) ? -1 : strtoll(text.c_str(), &end, 10);
+    std::string range = std::to_string(min) + " to " + std::to_string(max);
+    if (n < 0 || errno || *end) return "'" + text + "' is not a " + what + " (a whole number " + range + ")";
+    if (n < min || n > max) return "'" + text + "' is out of range: " + range;
+    return "";
 }
 
 std::string duration_problem(const std::string& text, long long min_ms, long long max_ms) {

@@ -1,5 +1,6 @@
-// Durations and sizes as operators write them ("15", "2.5", "500ms", "2m",
-// "1h"; "64K", "1M"), checked with the same words by every program.
+// Durations, sizes and whole numbers as operators write them ("15", "2.5",
+// "500ms", "2m", "1h"; "64K", "1M"), checked with the same words by every
+// program.
 #pragma once
 
 #include <string>
@@ -16,3 +17,6 @@ std::string size_text(long long bytes);
 constexpr long long timeout_min_ms = 100, timeout_max_ms = 3600 * 1000;
 // "" when text is a duration from min_ms to max_ms; else what is wrong.
 std::string duration_problem(const std::string& text, long long min_ms, long long max_ms);
+// "" when text is a whole number from min to max; else what is wrong, what
+// naming the number ("port").
+std::string whole_number_problem(const std::string& text, long long min, long long max, const char* what);

@@ -25,6 +25,7 @@
 
 // The hosts of a fleet run and how many at once.
 struct fleet_options {
+    static constexpr int max_jobs = 256;
     std::string inventory, limit;
     int jobs = 16;
     bool list_hosts = false;
