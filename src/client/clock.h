@@ -17,4 +17,10 @@ double wall_seconds();
 // 100 on.
 std::string seconds_text(double seconds);
 
+// "2026-11-24T23:59:01.123+01:00": a moment in local time with its offset,
+// as a log line starts.
+std::string iso_time(double unix_seconds);
+// "2026-11-24 23:59:01", local time: a moment for a table.
+std::string local_time(long long unix_seconds);
+
 }  // namespace kelp
