@@ -54,6 +54,7 @@ std::string duration_problem(const std::string& text, long long min_ms, long lon
     long long ms = parse_duration_ms(text);
     if (ms < 0) return "'" + text + "' is not a duration (e.g. 15, 2.5, 500ms, 2m)";
     if (ms < min_ms || ms > max_ms)
-        return "'" + text + "' is out of range: " + kelp::seconds_text(min_ms / 1000.0) + " to " + kelp::seconds_text(max_ms / 1000.0);
+        return "'" + text + "' is out of range: " + kelp::seconds_text(min_ms / 1000.0) + " to " +
+               kelp::seconds_text(max_ms / 1000.0);
     return "";
 }

@@ -70,7 +70,8 @@ std::string meter_line(uint64_t done, uint64_t total, double seconds, int width)
     return line;
 }
 
-terminal_reporter::terminal_reporter(bool quiet) : quiet_(quiet), meter_(!quiet && isatty(2)), start_(kelp::monotonic_seconds()) {}
+terminal_reporter::terminal_reporter(bool quiet)
+    : quiet_(quiet), meter_(!quiet && isatty(2)), start_(kelp::monotonic_seconds()) {}
 
 void terminal_reporter::end_meter() {
     if (drawn_) fputc('\n', stderr);

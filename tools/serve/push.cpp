@@ -164,7 +164,8 @@ kelp::status pusher::push_once(bool* tried) {
     int status = 0;
     waitpid(pid, &status, 0);
     if (late)
-        return kelp::fail(kelp::error_kind::timed_out, what + ": no end within " + kelp::seconds_text(timeout_ms_ / 1000.0) +
+        return kelp::fail(kelp::error_kind::timed_out, what + ": no end within " +
+                                                           kelp::seconds_text(timeout_ms_ / 1000.0) +
                                                            " (--push-timeout): the push was ended");
     *tried = !(WIFEXITED(status) && WEXITSTATUS(status) == nothing_to_push);
     if (WIFEXITED(status) && (WEXITSTATUS(status) == 0 || !*tried)) return kelp::ok();

@@ -37,7 +37,8 @@ std::string state_path(const serve_options& o) {
     return o.into + "/.kelputil-serve.db";
 }
 
-service::service(const serve_options& o) : o_(o), targets_(o_), health_(kelp::wall_seconds()), hooks_(o.hook_timeout_ms) {}
+service::service(const serve_options& o)
+    : o_(o), targets_(o_), health_(kelp::wall_seconds()), hooks_(o.hook_timeout_ms) {}
 
 service::~service() = default;
 
