@@ -10,9 +10,10 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <chrono>
+#include <algorithm>
 
 #include "bundle.h"
+#include "clock.h"
 #include "transfer.h"
 
 namespace kelp {
@@ -58,9 +59,7 @@ status read_records(session& s, size_t rec_len, Decode decode, std::vector<Recor
     return s.expect_result();
 }
 
-double since(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
+double since(double start) { return monotonic_seconds() - start; }
 
 }  // namespace
 
@@ -69,11 +68,8 @@ const char* const no_such_script = "the device has no such script";
 bool is_missing_script(const status& s) { return s.kind == error_kind::closed && s.message == no_such_script; }
 
 uint8_t script_by_name(const std::string& name) {
-    if (name == "cbq") return script_cbq;
-    if (name == "fw") return script_fw;
-    if (name == "nat") return script_nat;
-    if (name == "dhcp") return script_dhcp;
-    return 0;
+    const script_entry* script = script_by_word(name.c_str());
+    return script ? script->number : 0;
 }
 
 status trigger(const target& t, uint8_t flags) {
@@ -234,8 +230,11 @@ status upload_firmware(const target& t, const bytes& image, bool start_upgrade, 
 // polling and trying again cost a third more CPU per byte, and on a busy
 // machine the CPU is the limit. Sends of 1 MiB keep the socket's buffer full
 // between the waits, so the device finds data at every read.
+constexpr int send_wait_us = 50000;
+constexpr size_t send_chunk = 1 << 20;
+
 static status prepare_sending(int fd) {
-    timeval wait{0, 50000};
+    timeval wait{0, send_wait_us};
     if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) < 0 ||
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait) < 0)
         return fail(error_kind::local, std::string("preparing the socket for the test: ") + strerror(errno));
@@ -265,9 +264,9 @@ status throughput(const target& t, bool receive, double seconds, uint8_t flags, 
     if (!receive && !(st = prepare_sending(s.fd()))) return st;
 
     // Contents don't matter: zeros. Received in the device's block size.
-    static uint8_t block[1 << 20];
-    const size_t chunk = receive ? 131072 : sizeof block;
-    auto start = std::chrono::steady_clock::now();
+    static uint8_t block[std::max(send_chunk, throughput_block)];
+    const size_t chunk = receive ? throughput_block : send_chunk;
+    double start = monotonic_seconds();
     double next_tick = 1;
     double idle = 0;  // seconds without progress, against the time-out
     double last_progress = 0;

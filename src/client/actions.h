@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "records.h"
+#include "scripts.h"
 #include "session.h"
 #include "status.h"
 
@@ -35,8 +36,7 @@ struct target {
     long long deadline_ms = 0;  // CLOCK_MONOTONIC ms bounding the whole action; 0: none
 };
 
-enum script_number : uint8_t { script_cbq = 1, script_fw = 2, script_nat = 3, script_dhcp = 7 };
-// "cbq", "fw", "nat", "dhcp" -> number; 0 when unknown.
+// A script's word (scripts.h) -> its number; 0 when unknown.
 uint8_t script_by_name(const std::string& name);
 
 // Connects (TLS if asked), logs in and sends the request. All of it is
@@ -70,10 +70,13 @@ using line_fn = std::function<void(const std::string& line)>;
 status upload_firmware(const target& t, const bytes& image, bool start_upgrade, const progress_fn& p = nullptr,
                        const line_fn& on_line = nullptr, const line_fn& on_phase = nullptr);
 
+// Megabits (10^6 bits) a second; 0 for no time.
+inline double mbit_per_s(uint64_t bytes, double seconds) { return seconds > 0 ? bytes * 8 / seconds / 1e6 : 0; }
+
 struct throughput_result {
     uint64_t bytes = 0;
     double seconds = 0;
-    double mbit_per_s() const { return seconds > 0 ? bytes * 8 / seconds / 1e6 : 0; }
+    double mbit_per_s() const { return kelp::mbit_per_s(bytes, seconds); }
 };
 // Called at every whole second and once at the end, with the time since the
 // start and the bytes moved so far.

@@ -8,32 +8,26 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "folders.h"
+#include "lines.h"
+
 namespace kelp {
 
 namespace {
-
-status file_error(const std::string& what, const std::string& file) {
-    return fail(error_kind::local, "cannot " + what + " " + file + ": " + strerror(errno));
-}
 
 // Creates the missing folders of the default file, private as ssh's are.
 // A file the operator named must be in a folder that exists: a typo there
 // should not leave a trail of new folders.
 status make_parents(const std::string& file) {
     if (file != default_known_hosts_file()) {
-        size_t slash = file.find_last_of('/');
-        std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+        std::string dir = folder_of(file);
         struct stat st;
         if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
             return fail(error_kind::local, "cannot use " + file + ": the folder " + dir +
                                                " does not exist; create it, or name a file in another folder");
         return ok();
     }
-    for (size_t slash = file.find('/', 1); slash != std::string::npos; slash = file.find('/', slash + 1)) {
-        std::string dir = file.substr(0, slash);
-        if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return file_error("create", dir);
-    }
-    return ok();
+    return make_parent_folders(file);
 }
 
 std::string read_all(int fd) {
@@ -65,11 +59,8 @@ bool well_formed(const std::string& line) {
 // contact past a damaged line could accept a certificate the line refused.
 status find(const std::string& text, const std::string& file, const std::string& where, entry* out) {
     int number = 0;
-    for (size_t start = 0; start < text.size();) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(start, end - start);
-        start = end + 1;
+    for (std::string_view view : lines_of(text)) {
+        std::string line(view);
         number++;
         if (line.empty() || line[0] == '#') continue;
         if (!well_formed(line))
@@ -98,9 +89,9 @@ status check_known_host(const std::string& file, const std::string& where, const
     status st = make_parents(file);
     if (!st) return st;
     int fd = open(file.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (fd < 0) return file_error("open", file);
+    if (fd < 0) return cannot("open", file);
     if (flock(fd, LOCK_EX) != 0) {
-        st = file_error("lock", file);
+        st = cannot("lock", file);
         close(fd);
         return st;
     }
@@ -112,7 +103,7 @@ status check_known_host(const std::string& file, const std::string& where, const
     } else if (known.line == 0) {
         // A line cut short by a crash must not swallow this one.
         std::string line = (text.empty() || text.back() == '\n' ? "" : "\n") + where + " " + sha256 + "\n";
-        if (write(fd, line.data(), line.size()) != (ssize_t)line.size()) st = file_error("write", file);
+        if (write(fd, line.data(), line.size()) != (ssize_t)line.size()) st = cannot("write", file);
         else *first_contact = true;
     } else if (known.sha256 != sha256) {
         std::string at = file + ":" + std::to_string(known.line);

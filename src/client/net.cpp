@@ -9,7 +9,6 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -49,12 +48,6 @@ status check_address_form(const std::string& host) {
 }
 
 }  // namespace
-
-long long monotonic_ms() {
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
-}
 
 status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_out, bool* refused) {
     *fd_out = -1;

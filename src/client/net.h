@@ -7,12 +7,10 @@
 
 #include <string>
 
+#include "clock.h"  // every deadline of the client is on its monotonic_ms()
 #include "status.h"
 
 namespace kelp {
-
-// CLOCK_MONOTONIC in milliseconds: every deadline of the client is on it.
-long long monotonic_ms();
 
 // Resolves host (name or address) and connects once, giving up after
 // timeout_ms. A refusal is kind connect_failed with *refused set.

@@ -8,7 +8,6 @@
 // that process closed its listener, before any greeting.
 #include <errno.h>
 #include <poll.h>
-#include <stdio.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 
 #include "actions.h"
 #include "net.h"
+#include "retry.h"
 #include "tls_transport.h"
 
 namespace kelp {
@@ -42,15 +42,9 @@ void note(const target& t, const std::string& line) {
     if (t.log) t.log(line);
 }
 
-std::string seconds_text(long long ms) {
-    char text[32];
-    snprintf(text, sizeof text, "%.1f s", ms / 1000.0);
-    return text;
-}
-
 status busy(const target& t, long long waited_ms) {
     return fail(error_kind::timed_out, where(t) + " accepted the connection but sent no greeting within " +
-                                           seconds_text(waited_ms) +
+                                           seconds_text(waited_ms / 1000.0) +
                                            ": the device serves one session at a time and may be busy with "
                                            "another; try again later, or raise --timeout");
 }
@@ -70,11 +64,10 @@ status connect_step(session& s, const target& t, long long deadline) {
             return st;
         }
         if (!refused) return st;
-        if (monotonic_ms() + retry_pause_ms >= refused_until)
+        if (!pause_within(retry_pause_ms, refused_until))
             return fail(error_kind::connect_failed, where(t) + " refused the connection: is kelputild running there, "
                                                                "and is the port right? (TLS 857, plain 856)");
         note(t, "refused; the device may be between two sessions, trying again");
-        usleep(retry_pause_ms * 1000);
     }
 }
 
@@ -123,7 +116,7 @@ status greet_step(session& s, const target& t, long long started, uint8_t challe
 status dropped_too_often(const target& t, int attempts, long long started) {
     return fail(error_kind::closed, where(t) + " closed the connection before its greeting " +
                                         std::to_string(attempts) + " times in " +
-                                        seconds_text(monotonic_ms() - started) + ": is it a kelputild?");
+                                        seconds_text((monotonic_ms() - started) / 1000.0) + ": is it a kelputild?");
 }
 
 }  // namespace
@@ -140,9 +133,8 @@ status open_session(session& s, const target& t, const request& r) {
         uint8_t challenge[challenge_len];
         if (st) st = greet_step(s, t, started, challenge);
         if (st.kind == error_kind::closed) {
-            if (monotonic_ms() + retry_pause_ms >= deadline) return dropped_too_often(t, attempt, started);
+            if (!pause_within(retry_pause_ms, deadline)) return dropped_too_often(t, attempt, started);
             note(t, "dropped before the greeting (the device was between two sessions); trying again");
-            usleep(retry_pause_ms * 1000);
             continue;
         }
         if (!st) return st;

@@ -1,5 +1,7 @@
 #include "status.h"
 
+#include <string.h>
+
 #include <utility>
 
 #include "protocol.h"
@@ -11,6 +13,12 @@ status fail(error_kind kind, std::string message) {
     status s;
     s.kind = kind;
     s.message = std::move(message);
+    return s;
+}
+
+status cannot(const std::string& what, const std::string& path, int err) {
+    status s = fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(err));
+    s.code = err;
     return s;
 }
 

@@ -3,6 +3,7 @@
 // here, never thrown or aborted on.
 #pragma once
 
+#include <errno.h>
 #include <stdint.h>
 
 #include <functional>
@@ -38,6 +39,9 @@ inline status ok() { return {}; }
 status fail(error_kind kind, std::string message);
 // A result packet's code as an error ("device answered 2: File too large").
 status device_error(uint8_t code);
+// A local file or folder that a system call failed on: "cannot WHAT PATH:
+// the reason", kind local, the errno in code.
+status cannot(const std::string& what, const std::string& path, int err = errno);
 
 // Bytes done and total of a transfer, called after every frame.
 using progress_fn = std::function<void(uint64_t done, uint64_t total)>;

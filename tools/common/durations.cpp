@@ -1,11 +1,13 @@
 #include "durations.h"
 
 #include <ctype.h>
+#include <errno.h>
 #include <math.h>
-#include <stdio.h>
 #include <stdlib.h>
 
 #include <map>
+
+#include "clock.h"
 
 namespace {
 
@@ -20,12 +22,6 @@ long long parse_number_with_suffix(const std::string& text, const std::map<std::
     return (long long)llround(scaled);
 }
 
-std::string seconds_text(long long ms) {
-    char text[32];
-    snprintf(text, sizeof text, ms % 1000 ? "%.3g s" : "%.0f s", ms / 1000.0);
-    return text;
-}
-
 }  // namespace
 
 long long parse_duration_ms(const std::string& text) {
@@ -37,10 +33,28 @@ long long parse_size(const std::string& text) {
     return n;
 }
 
+std::string size_text(long long bytes) {
+    static const char* const units[] = {"bytes", "KiB", "MiB", "GiB"};
+    int unit = 0;
+    while (unit < 3 && bytes >= 1024 && bytes % 1024 == 0) bytes /= 1024, unit++;
+    return std::to_string(bytes) + " " + units[unit];
+}
+
+std::string whole_number_problem(const std::string& text, long long min, long long max, const char* what) {
+    char* end = nullptr;
+    errno = 0;
+    long long n = text.empty() || !isdigit((unsigned char)text[0]) ? -1 : strtoll(text.c_str(), &end, 10);
+    std::string range = std::to_string(min) + " to " + std::to_string(max);
+    if (n < 0 || errno || *end) return "'" + text + "' is not a " + what + " (a whole number " + range + ")";
+    if (n < min || n > max) return "'" + text + "' is out of range: " + range;
+    return "";
+}
+
 std::string duration_problem(const std::string& text, long long min_ms, long long max_ms) {
     long long ms = parse_duration_ms(text);
     if (ms < 0) return "'" + text + "' is not a duration (e.g. 15, 2.5, 500ms, 2m)";
     if (ms < min_ms || ms > max_ms)
-        return "'" + text + "' is out of range: " + seconds_text(min_ms) + " to " + seconds_text(max_ms);
+        return "'" + text + "' is out of range: " + kelp::seconds_text(min_ms / 1000.0) + " to " +
+               kelp::seconds_text(max_ms / 1000.0);
     return "";
 }

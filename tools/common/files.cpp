@@ -14,17 +14,13 @@
 #include <mutex>
 #include <set>
 
+using kelp::cannot;
 using kelp::error_kind;
 using kelp::fail;
+using kelp::folder_of;
 using kelp::status;
 
 namespace {
-
-status file_error(const std::string& what, const std::string& path, int err = errno) {
-    status s = fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(err));
-    s.code = err;
-    return s;
-}
 
 // The temporaries being written, for the signal handler: fixed slots, as a
 // handler may not allocate. Fleet runs write from several threads.
@@ -63,22 +59,16 @@ status write_fd(int fd, const kelp::bytes& data, const std::string& path) {
     while (done < data.size()) {
         ssize_t n = write(fd, data.data() + done, data.size() - done);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return file_error("write", path, n < 0 ? errno : ENOSPC);
+        if (n <= 0) return cannot("write", path, n < 0 ? errno : ENOSPC);
         done += (size_t)n;
     }
     return kelp::ok();
 }
 
-std::string folder_of(const std::string& path) {
-    size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 // A device, a FIFO or a terminal: nothing to rename over.
 status write_in_place(const std::string& path, const kelp::bytes& data) {
     int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0) return file_error("write", path);
+    if (fd < 0) return cannot("write", path);
     status s = write_fd(fd, data, path);
     close(fd);
     return s;
@@ -96,10 +86,10 @@ status final_target(const std::string& path, std::string* out) {
         }
         char link[PATH_MAX];
         ssize_t n = readlink(at.c_str(), link, sizeof link);
-        if (n < 0 || n == sizeof link) return file_error("follow the link", at, n < 0 ? errno : ENAMETOOLONG);
+        if (n < 0 || n == sizeof link) return cannot("follow the link", at, n < 0 ? errno : ENAMETOOLONG);
         at = link[0] == '/' ? std::string(link, n) : folder_of(at) + "/" + std::string(link, n);
     }
-    return file_error("follow the link", path, ELOOP);
+    return cannot("follow the link", path, ELOOP);
 }
 
 // What the replaced file was: its mode, and its owner and group where we
@@ -122,21 +112,6 @@ void sync_folder(const std::string& folder) {
 
 }  // namespace
 
-status make_parent_folders(const std::string& path) {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-        std::string folder = path.substr(0, slash);
-        if (mkdir(folder.c_str(), 0700) == 0) continue;
-        int err = errno;
-        struct stat st;
-        if (stat(folder.c_str(), &st) == 0) {
-            if (S_ISDIR(st.st_mode)) continue;
-            err = ENOTDIR;
-        }
-        return file_error("create the folder", folder, err);
-    }
-    return kelp::ok();
-}
-
 void remove_temporaries_on_signals() {
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, on_signal);
 }
@@ -146,10 +121,10 @@ status read_input(const std::string& path, kelp::bytes* out, size_t max_bytes) {
     // Non-blocking, so that a FIFO without a writer reads as empty instead of
     // hanging; blocking again for the reads themselves.
     int fd = path == "-" ? dup(0) : open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return file_error("read", path);
+    if (fd < 0) return cannot("read", path);
     struct stat st;
     if (fstat(fd, &st) != 0) {
-        status s = file_error("read", path);
+        status s = cannot("read", path);
         close(fd);
         return s;
     }
@@ -170,7 +145,7 @@ status read_input(const std::string& path, kelp::bytes* out, size_t max_bytes) {
         ssize_t n = read(fd, buf, sizeof buf);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
-            status s = file_error("read", path);
+            status s = cannot("read", path);
             close(fd);
             return s;
         }
@@ -197,14 +172,14 @@ status write_output(const std::string& path, const kelp::bytes& data, mode_t mod
     if (replacing && !S_ISREG(st.st_mode)) return write_in_place(path, data);
     std::string temporary = folder_of(target) + "/." + target.substr(target.find_last_of('/') + 1) + ".kelputil-XXXXXX";
     int fd = mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) return file_error("write into the folder of", path);
+    if (fd < 0) return cannot("write into the folder of", path);
     int slot = claim(temporary);
     s = write_fd(fd, data, path);
     if (s && replacing) mode = kept_mode(fd, st);
-    if (s && fchmod(fd, mode) != 0) s = file_error("set the mode of", path);
-    if (s && fsync(fd) != 0) s = file_error("flush", path);
-    if (close(fd) != 0 && s) s = file_error("write", path);
-    if (s && rename(temporary.c_str(), target.c_str()) != 0) s = file_error("replace", path);
+    if (s && fchmod(fd, mode) != 0) s = cannot("set the mode of", path);
+    if (s && fsync(fd) != 0) s = cannot("flush", path);
+    if (close(fd) != 0 && s) s = cannot("write", path);
+    if (s && rename(temporary.c_str(), target.c_str()) != 0) s = cannot("replace", path);
     if (!s) unlink(temporary.c_str());
     release(slot);
     if (s) sync_folder(folder_of(target));
@@ -213,9 +188,9 @@ status write_output(const std::string& path, const kelp::bytes& data, mode_t mod
 
 status write_new_file(const std::string& path, const kelp::bytes& data, mode_t mode) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (fd < 0) return file_error("create", path);
+    if (fd < 0) return cannot("create", path);
     status s = write_fd(fd, data, path);
-    if (close(fd) != 0 && s) s = file_error("write", path);
+    if (close(fd) != 0 && s) s = cannot("write", path);
     return s;
 }
 

@@ -8,7 +8,12 @@
 
 #include <string>
 
+#include "folders.h"  // make_parent_folders, for the files written here
 #include "status.h"
+
+// What a configuration, key or rule file may hold at the most: anything
+// larger is not one.
+constexpr size_t settings_file_max = 1 << 20;
 
 // Reads a regular file, a pipe or a FIFO with a writer ("-": stdin). A
 // folder, a device or anything above max_bytes is refused.
@@ -27,10 +32,6 @@ kelp::status write_new_file(const std::string& path, const kelp::bytes& data, mo
 
 // Removes a folder and everything in it.
 void remove_tree(const std::string& path);
-
-// Creates the folders above path that are missing, mode 700; a failure
-// names the folder ("cannot create the folder F: ...").
-kelp::status make_parent_folders(const std::string& path);
 
 // From here on, SIGINT, SIGTERM and SIGHUP remove the temporary being
 // written before the process ends.

@@ -8,10 +8,12 @@
 #include <set>
 
 #include "inventory.h"
+#include "lines.h"
 
 using kelp::error_kind;
 using kelp::fail;
 using kelp::status;
+using kelp::trim;
 
 namespace {
 

@@ -4,19 +4,17 @@
 #include <functional>
 #include <set>
 
+#include "clock.h"
 #include "durations.h"
 #include "files.h"
+#include "lines.h"
 #include "tls_transport.h"
 #include "words.h"
 
 using kelp::error_kind;
 using kelp::fail;
 using kelp::status;
-
-std::string trim(const std::string& s) {
-    size_t a = s.find_first_not_of(" \t\r\n\v\f"), b = s.find_last_not_of(" \t\r\n\v\f");
-    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
-}
+using kelp::trim;
 
 namespace {
 
@@ -148,7 +146,9 @@ std::string check_value(const std::string& key, const std::string& value) {
         if (!is_bool(value)) return key + "=" + value + " is not true or false";
     } else if (key == "timeout") {
         long long ms = parse_duration_ms(value);
-        if (ms < 100 || ms > 3600 * 1000) return "timeout=" + value + " is not a duration of 0.1 s to 1 h";
+        if (ms < timeout_min_ms || ms > timeout_max_ms)
+            return "timeout=" + value + " is not a duration of " + kelp::seconds_text(timeout_min_ms / 1000.0) +
+                   " to " + kelp::seconds_text(timeout_max_ms / 1000.0);
     } else if (key == "pin") {
         if (kelp::normalize_sha256(value).empty()) return "pin=" + value + " is not a SHA-256 fingerprint";
     } else if ((key == "password_file" || key == "password_env" || key == "ansible_host") && value.empty()) {
@@ -231,16 +231,6 @@ std::string expand(const std::string& pattern, std::vector<std::string>* out) {
     return "";
 }
 
-// Host names become folders of a backup and paths git is given: nothing
-// that climbs, hides, reads as an option or as a pattern (a host "r*" would
-// name every host starting with r), and short enough for any file system.
-bool valid_name(const std::string& name) {
-    if (name.empty() || name.size() > 200 || name[0] == '.' || name[0] == '-') return false;
-    for (unsigned char c : name)
-        if (c < 0x20 || c == 0x7f) return false;
-    return name.find_first_of("/\\ \t[]*?:=") == std::string::npos;
-}
-
 // "name:port", the inventory shorthand for ansible_port, also after a range.
 std::string split_port(std::string* pattern) {
     size_t colon = pattern->rfind(':'), close = pattern->rfind(']');
@@ -288,9 +278,8 @@ status host_line(parser& p, const std::string& group, const std::string& text) {
     std::string wrong = expand(pattern, &names);
     if (!wrong.empty()) return p.bad(wrong);
     for (const std::string& name : names) {
-        if (!valid_name(name))
-            return p.bad("'" + name + "' is not a usable host name: it names a folder of the backups, so no '*', '?', "
-                         "'/', '\\', spaces or control characters, no '.' or '-' first, at most 200 bytes");
+        std::string wrong = host_name_problem(name);
+        if (!wrong.empty()) return p.bad("'" + name + "' is not a usable host name: " + wrong);
         if (!(st = check_address(p, name, vars))) return st;
         add_member(p, group, name, vars);
     }
@@ -315,7 +304,7 @@ status children_line(parser& p, const std::string& group, const std::string& tex
     size_t end = text.find_first_of(":] \t");
     std::string name = text.substr(0, end);
     if (!only_comment(end == std::string::npos ? "" : text.substr(end)) || text[end] == ':' || text[end] == ']' ||
-        !valid_name(name))
+        !host_name_problem(name).empty())
         return p.bad("'" + text + "' is not a group name");
     std::vector<std::string>& children = p.groups[group].children;
     if (std::find(children.begin(), children.end(), name) == children.end()) children.push_back(name);
@@ -335,7 +324,7 @@ status section_line(parser& p, const std::string& line, std::string* group, std:
         return p.bad("a section header is [GROUP], [GROUP:vars] or [GROUP:children]");
     if (*kind != "hosts" && *kind != "vars" && *kind != "children")
         return p.bad("unknown section kind ':" + *kind + "' (a group, GROUP:vars or GROUP:children)");
-    if (!valid_name(*group)) return p.bad("'" + *group + "' is not a usable group name");
+    if (!host_name_problem(*group).empty()) return p.bad("'" + *group + "' is not a usable group name");
     if (!p.groups.count(*group)) p.group_order.push_back(*group);
     p.groups[*group];
     if (*kind == "vars") p.referenced.emplace(*group, p.line);
@@ -349,11 +338,8 @@ status parse(parser& p, const std::string& text) {
     p.groups["ungrouped"];
     // Editors on Windows start a UTF-8 file with a byte-order mark.
     size_t start = text.rfind("\xEF\xBB\xBF", 0) == 0 ? 3 : 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::string line = trim(text.substr(start, end - start));
-        start = end + 1;
+    for (std::string_view raw : kelp::lines_of(std::string_view(text).substr(start))) {
+        std::string line = trim(raw);
         p.line++;
         if (line.empty() || line[0] == '#' || line[0] == ';') continue;
         status st = line[0] == '['      ? section_line(p, line, &group, &kind)
@@ -434,6 +420,15 @@ std::vector<std::string> members(const parser& p, const std::string& group) {
 }
 
 }  // namespace
+
+std::string host_name_problem(const std::string& name) {
+    bool control = std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+    if (name.empty() || name.size() > max_host_name || name[0] == '.' || name[0] == '-' || control ||
+        name.find_first_of("/\\ \t[]*?:=") != std::string::npos)
+        return "it names a folder of the backups, so no '*', '?', '[', ']', ':', '=', '/', '\\', spaces or control "
+               "characters, no '.' or '-' first, at most " + std::to_string(max_host_name) + " bytes";
+    return "";
+}
 
 status load_inventory(const std::string& path, inventory* out) {
     kelp::bytes raw;

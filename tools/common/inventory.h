@@ -25,6 +25,7 @@
 
 // The hosts of a fleet run and how many at once.
 struct fleet_options {
+    static constexpr int max_jobs = 256;
     std::string inventory, limit;
     int jobs = 16;
     bool list_hosts = false;
@@ -43,6 +44,13 @@ struct inventory {
     std::vector<std::string> warnings;                        // "FILE:LINE: ...", for stderr
 };
 
+// Host (and group) names become folders of the backups and paths git is
+// given: nothing that climbs, hides, reads as an option or as a pattern (a
+// host "r*" would name every host starting with r), and short enough for
+// any file system. "" for a usable name, else what is wrong with it.
+constexpr size_t max_host_name = 200;
+std::string host_name_problem(const std::string& name);
+
 // Every bad line is reported as "FILE:LINE: what is wrong"; nothing of a bad
 // inventory is used.
 kelp::status load_inventory(const std::string& path, inventory* out);
@@ -54,6 +62,3 @@ kelp::status load_inventory(const std::string& path, inventory* out);
 // element that matches nothing is an error: a typo must not reboot the
 // wrong routers.
 kelp::status select_hosts(const inventory& inv, const std::string& pattern, std::vector<const inventory_host*>* out);
-
-// Python's str.strip(), as Ansible strips its lines and --limit elements.
-std::string trim(const std::string& s);

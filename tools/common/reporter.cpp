@@ -3,18 +3,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
-#include <time.h>
 #include <unistd.h>
 
+#include "actions.h"
+#include "clock.h"
 #include "outcome.h"
 
 namespace {
-
-double now() {
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec + t.tv_nsec / 1e9;
-}
 
 std::string human_bytes(double n) {
     static const char* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
@@ -32,8 +27,6 @@ std::string clock_text(double seconds) {
     else snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
     return text;
 }
-
-double mbit_per_s(uint64_t bytes, double seconds) { return seconds > 0 ? bytes * 8 / seconds / 1e6 : 0; }
 
 }  // namespace
 
@@ -77,7 +70,8 @@ std::string meter_line(uint64_t done, uint64_t total, double seconds, int width)
     return line;
 }
 
-terminal_reporter::terminal_reporter(bool quiet) : quiet_(quiet), meter_(!quiet && isatty(2)), start_(now()) {}
+terminal_reporter::terminal_reporter(bool quiet)
+    : quiet_(quiet), meter_(!quiet && isatty(2)), start_(kelp::monotonic_seconds()) {}
 
 void terminal_reporter::end_meter() {
     if (drawn_) fputc('\n', stderr);
@@ -86,7 +80,7 @@ void terminal_reporter::end_meter() {
 
 void terminal_reporter::progress(uint64_t done, uint64_t total) {
     if (!meter_) return;
-    double t = now();
+    double t = kelp::monotonic_seconds();
     if (done != total && t - last_ < 0.1) return;
     if (last_ < 0) start_ = t;
     last_ = t;
@@ -110,12 +104,12 @@ void terminal_reporter::upgrade_line(const std::string& line) {
 }
 
 void terminal_reporter::interval(double start, double end, uint64_t bytes) {
-    if (!quiet_) printf("[%5.1f-%5.1f s] %10.1f Mbit/s\n", start, end, mbit_per_s(bytes, end - start));
+    if (!quiet_) printf("[%5.1f-%5.1f s] %10.1f Mbit/s\n", start, end, kelp::mbit_per_s(bytes, end - start));
     flush_stdout();
 }
 
 void json_reporter::progress(uint64_t done, uint64_t total) {
-    double t = now();
+    double t = kelp::monotonic_seconds();
     if (done != total && t - last_ < 0.5) return;
     last_ = t;
     printf("%s\n", json_line({{"event", "progress"}, {"done", done}, {"total", total}}).c_str());
@@ -137,7 +131,7 @@ void json_reporter::interval(double start, double end, uint64_t bytes) {
                               {"start", json_seconds(start)},
                               {"end", json_seconds(end)},
                               {"bytes", bytes},
-                              {"mbit_per_s", mbit_per_s(bytes, end - start)}})
+                              {"mbit_per_s", kelp::mbit_per_s(bytes, end - start)}})
                        .c_str());
     flush_stdout();
 }

@@ -243,7 +243,7 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
 kelp::status make_host_folders(const invocation& inv, const std::vector<std::string>& hosts) {
     if (inv.device_command() != "get-script" || inv.file.find("{host}") == std::string::npos) return kelp::ok();
     for (const std::string& host : hosts) {
-        status st = make_parent_folders(for_host(inv.file, host));
+        status st = kelp::make_parent_folders(for_host(inv.file, host));
         if (!st) return kelp::fail(st.kind, st.message + "; no host was contacted");
     }
     return kelp::ok();

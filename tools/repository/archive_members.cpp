@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 
+#include "durations.h"
 #include "files.h"
 
 using kelp::error_kind;
@@ -72,7 +73,7 @@ status for_each_file(archive* a, bool* is_archive,
         if (path.empty() || archive_entry_filetype(entry) != AE_IFREG) continue;
         la_int64_t size = archive_entry_size(entry);
         if (size < 0 || total + (size_t)size > max_total)
-            return fail(error_kind::protocol, "the configuration archive unpacks to more than 64 MiB");
+            return fail(error_kind::protocol, "the configuration archive unpacks to more than " + size_text(max_total));
         total += (size_t)size;
         status st = each(path, entry);
         if (!st) return st;
@@ -93,7 +94,7 @@ status write_member(archive* a, archive_entry* entry, const std::string& name, c
     if (!content.empty() && archive_read_data(a, content.data(), content.size()) != (la_ssize_t)content.size())
         return damaged(a, "short member");
     unlink(target.c_str());  // a member may come twice: the last one wins, as tar has it
-    status st = make_parent_folders(target);
+    status st = kelp::make_parent_folders(target);
     if (st) st = write_new_file(target, content, 0600);
     if (st || is_disk_error(st.code)) return st;
     return fail(error_kind::protocol, "the configuration archive's member " + name + " cannot be kept as a file: " +

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "files.h"
+#include "inventory.h"
 
 using kelp::error_kind;
 using kelp::fail;
@@ -499,6 +500,8 @@ status git_store::check_out(const git_tree* old_tree, const git_tree* new_tree, 
 }
 
 status git_store::require_folder(const std::string& folder) {
+    std::string wrong = host_name_problem(folder);
+    if (!wrong.empty()) return fail(error_kind::local, "'" + folder + "' is not a usable host name: " + wrong);
     std::vector<git_oid> ids;
     status st = changes_of(repo_, folder, &ids);
     if (st && ids.empty()) return fail(error_kind::local, "the backups in " + dir_ + " hold no host '" + folder + "'");
@@ -769,7 +772,8 @@ status git_store::folders(std::vector<std::string>* out) {
     if (git_revparse_single((git_object**)head.out(), repo_, "HEAD^{tree}") != 0) return kelp::ok();  // no commit yet
     for (size_t i = 0; i < git_tree_entrycount(head); i++) {
         const git_tree_entry* e = git_tree_entry_byindex(head, i);
-        if (git_tree_entry_type(e) == GIT_OBJECT_TREE) out->push_back(git_tree_entry_name(e));
+        if (git_tree_entry_type(e) == GIT_OBJECT_TREE && host_name_problem(git_tree_entry_name(e)).empty())
+            out->push_back(git_tree_entry_name(e));
     }
     return kelp::ok();
 }

@@ -65,7 +65,8 @@ public:
     // writer (a program's name); no host is asked. *hosts: those converted.
     kelp::status convert_layout(const std::string& writer, std::vector<std::string>* hosts);
 
-    // Fails, naming the repository, when no commit ever held folder.
+    // Fails when folder is no host's name, or, naming the repository, when
+    // no commit ever held it.
     kelp::status require_folder(const std::string& folder);
     // The commits that changed folder, newest first: commit (id), time
     // (Unix seconds), subject, files (path within folder, status).
@@ -110,7 +111,9 @@ public:
                                bool* found);
     // The last commit's short id, "" before the first.
     std::string head_commit();
-    // Every top-level folder of the last commit.
+    // The hosts' folders of the last commit: its top-level folders named as
+    // a host may be (inventory.h), so that no folder of the operator's own
+    // passes for a host.
     kelp::status folders(std::vector<std::string>* out);
     // Each commit made in [since, until] with the folders it changed (only
     // that one, when given) and their files (paths inside the folder),

@@ -1,30 +1,15 @@
 #include "host_snapshot.h"
 
-#include <errno.h>
-#include <string.h>
 #include <sys/stat.h>
 
 #include "archive_members.h"
 #include "bundle.h"
 #include "files.h"
+#include "scripts.h"
 
 using kelp::bytes;
 using kelp::error_kind;
 using kelp::status;
-
-namespace {
-
-const char* const script_names[] = {"cbq", "fw", "nat", "dhcp"};
-const char* const script_files[] = {"cbq.scr", "fw.scr", "nat.scr", "dhcpd.conf"};
-
-}  // namespace
-
-status system_error(const std::string& what, const std::string& path) {
-    int err = errno;
-    status st = kelp::fail(error_kind::local, "cannot " + what + " " + path + ": " + strerror(err));
-    st.code = err;
-    return st;
-}
 
 std::vector<std::string> kept_from_last(bool scripts) {
     return scripts ? std::vector<std::string>{} : std::vector<std::string>{"scripts"};
@@ -48,13 +33,13 @@ status take_snapshot(const kelp::target& t, const std::string& folder, bool scri
     if (!(st = written(extract_members(plain, folder + "/config", &is_archive)))) return st;
     if (!is_archive && !(st = written(write_new_file(folder + "/config.plain", plain, 0600)))) return st;
     if (!scripts) return st;
-    if (mkdir((folder + "/scripts").c_str(), 0700) != 0) return written(system_error("create", folder + "/scripts"));
-    for (size_t i = 0; i < 4; i++) {
+    if (mkdir((folder + "/scripts").c_str(), 0700) != 0) return written(kelp::cannot("create", folder + "/scripts"));
+    for (const script_entry& script : script_table) {
         bytes body;
-        st = kelp::get_script(t, kelp::script_by_name(script_names[i]), 0, &body);
+        st = kelp::get_script(t, script.number, 0, &body);
         if (kelp::is_missing_script(st)) continue;
-        if (!st) return kelp::fail(st.kind, std::string("script ") + script_names[i] + ": " + st.message);
-        if (!(st = written(write_new_file(folder + "/scripts/" + script_files[i], body, 0600)))) return st;
+        if (!st) return kelp::fail(st.kind, std::string("script ") + script.word + ": " + st.message);
+        if (!(st = written(write_new_file(folder + "/scripts/" + script.file, body, 0600)))) return st;
     }
     return st;
 }

@@ -23,6 +23,3 @@ struct host_snapshot {
 std::vector<std::string> kept_from_last(bool scripts);
 
 kelp::status take_snapshot(const kelp::target& t, const std::string& folder, bool scripts, host_snapshot* out);
-
-// "cannot WHAT PATH: the reason", from errno (kept in code).
-kelp::status system_error(const std::string& what, const std::string& path);

@@ -58,17 +58,17 @@ status writer_lock::take(const git_store& store, const writer_identity& me, std:
     std::string path = store.git_dir() + lock_name;
     // Close-on-exec: a hook or a push that outlives us must not keep it.
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) return system_error("open the lock", path);
+    if (fd < 0) return kelp::cannot("open the lock", path);
     std::unique_ptr<writer_lock> lock(new writer_lock(fd));
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK) return system_error("lock", path);
+        if (errno != EWOULDBLOCK) return kelp::cannot("lock", path);
         return refused(holder_of(fd), me, store.dir());
     }
     json line = {{"pid", (long long)getpid()}, {"program", me.program}};
     if (!me.api.empty()) line["api"] = me.api;
     std::string text = line.dump() + "\n";
     if (ftruncate(fd, 0) != 0 || pwrite(fd, text.data(), text.size(), 0) != (ssize_t)text.size())
-        return system_error("write", path);
+        return kelp::cannot("write", path);
     *out = std::move(lock);
     return kelp::ok();
 }

@@ -26,7 +26,7 @@ status exclude_state_file(const std::string& dir, const std::string& state_file)
     std::string rule = "/" + state_file.substr(dir.size() + 1) + "*\n";
     std::string path = dir + "/.git/info/exclude";
     kelp::bytes old;
-    if (access(path.c_str(), F_OK) == 0 && !read_input(path, &old, 1 << 20)) old.clear();
+    if (access(path.c_str(), F_OK) == 0 && !read_input(path, &old, settings_file_max)) old.clear();
     std::string text(old.begin(), old.end());
     if (text.find(rule) != std::string::npos) return kelp::ok();
     mkdir((dir + "/.git/info").c_str(), 0755);
@@ -61,7 +61,7 @@ status backup_store::open(const serve_options& o, const std::string& state_file,
                   " host folders converted to one copy of each backup");
     if (st) store->staging_ = store->git_->staging("serve");
     if (st) remove_tree(store->staging_);
-    if (st && mkdir(store->staging_.c_str(), 0700) != 0) st = system_error("create", store->staging_);
+    if (st && mkdir(store->staging_.c_str(), 0700) != 0) st = kelp::cannot("create", store->staging_);
     if (st) st = exclude_state_file(o.into, state_file);
     if (st) *out = std::move(store);
     return st;
@@ -75,7 +75,7 @@ backup_result backup_store::back_up(const std::string& host, const kelp::target&
     backup_result r;
     std::string staged = staging_ + "/" + host + ".XXXXXX";
     if (!mkdtemp(staged.data())) {
-        r.st = system_error("create a staging folder in", staging_);
+        r.st = kelp::cannot("create a staging folder in", staging_);
         r.repository_failure = true;
         r.unwritable = unwritable(r.st);
         return r;

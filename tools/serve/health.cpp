@@ -1,5 +1,6 @@
 #include "health.h"
 
+#include "clock.h"
 #include "log.h"
 #include "scheduler.h"
 
@@ -51,7 +52,7 @@ std::vector<std::string> service_health::reasons(const scheduler& s, const std::
     std::lock_guard<std::mutex> hold(lock_);
     if (stopping_ || !s.running()) out.push_back("the service is stopping");
     if (lag > s.interval())
-        out.push_back("the schedule is stuck: " + host + " is " + seconds_text(lag) +
+        out.push_back("the schedule is stuck: " + host + " is " + kelp::seconds_text(lag) +
                       " past its due time, more than one interval");
     if (!f_.repository_writable) out.push_back("cannot write the backups in " + repository + ": " + last_failure_);
     else if (failed_in_row_ >= failing_commits)

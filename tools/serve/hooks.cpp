@@ -7,7 +7,7 @@
 
 #include <chrono>
 
-#include "net.h"
+#include "clock.h"
 #include "log.h"
 
 namespace {
@@ -18,6 +18,8 @@ constexpr int max_running = 4;
 constexpr size_t max_waiting = 10000;
 // Between the polite and the final signal to a hook's group.
 constexpr int grace_ms = 500;
+// How often a running hook is looked at: its end, its time-out, a stop.
+constexpr int look_every_ms = 20;
 
 // The variables a hook sees: a clean environment, so that no password the
 // service was given reaches it.
@@ -100,7 +102,7 @@ hook_runner::end hook_runner::run(const job& j) {
     }
     int status = wait_bounded(pid);
     if (status == -1)
-        log_event(j.what + ": the hook ran longer than " + seconds_text(timeout_ms_ / 1000.0) +
+        log_event(j.what + ": the hook ran longer than " + kelp::seconds_text(timeout_ms_ / 1000.0) +
                   " and was ended (--hook-timeout)");
     else if (status == -2)
         log_event(j.what + ": the hook was ended: the service is stopping");
@@ -133,7 +135,7 @@ int hook_runner::wait_bounded(pid_t pid) {
             result = ending ? -2 : -1;
             break;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(look_every_ms));
     }
     std::lock_guard<std::mutex> hold(lock_);
     running_.erase(pid);

@@ -17,6 +17,7 @@
 #include <regex>
 #include <thread>
 
+#include "durations.h"
 #include "files.h"
 
 using steady = std::chrono::steady_clock;
@@ -27,7 +28,9 @@ namespace {
 
 // Nothing the API reads comes in a body: a larger one is refused.
 constexpr size_t max_body = 64 << 10;
-constexpr const char* body_too_big = "the request body is over 64 KiB: this API reads none that large";
+std::string too_large_body() {
+    return "the request body is over " + size_text(max_body) + ": this API reads none that large";
+}
 // Longer addresses are refused as cpp-httplib did; libmicrohttpd itself
 // refuses a request line beyond its connection memory.
 constexpr size_t max_target = 8192;
@@ -182,7 +185,7 @@ kelp::status open_listener(const std::string& host, int port, int* out) {
 
 kelp::status read_pem(const char* option, const std::string& path, std::string* out) {
     kelp::bytes data;
-    kelp::status st = read_input(path, &data, 1 << 20);
+    kelp::status st = read_input(path, &data, settings_file_max);
     if (!st) return fail(error_kind::local, std::string(option) + ": " + st.message);
     out->assign(data.begin(), data.end());
     explicit_bzero(data.data(), data.size());
@@ -307,7 +310,7 @@ bool answered_at_once(http_server::core& c, exchange& ex, http_answer* out) {
     if (c.stopping) return *out = c.error(503, "the service is stopping"), true;
     if (target_size(req) > max_target)
         return *out = c.error(414, "the address is longer than " + std::to_string(max_target) + " bytes"), true;
-    if (ex.body_too_big) return *out = c.error(413, body_too_big), true;
+    if (ex.body_too_big) return *out = c.error(413, too_large_body()), true;
     if (c.cfg.before && c.cfg.before(req, *out)) return true;
     ex.route = route_for(c, req, out);
     if (!ex.route) return true;
@@ -331,7 +334,7 @@ MHD_Result on_request(void* cls, MHD_Connection* conn, const char* url, const ch
         }
         if (strtoull(ex->req.get_header_value("Content-Length").c_str(), nullptr, 10) <= max_body) return MHD_YES;
         // Refused before it is read; libmicrohttpd then closes the connection.
-        http_answer big = c->error(413, body_too_big);
+        http_answer big = c->error(413, too_large_body());
         return send_answer(conn, big);
     }
     std::shared_ptr<exchange> ex = *(std::shared_ptr<exchange>*)*slot;

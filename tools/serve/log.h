@@ -6,7 +6,3 @@
 #include <string>
 
 void log_event(const std::string& line);
-// "0.375 s", "12 s": a duration for the log.
-std::string seconds_text(double seconds);
-// "2026-11-24T23:59:01.123+00:00": a moment in local time, with its offset.
-std::string iso_time(double unix_seconds);

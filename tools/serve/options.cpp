@@ -9,41 +9,30 @@
 #include <algorithm>
 #include <map>
 
+#include "connection_cli.h"
 #include "durations.h"
 #include "words.h"
 #include "files.h"
+#include "lines.h"
 #include "outcome.h"
 #include "password.h"
 
 namespace {
 
-// Beyond a week a backup schedule is no schedule.
-constexpr long long max_interval_ms = 7LL * 24 * 3600 * 1000;
+// Beyond a week a backup schedule is no schedule; below a second, a loop.
+constexpr long long min_interval_ms = 1000, max_interval_ms = 7LL * 24 * 3600 * 1000;
+// A stop, and a push, get a second at the least.
+constexpr long long min_stop_ms = 1000, min_push_ms = 1000;
 
 struct serve_line {
     CLI::App app{"kelputil serve: back up every host of an inventory on a schedule, with an HTTP API and metrics",
                  "kelputil serve"};
     serve_options& o;
-    std::string listen = "127.0.0.1:8750", interval = "1h", timeout = "15", hook_timeout = "30", stop_timeout = "10",
-                push_timeout = "60",
-                token_file;
-    bool tls = false;
+    std::string listen = "127.0.0.1:8750", interval = "1h", hook_timeout = "30", stop_timeout = "10",
+                push_timeout = "60", token_file;
+    connection_words conn;
     explicit serve_line(serve_options& opts) : o(opts) {}
 };
-
-void add_connection_options(serve_line& s) {
-    connection_options& inv = s.o.conn;
-    s.app.add_option("--password-file", inv.password_file, "the admin password of hosts without their own source")
-        ->type_name("FILE");
-    s.app.add_option("--timeout", s.timeout, "give up on a silent host after this long (default 15 s)")
-        ->type_name("DURATION");
-    s.app.add_flag("--plain", inv.plain, "the plain protocol on port 856 for hosts that do not say");
-    s.app.add_flag("--tls", s.tls, "TLS on port 857 (the default)");
-    s.app.add_option("--pin", inv.pin, "accept only the certificate with this SHA-256 fingerprint")
-        ->type_name("SHA256");
-    s.app.add_option("--known-hosts", inv.known_hosts, "remembered certificates")->type_name("FILE");
-    s.app.add_flag("-v,--verbose", s.o.out.verbose, "log every connection's steps");
-}
 
 void add_serve_options(serve_line& s) {
     serve_options& o = s.o;
@@ -57,7 +46,10 @@ void add_serve_options(serve_line& s) {
         ->type_name("FILE");
     s.app.add_option("--listen", s.listen, "the HTTP API's address (default 127.0.0.1:8750)")->type_name("ADDR:PORT");
     s.app.add_option("--interval", s.interval, "back up each host this often (default 1h)")->type_name("DURATION");
-    s.app.add_option("-j,--jobs", o.jobs, "hosts at a time (default 16)")->check(CLI::Range(1, 256))->type_name("N");
+    s.app.add_option("-j,--jobs", o.jobs, "hosts at a time (default " + std::to_string(o.jobs) + ")")
+        ->check(CLI::Validator(
+            [](std::string& text) { return whole_number_problem(text, 1, fleet_options::max_jobs, "job count"); }, ""))
+        ->type_name("N");
     s.app.add_option("--limit", o.limit, "hosts and groups to serve")->type_name("PATTERN");
     s.app.add_option("--token-file", s.token_file, "the API's bearer token (mode 600)")->type_name("FILE");
     s.app.add_option("--tls-cert", o.tls_cert, "serve HTTPS with this certificate")->type_name("FILE");
@@ -122,17 +114,14 @@ std::string check_security(const serve_line& s) {
 std::string settle(serve_line& s) {
     serve_options& o = s.o;
     std::string wrong = split_listen(s.listen, &o.listen_host, &o.listen_port);
-    long long timeout = 0;
-    if (wrong.empty()) wrong = duration_of("--interval", s.interval, 1000, max_interval_ms, &o.interval_ms);
-    if (wrong.empty()) wrong = duration_of("--timeout", s.timeout, timeout_min_ms, timeout_max_ms, &timeout);
-    o.conn.timeout_ms = (int)timeout;
+    if (wrong.empty()) wrong = duration_of("--interval", s.interval, min_interval_ms, max_interval_ms, &o.interval_ms);
+    if (wrong.empty()) wrong = settle_connection(s.conn, &o.conn);
     if (wrong.empty())
         wrong = duration_of("--hook-timeout", s.hook_timeout, timeout_min_ms, timeout_max_ms, &o.hook_timeout_ms);
     if (wrong.empty())
-        wrong = duration_of("--stop-timeout", s.stop_timeout, 1000, timeout_max_ms, &o.stop_deadline_ms);
+        wrong = duration_of("--stop-timeout", s.stop_timeout, min_stop_ms, timeout_max_ms, &o.stop_deadline_ms);
     if (wrong.empty())
-        wrong = duration_of("--push-timeout", s.push_timeout, 1000, timeout_max_ms, &o.push_timeout_ms);
-    if (wrong.empty() && s.tls && o.conn.plain) wrong = "--plain and --tls exclude each other";
+        wrong = duration_of("--push-timeout", s.push_timeout, min_push_ms, timeout_max_ms, &o.push_timeout_ms);
     if (wrong.empty()) wrong = check_security(s);
     if (wrong.empty() && !s.token_file.empty()) wrong = read_token(s.token_file, &o.token);
     return wrong;
@@ -165,35 +154,29 @@ std::string config_path(const std::vector<char*>& args) {
     return "";
 }
 
-std::string trimmed(const std::string& s) {
-    size_t b = s.find_first_not_of(" \t\r"), e = s.find_last_not_of(" \t\r");
-    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
-}
-
 // A key the service does not know is most likely a typo: an error naming
 // FILE:LINE and the nearest key, rather than a setting silently lost.
 std::string check_config_keys(const CLI::App& app, const std::string& path) {
     kelp::bytes data;
-    if (path.empty() || !read_input(path, &data, 1 << 20)) return "";  // the parser names a missing file
+    if (path.empty() || !read_input(path, &data, settings_file_max)) return "";  // the parser names a missing file
     std::vector<std::string> known;
     for (const CLI::Option* o : app.get_options())
         for (const std::string& name : o->get_lnames()) known.push_back(name);
     std::string text(data.begin(), data.end());
     std::map<std::string, int> seen;
     int number = 0;
-    for (size_t at = 0; at < text.size(); number++) {
-        size_t end = std::min(text.find('\n', at), text.size());
-        std::string line = trimmed(text.substr(at, end - at));
-        at = end + 1;
+    for (std::string_view raw : kelp::lines_of(text)) {
+        number++;
+        std::string line = kelp::trim(raw);
         size_t eq = line.find('=');
         if (line.empty() || line[0] == '#' || line[0] == ';' || line[0] == '[' || eq == std::string::npos) continue;
-        std::string key = trimmed(line.substr(0, eq));
+        std::string key = kelp::trim(line.substr(0, eq));
         if (key.size() >= 2 && key.front() == '"' && key.back() == '"') key = key.substr(1, key.size() - 2);
-        std::string where = path + ":" + std::to_string(number + 1) + ": ";
+        std::string where = path + ":" + std::to_string(number) + ": ";
         if (seen.count(key))
             return where + "the key '" + key + "' is given again (first on line " + std::to_string(seen[key]) +
                    "): keep one";
-        seen[key] = number + 1;
+        seen[key] = number;
         if (std::find(known.begin(), known.end(), key) != known.end()) continue;
         std::string best = closest(key, known);
         return where + "unknown key '" + key + "'" +
@@ -228,6 +211,8 @@ long long run_bound_ms(const serve_options& o) {
     return sessions * (long long)o.conn.timeout_ms + commit_ms;
 }
 
+long long wait_bound_ms(const serve_options& o) { return run_bound_ms(o) + o.conn.timeout_ms; }
+
 bool is_loopback(const std::string& host) {
     struct in_addr v4;
     struct in6_addr v6;
@@ -238,7 +223,8 @@ bool is_loopback(const std::string& host) {
 
 int parse_serve_command_line(int argc, char** argv, serve_options* out) {
     serve_line s(*out);
-    add_connection_options(s);
+    add_connection_options(s.app, out->conn, s.conn, false);
+    s.app.add_flag("-v,--verbose", out->out.verbose, "log every connection's steps");
     add_serve_options(s);
     s.app.add_flag("--json", out->out.json, "usage errors as JSON");
     for (int i = 1; i < argc; i++)

@@ -29,9 +29,12 @@ struct serve_options {
 };
 
 // The longest one host's backup may take (a session per report, each
-// bounded by --timeout, and the commit): a wait=1 answer's bound, and past
-// it a running host counts as stuck.
+// bounded by --timeout, and the commit): past it a running host counts as
+// stuck.
 long long run_bound_ms(const serve_options& o);
+// How long a wait=1 request waits for its backup: a run's bound, with one
+// --timeout of slack.
+long long wait_bound_ms(const serve_options& o);
 
 // Fills *out from argv ("kelputil [OPTIONS] serve [OPTIONS]"). Returns -1
 // to go on, or the exit status to end with (its message already printed).

@@ -8,16 +8,16 @@
 #include <stdio.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <iostream>
 
+#include "clock.h"
 #include "git_store.h"
-#include "net.h"
 #include "log.h"
+#include "retry.h"
 
 extern char** environ;
 
@@ -29,11 +29,14 @@ constexpr int nothing_to_push = 3;
 
 const char child_flag[] = "--internal-push";
 
-double wall_now() {
-    struct timespec t;
-    clock_gettime(CLOCK_REALTIME, &t);
-    return t.tv_sec + t.tv_nsec / 1e9;
-}
+// A failed push is tried again after 5 s, then after twice as long each
+// time, at most every 5 minutes: a remote that is down is not hammered.
+constexpr double retry_first_s = 5, retry_max_s = 300;
+// What the log keeps of the child's words: the last line says why.
+constexpr size_t max_child_text = 65536;
+// The child's own bound is --push-timeout and this: the service ends it
+// first, unless the service itself is stuck.
+constexpr unsigned child_alarm_slack_s = 5;
 
 // The child in a group of its own, signals as a new program has them.
 pid_t spawn_child(int in, int out) {
@@ -75,7 +78,7 @@ std::string read_until(int fd, long long deadline_ms, bool* late) {
         char buf[4096];
         ssize_t n = read(fd, buf, sizeof buf);
         if (n <= 0) return text;
-        if (text.size() < 65536) text.append(buf, (size_t)n);
+        if (text.size() < max_child_text) text.append(buf, (size_t)n);
     }
 }
 
@@ -161,7 +164,8 @@ kelp::status pusher::push_once(bool* tried) {
     int status = 0;
     waitpid(pid, &status, 0);
     if (late)
-        return kelp::fail(kelp::error_kind::timed_out, what + ": no end within " + seconds_text(timeout_ms_ / 1000.0) +
+        return kelp::fail(kelp::error_kind::timed_out, what + ": no end within " +
+                                                           kelp::seconds_text(timeout_ms_ / 1000.0) +
                                                            " (--push-timeout): the push was ended");
     *tried = !(WIFEXITED(status) && WEXITSTATUS(status) == nothing_to_push);
     if (WIFEXITED(status) && (WEXITSTATUS(status) == 0 || !*tried)) return kelp::ok();
@@ -173,8 +177,7 @@ kelp::status pusher::push_once(bool* tried) {
 
 void pusher::work() {
     std::unique_lock<std::mutex> hold(lock_);
-    double pause = 5;
-    bool failing = false;
+    int failures = 0;  // in a row
     while (true) {
         wake_.wait(hold, [&] { return pending_ || stopping_; });
         if (stopping_) return;
@@ -182,27 +185,25 @@ void pusher::work() {
         hold.unlock();
         bool tried = true;
         kelp::status st = push_once(&tried);
-        double now = wall_now();
+        double now = kelp::wall_seconds();
         hold.lock();
         if (stopping_) return;  // ended by the stop, not by the remote
         if (!tried) continue;  // nothing committed yet: neither a success nor a failure
         if (st) {
-            if (failing) log_event("push to " + shown_remote(remote_) + " works again");
-            failing = false;
-            pause = 5;
+            if (failures > 0) log_event("push to " + shown_remote(remote_) + " works again");
+            failures = 0;
             report_.last_success = now;
             report_.last_error.clear();
             if (listener_) listener_->push_ok(now);
             continue;
         }
-        log_event(st.message + "; trying again in " + seconds_text(pause));
-        failing = true;
+        double pause = kelp::backoff(retry_first_s, retry_max_s, ++failures);
+        log_event(st.message + "; trying again in " + kelp::seconds_text(pause));
         pending_ = true;
         report_.failures++;
         report_.last_error = st.message;
         if (listener_) listener_->push_failed(st.message);
         wake_.wait_for(hold, std::chrono::milliseconds((long long)(pause * 1000)), [&] { return stopping_; });
-        pause = std::min(pause * 2, 300.0);
     }
 }
 
@@ -213,7 +214,7 @@ int run_push_child() {
     // Ends with the service, however it ends, and bounds itself as well.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (std::to_string(getppid()) != parent) return 1;
-    alarm((unsigned)(atoll(timeout.c_str()) / 1000 + 5));
+    alarm((unsigned)(atoll(timeout.c_str()) / 1000) + child_alarm_slack_s);
     std::unique_ptr<git_store> store;
     kelp::status st = git_store::open(dir, false, false, &store);
     if (st && store->head_commit().empty()) return nothing_to_push;

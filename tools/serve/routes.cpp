@@ -4,6 +4,7 @@
 
 #include <regex>
 
+#include "clock.h"
 #include "json_bytes.h"
 #include "log.h"
 #include "metrics.h"
@@ -17,7 +18,9 @@ namespace {
 // One answer of /changes lists at most this many hosts' commits; a host's
 // page, its newest changes (at most max_history when asked for more).
 constexpr size_t max_changes = 1000;
-constexpr double default_history = 100, max_history = 10000;
+constexpr int default_history = 100, max_history = 10000;
+// /changes without since: this many days back.
+constexpr int default_changes_days = 7;
 
 json seconds_or_null(double t) { return t > 0 ? json((long long)t) : json(nullptr); }
 
@@ -220,12 +223,12 @@ void get_file(service& s, const http_request& req, http_answer& res) {
 
 void post_backup(service& s, const http_request& req, http_answer& res) {
     std::string name = req.matches[1], wait = query(req, "wait");
-    long long ticket = 0, bound = run_bound_ms(s.options()) + s.options().conn.timeout_ms;
+    long long ticket = 0, bound = wait_bound_ms(s.options());
     if (wait != "" && wait != "0" && wait != "1") return answer_error(res, 400, "wait is 0 or 1");
     if (!s.schedule().running()) return answer_error(res, 409, "the service is stopping");
     // A place among the waiting clients first: without one, nothing is queued.
     http_answer late;
-    answer_error(late, 504, name + "'s backup did not finish in " + seconds_text(bound / 1000.0));
+    answer_error(late, 504, name + "'s backup did not finish in " + kelp::seconds_text(bound / 1000.0));
     std::shared_ptr<http_later> later = wait == "1" ? res.later(bound, late) : nullptr;
     if (wait == "1" && !later) return;
     if (!s.schedule().run_now(name, &ticket)) {
@@ -241,7 +244,7 @@ void post_backup(service& s, const http_request& req, http_answer& res) {
         if (end == wait_end::stopping) answer_error(res, 503, "the service is stopping");
         if (end == wait_end::host_left) answer_error(res, 404, "no host " + name + " is served");
         if (end != wait_end::finished) return later->answer(std::move(res));
-        json out = host_json(st, now_seconds(), interval);
+        json out = host_json(st, kelp::wall_seconds(), interval);
         out["ok"] = r.error.empty();
         out["changed"] = !r.commit.empty();
         out["commit"] = text_or_null(r.commit);
@@ -279,9 +282,10 @@ void get_attempts(service& s, const http_request& req, http_answer& res) {
 // Every host's commits in a time range, newest first.
 void get_changes(service& s, const http_request& req, http_answer& res) {
     double now = s.schedule().wall_now(), since = 0, until = 0;
-    if (!seconds_param(query(req, "since"), now - 7 * 24 * 3600, &since) ||
+    if (!seconds_param(query(req, "since"), now - default_changes_days * 24 * 3600, &since) ||
         !seconds_param(query(req, "until"), now, &until) || since > until)
-        return answer_error(res, 400, "since and until are Unix seconds, since before until (default: the last 7 days)");
+        return answer_error(res, 400, "since and until are Unix seconds, since before until (default: the last " +
+                                          std::to_string(default_changes_days) + " days)");
     json changes;
     std::string host = query(req, "host");
     kelp::status r =

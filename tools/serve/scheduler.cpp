@@ -1,18 +1,14 @@
 #include "scheduler.h"
 
 #include <math.h>
-#include <time.h>
 
 #include <algorithm>
 #include <chrono>
 
-namespace {
+#include "clock.h"
+#include "retry.h"
 
-double clock_seconds(clockid_t which) {
-    struct timespec t;
-    clock_gettime(which, &t);
-    return t.tv_sec + t.tv_nsec / 1e9;
-}
+namespace {
 
 std::string address_of(const inventory_host& h) {
     auto a = h.vars.find("ansible_host");
@@ -21,13 +17,10 @@ std::string address_of(const inventory_host& h) {
 
 }  // namespace
 
-double now_seconds() { return clock_seconds(CLOCK_REALTIME); }
-
-schedule_clock real_clock() { return {[] { return clock_seconds(CLOCK_MONOTONIC); }, now_seconds}; }
+schedule_clock real_clock() { return {kelp::monotonic_seconds, kelp::wall_seconds}; }
 
 double retry_delay(double interval, int failures) {
-    double delay = interval / 16 * pow(2, std::max(failures, 1) - 1);
-    return std::min(delay, interval / 2);
+    return kelp::backoff(interval / 16, interval / 2, failures);
 }
 
 bool is_overdue(const host_state& h, double now, double interval) {

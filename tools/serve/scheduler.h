@@ -40,7 +40,6 @@ struct schedule_clock {
     std::function<double()> monotonic, wall;
 };
 schedule_clock real_clock();
-double now_seconds();
 
 // How long a host that failed `failures` times in a row waits before the
 // next try: from a sixteenth of the interval, doubling, at most half of it.

@@ -2,18 +2,18 @@
 
 #include <string.h>
 
+#include "lines.h"
+
 namespace {
 
 void search_one(const std::string& host, const std::string& file, std::string_view content, const std::string& text,
                 size_t max_matches, json* out) {
-    size_t at = 0;
-    for (int number = 1; at < content.size() && out->size() < max_matches; number++) {
-        size_t end = content.find('\n', at);
-        if (end == std::string::npos) end = content.size();
-        std::string_view line = content.substr(at, end - at);
+    int number = 0;
+    for (std::string_view line : kelp::lines_of(content)) {
+        if (out->size() >= max_matches) return;
+        number++;
         if (line.find(text) != std::string::npos)
             out->push_back({{"host", host}, {"path", file}, {"line", number}, {"text", std::string(line)}});
-        at = end + 1;
     }
 }
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "net.h"
+#include "clock.h"
 #include "facts.h"
 #include "log.h"
 
@@ -37,7 +37,8 @@ std::string state_path(const serve_options& o) {
     return o.into + "/.kelputil-serve.db";
 }
 
-service::service(const serve_options& o) : o_(o), targets_(o_), health_(now_seconds()), hooks_(o.hook_timeout_ms) {}
+service::service(const serve_options& o)
+    : o_(o), targets_(o_), health_(kelp::wall_seconds()), hooks_(o.hook_timeout_ms) {}
 
 service::~service() = default;
 
@@ -79,7 +80,7 @@ void service::start() {
     if (!o_.push.empty()) push_ = std::make_unique<pusher>(o_, &health_);
     schedule_->start();
     log_event("serving " + std::to_string(schedule_->hosts().size()) + " hosts every " +
-              seconds_text(o_.interval_ms / 1000.0) + " into " + o_.into);
+              kelp::seconds_text(o_.interval_ms / 1000.0) + " into " + o_.into);
     run_missed_hooks();
 }
 
@@ -169,7 +170,7 @@ std::vector<std::pair<std::string, git_store::folder_change>> service::retired_h
 kelp::status service::reload() {
     std::vector<inventory_host> hosts;
     kelp::status st = read_hosts(&hosts);
-    health_.reload_result((bool)st, now_seconds());
+    health_.reload_result((bool)st, kelp::wall_seconds());
     if (!st) return st;
     // A host that comes back (or is new) starts from what was saved of it
     // and what git holds, as at a start; hosts already served keep theirs.
@@ -219,7 +220,7 @@ host_run service::run_host(const inventory_host& host, const host_state& before)
         return r;
     }
     router_facts facts;
-    if (facts_due(before, !r.commit.empty(), now_seconds()) && read_facts(t, &facts)) {
+    if (facts_due(before, !r.commit.empty(), kelp::wall_seconds()) && read_facts(t, &facts)) {
         r.reports_read = true;
         r.model = facts.model, r.firmware = facts.firmware, r.uptime = facts.uptime;
     }
@@ -252,7 +253,7 @@ void service::after_run(const host_state& done, const host_run& r, int failures_
     if (!r.error.empty()) {
         log_event(s.name + ": failed (" + r.error + "), " + std::to_string(s.consecutive_failures) +
                   " in a row; next try in " +
-                  seconds_text(retry_delay(o_.interval_ms / 1000.0, s.consecutive_failures)));
+                  kelp::seconds_text(retry_delay(o_.interval_ms / 1000.0, s.consecutive_failures)));
         if (!page) return;
         vars["ERROR"] = r.error;
         vars["FAILURES"] = std::to_string(s.consecutive_failures);

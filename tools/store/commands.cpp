@@ -39,7 +39,7 @@ outcome back_up_host(const invocation& inv, const std::string& staging, const in
                      staged_hosts* staged) {
     std::string folder = staging + "/" + h.name + ".XXXXXX";
     host_snapshot taken;
-    status st = mkdtemp(folder.data()) ? kelp::ok() : system_error("create a staging folder in", staging);
+    status st = mkdtemp(folder.data()) ? kelp::ok() : kelp::cannot("create a staging folder in", staging);
     taken.disk_failure = !st && is_disk_error(st.code);
     if (st) st = take_snapshot(t, folder, inv.scripts, &taken);
     std::lock_guard<std::mutex> hold(staged->lock);
@@ -134,7 +134,7 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     if (st) st = store->convert_layout(writer.program, &converted);
     std::string staging = store ? store->staging("") : "";
     if (st) remove_tree(staging);
-    if (st && mkdir(staging.c_str(), 0700) != 0) st = system_error("create", staging);
+    if (st && mkdir(staging.c_str(), 0700) != 0) st = kelp::cannot("create", staging);
     if (!st) return local_error(inv, st);
 
     // Nothing reaches the work tree until every host is done: a signal or

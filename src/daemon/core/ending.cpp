@@ -10,6 +10,7 @@
 #include "core/replies.h"
 #include "core/shell.h"
 #include "core/state.h"
+#include "scripts.h"
 
 [[noreturn]] static void reboot_forever() {
     log_client(LOG_INFO, "rebooting the system");
@@ -21,7 +22,7 @@
 
 static void request_apply() {
     if (act_pkt.action == action_receive_script)
-        run_helper(act_pkt.script == 7 ? "> /tmp/ips.dirty; echo apply > /tmp/monitor" : "do-advnet");
+        run_helper(act_pkt.script == script_dhcp ? "> /tmp/ips.dirty; echo apply > /tmp/monitor" : "do-advnet");
     else
         run_helper("> /tmp/all.dirty; echo apply > /tmp/monitor");
 }

@@ -11,35 +11,21 @@
 #include "protocol.h"
 #include "core/replies.h"
 #include "core/state.h"
+#include "scripts.h"
 #include "transfer/frames.h"
-
-struct script_entry {
-    const char* word;
-    const char* path;
-};
-
-static const script_entry scripts[8] = {
-    {nullptr, nullptr},
-    {"cbq", "/etc/config/cbq.scr"},
-    {"fw", "/etc/config/fw.scr"},
-    {"nat", "/etc/config/nat.scr"},
-    {nullptr, nullptr},
-    {nullptr, nullptr},
-    {nullptr, nullptr},
-    {"dhcp", "/etc/config/dhcpd.conf"},
-};
 
 static const char upload_path[] = "/tmp/kelputil.dat";
 
 // Scripts 4-6 are refused with code 4; 0 and 8-255 end without a reply.
 static const script_entry* select_script(int fd, int number) {
     if (number >= 4 && number <= 6) refuse_action(fd, code_not_supported);
-    if (number == 0 || number > 7) {
+    const script_entry* script = script_by_number(number);
+    if (!script) {
         log_client(LOG_ERR, "requested script is unknown");
         printf("Unknown script: %d\n", number);
         end_process(1);
     }
-    return &scripts[number];
+    return script;
 }
 
 int send_script(int fd) {

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "clock.h"
 #include "facts.h"
 #include "hooks.h"
 #include "metrics.h"
@@ -122,7 +123,7 @@ TEST(serve, runs_keep_each_hosts_place) {
         before.push_back(f);
     });
     s.set_hosts({host("a"), host("b"), host("c")}, {});  // a at start, b +20, c +40
-    double start = now_seconds();
+    double start = kelp::wall_seconds();
     long long ticket;
     host_state st;
     host_run r;
@@ -130,7 +131,7 @@ TEST(serve, runs_keep_each_hosts_place) {
     for (int i = 0; i < 2; i++) ASSERT_TRUE(s.run_now("c", &ticket) && s.wait_for("c", ticket, 5000, &st, &r));
     EXPECT_EQ(st.consecutive_failures, 2);
     EXPECT_EQ(st.last_error, "refused");
-    EXPECT_NEAR(st.next_due, now_seconds() + 7.5, 0.5);
+    EXPECT_NEAR(st.next_due, kelp::wall_seconds() + 7.5, 0.5);
     ASSERT_TRUE(s.run_now("b", &ticket) && s.wait_for("b", ticket, 5000, &st, &r));
     EXPECT_NEAR(st.next_due, start + 20, 0.5);
     wait_end told = wait_end::stopping;
