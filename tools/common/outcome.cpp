@@ -8,21 +8,40 @@
 
 #include "json_bytes.h"
 
+const exit_meaning exit_meanings[8] = {
+    {exit_ok, "success"},
+    {exit_usage, "usage or local error"},
+    {exit_password, "wrong password"},
+    {exit_unreachable, "could not connect, connection lost or timed out"},
+    {exit_protocol, "protocol error"},
+    {exit_tls, "certificate or TLS failure"},
+    {exit_device, "+ the device's result code (10 failed, 12 too large, 13 too small, 14 not supported or busy, "
+                  "16 no such user)"},
+    {exit_some_hosts_failed, "a fleet run where some hosts failed"},
+};
+
+std::string exit_status_help() {
+    std::string text = "Exit status:";
+    for (const exit_meaning& e : exit_meanings)
+        text += (&e == exit_meanings ? " " : "; ") + std::to_string(e.status) + " " + e.meaning;
+    return text + ".";
+}
+
 int exit_status(const kelp::status& s) {
     using kelp::error_kind;
     switch (s.kind) {
-    case error_kind::none: return 0;
-    case error_kind::local: return 1;
-    case error_kind::refused_password: return 2;
+    case error_kind::none: return exit_ok;
+    case error_kind::local: return exit_usage;
+    case error_kind::refused_password: return exit_password;
     case error_kind::connect_failed:
     case error_kind::timed_out:
-    case error_kind::closed: return 3;
+    case error_kind::closed: return exit_unreachable;
     case error_kind::protocol:
-    case error_kind::wrong_protocol: return 4;
-    case error_kind::certificate: return 5;
-    case error_kind::device: return 10 + s.code;
+    case error_kind::wrong_protocol: return exit_protocol;
+    case error_kind::certificate: return exit_tls;
+    case error_kind::device: return exit_device + s.code;
     }
-    return 1;
+    return exit_usage;
 }
 
 static std::string with_advice(const kelp::status& s) {
@@ -131,7 +150,7 @@ double json_seconds(double seconds) { return round(seconds * 1000) / 1000; }
 std::string plural(size_t n, const std::string& word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
 
 int run_program(const char* program, const std::function<int()>& body) {
-    int status = 1;
+    int status = exit_usage;
     try {
         status = body();
     } catch (const std::exception& e) {

@@ -31,9 +31,27 @@ struct outcome {
     bool ok() const { return exit == 0; }
 };
 
-// Exit statuses, as documented in --help.
-constexpr int exit_usage = 1;
+// Exit statuses: every program's status is one of these, and --help lists
+// them from exit_meanings.
+constexpr int exit_ok = 0;
+constexpr int exit_usage = 1;  // usage or local error
+constexpr int exit_password = 2;
+constexpr int exit_unreachable = 3;  // could not connect, connection lost or timed out
+constexpr int exit_protocol = 4;
+constexpr int exit_tls = 5;  // certificate or TLS failure
+constexpr int exit_device = 10;  // + the device's result code
 constexpr int exit_some_hosts_failed = 20;
+constexpr int exit_signal = 128;  // + the signal that stopped a run, as shells report it
+
+struct exit_meaning {
+    int status;
+    const char* meaning;
+};
+extern const exit_meaning exit_meanings[8];
+// "Exit status: 0 success; 1 usage or local error; ...", one line.
+std::string exit_status_help();
+
+// The exit status of a failure of this kind.
 int exit_status(const kelp::status& s);
 
 outcome success(const std::string& message, json data = nullptr);

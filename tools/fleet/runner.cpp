@@ -221,7 +221,7 @@ int fleet_runner::finish(const std::vector<host_result>& results, const std::str
     for (const host_result& r : results) (!r.touched ? untouched : r.result.ok() ? ok_hosts : failed_hosts).push_back(r.host);
     double elapsed = kelp::monotonic_ms() / 1000.0 - s_->started;
     outcome summary;
-    summary.exit = failed_hosts.empty() && untouched.empty() ? 0 : exit_some_hosts_failed;
+    summary.exit = failed_hosts.empty() && untouched.empty() ? exit_ok : exit_some_hosts_failed;
     summary.message = what + ": " + plural(results.size(), "host") + ", " + std::to_string(ok_hosts.size()) +
                       " ok, " + std::to_string(failed_hosts.size()) + " failed" +
                       (untouched.empty() ? "" : ", " + std::to_string(untouched.size()) + " not touched") + ", in " +

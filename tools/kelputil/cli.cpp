@@ -69,14 +69,29 @@ struct command_line {
     explicit command_line(invocation& i) : inv(i) {}
 };
 
-const char* const footer =
+const char* const password_and_trust =
     "The password comes from KELPUTIL_PASSWORD, --password-file (mode 600), or a prompt on the\n"
     "terminal, never from the command line. TLS is the default; the device's certificate is\n"
-    "remembered on first contact (like ssh's known hosts) and a changed one is refused.\n"
-    "Exit status: 0 success; 1 usage or local error; 2 wrong password; 3 could not connect,\n"
-    "connection lost or timed out; 4 protocol error; 5 certificate or TLS failure; 10 + the\n"
-    "device's result code (10 failed, 12 too large, 13 too small, 14 not supported or busy,\n"
-    "16 no such user); 20 a fleet run where some hosts failed.";
+    "remembered on first contact (like ssh's known hosts) and a changed one is refused.\n";
+
+// Words joined into lines of at most width columns.
+std::string wrapped(const std::string& text, size_t width) {
+    std::string out, line;
+    for (size_t at = 0; at < text.size();) {
+        size_t end = std::min(text.find(' ', at), text.size());
+        std::string word = text.substr(at, end - at);
+        at = end + 1;
+        if (!line.empty() && line.size() + 1 + word.size() > width) {
+            out += line + "\n";
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + word;
+    }
+    return out + line;
+}
+
+// The main help's end: where the password comes from, and the exit statuses.
+std::string footer() { return std::string("\n") + password_and_trust + wrapped(exit_status_help(), 88) + "\n"; }
 
 CLI::App* add_command(CLI::App& parent, const char* name, const char* summary) {
     CLI::App* sub = parent.add_subcommand(name, summary);
@@ -315,7 +330,7 @@ std::string misspelt_word(CLI::App& app, int argc, char** argv) {
 
 int usage_error(const invocation& inv, const std::string& message, const std::string& usage) {
     print_usage_error(inv.output.json, message, usage);
-    return 1;
+    return exit_usage;
 }
 
 // "kelputil help fleet backup" is "kelputil fleet backup --help": the words
@@ -350,7 +365,7 @@ int help_for(command_line& c, int argc, char** argv, int at) {
     } catch (const CLI::ParseError& e) {
         return c.app.exit(e);
     }
-    return 0;
+    return exit_ok;
 }
 
 // Text options become numbers once checked.
@@ -404,7 +419,7 @@ int parse_command_line(int argc, char** argv, invocation* out) {
     add_serve(c);
     add_command(c.app, "help", "show a command's help: help [COMMAND [SUBCOMMAND]]")
         ->add_option("COMMAND", c.help_words, "a command, and for fleet one of its commands");
-    c.app.footer(std::string("\n") + footer + "\n");  // the main help only: subcommands exist already
+    c.app.footer(footer());  // the main help only: subcommands exist already
     if (typed == "help") return help_for(c, argc, argv, at);
     std::string wrong_word = misspelt_word(c.app, argc, argv);
     if (!wrong_word.empty()) return usage_error(*out, wrong_word, "kelputil [OPTIONS] COMMAND [ARGS]");

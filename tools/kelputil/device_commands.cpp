@@ -231,7 +231,7 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
     if (!st) return failure(st, data);
     if (!failed_line.empty()) {
         outcome o = success("", data);
-        o.exit = 10;
+        o.exit = exit_device;  // the device's own "failed", without a result code
         o.message = "the upgrade failed on the device: " + failed_line;
         return o;
     }

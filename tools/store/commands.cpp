@@ -58,7 +58,7 @@ std::string commit_message(const std::vector<host_result>& results, const std::v
     for (const host_result& r : results) {
         if (r.result.ok()) continue;
         std::string line = "  " + r.host + ": " + r.result.message;
-        (r.result.exit == 3 ? unreachable : failed).push_back(line);
+        (r.result.exit == exit_unreachable ? unreachable : failed).push_back(line);
     }
     std::string text = "fleet backup: " + std::to_string(changed.size()) + " changed, " + std::to_string(failed.size()) +
                        " failed, " + std::to_string(unreachable.size()) + " unreachable\n";
@@ -152,7 +152,8 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     if (runner.stopped_by() || !staged.disk_failure.empty()) {
         remove_tree(staging);
         int sig = runner.stopped_by();
-        return sig ? stopped(inv, results, 128 + sig, "interrupted: ") : stopped(inv, results, 1, staged.disk_failure);
+        return sig ? stopped(inv, results, exit_signal + sig, "interrupted: ")
+                   : stopped(inv, results, exit_usage, staged.disk_failure);
     }
 
     std::vector<std::string> changed;
