@@ -4,9 +4,11 @@
 #include <math.h>
 #include <stdio.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "json_bytes.h"
+#include "natural_order.h"
 
 const exit_meaning exit_meanings[8] = {
     {exit_ok, "success"},
@@ -103,14 +105,46 @@ std::string terminal_text(const std::string& bytes) {
     return out;
 }
 
+namespace {
+
+std::string seconds_text(double s) {
+    char text[32];
+    snprintf(text, sizeof text, "%.1fs", s);
+    return text;
+}
+
+// Hosts in natural order: HOST, RESULT, TIME, MESSAGE.
+void print_host_table(std::vector<host_row> rows, bool quiet) {
+    bool any_failed = std::any_of(rows.begin(), rows.end(), [](const host_row& r) { return r.touched && !r.ok; });
+    if (quiet && !any_failed) return;
+    size_t width = 4;
+    for (const host_row& r : rows) width = std::max(width, r.host.size());
+    std::stable_sort(rows.begin(), rows.end(),
+                     [](const host_row& a, const host_row& b) { return natural_less(a.host, b.host); });
+    printf("%-*s  %-6s  %6s  %s\n", (int)width, "HOST", "RESULT", "TIME", "MESSAGE");
+    for (const host_row& r : rows) {
+        if (quiet && r.ok) continue;
+        const char* verdict = !r.touched ? "-" : r.ok ? "ok" : "FAILED";
+        printf("%-*s  %-6s  %6s  %s\n", (int)width, terminal_text(r.host).c_str(), verdict,
+               r.touched ? seconds_text(r.seconds).c_str() : "", terminal_text(r.message).c_str());
+    }
+}
+
+}  // namespace
+
 void print_outcome(const outcome& o, bool as_json, bool quiet) {
     if (as_json) {
         printf("%s\n", json_line(outcome_json(o)).c_str());
-    } else if (!o.ok()) {
-        fprintf(stderr, "kelputil: %s\n", terminal_text(o.message).c_str());
     } else {
-        fwrite(o.text.data(), 1, o.text.size(), stdout);
-        if (!o.content && !quiet && !o.message.empty()) printf("%s\n", terminal_text(o.message).c_str());
+        if (o.hosts) print_host_table(*o.hosts, quiet);
+        if (!o.ok()) {
+            flush_stdout();  // the table before the message, where both go to one place
+            fprintf(stderr, "kelputil: %s\n", terminal_text(o.message).c_str());
+        } else {
+            fwrite(o.text.data(), 1, o.text.size(), stdout);
+            if (!o.content && (!quiet || o.answer) && !o.message.empty())
+                printf("%s\n", terminal_text(o.message).c_str());
+        }
     }
     flush_stdout();
 }

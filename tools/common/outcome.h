@@ -5,7 +5,9 @@
 
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "status.h"
 
@@ -18,6 +20,15 @@ struct output_options {
     int verbose = 0;
 };
 
+// One host's row in the table that ends a fleet run.
+struct host_row {
+    std::string host;
+    bool ok = false;
+    bool touched = true;  // false: the run stopped before the host
+    double seconds = 0;
+    std::string message;
+};
+
 struct outcome {
     int exit = 0;
     int code = -1;  // the device's result code, -1 when it gave none
@@ -27,6 +38,11 @@ struct outcome {
     // content is set, a report or script that stands alone, without it.
     std::string text;
     bool content = false;
+    // The message is the answer asked for (a count): said even under --quiet.
+    bool answer = false;
+    // A fleet run's table for people, one row per host (JSON has had a line
+    // per host already).
+    std::optional<std::vector<host_row>> hosts;
 
     bool ok() const { return exit == 0; }
 };
@@ -69,8 +85,10 @@ json json_lines(const std::string& text);
 // device cannot drive the operator's terminal.
 std::string terminal_text(const std::string& bytes);
 
-// Prints a finished command: the JSON object; or for people, the text and
-// the message (stderr for a failure, stdout for a success unless quiet).
+// Prints a finished command: the JSON object; or for people, a fleet's
+// table, then the text and the message (stderr for a failure, stdout for a
+// success unless quiet). Under quiet a fleet's table shows only the hosts
+// that failed, and only when one did.
 void print_outcome(const outcome& o, bool as_json, bool quiet);
 void print_usage_error(bool as_json, const std::string& message, const std::string& usage);
 

@@ -10,16 +10,13 @@
 #include "reporter.h"
 
 
-int run_on_fleet(const invocation& inv, const fleet_job& job, kelp::bytes* image) {
+outcome run_on_fleet(const invocation& inv, const fleet_job& job, kelp::bytes* image) {
     std::string cmd = inv.device_command();
     inventory hosts_file;
     std::vector<const inventory_host*> hosts;
     fleet_runner runner(inv.conn, inv.output, inv.fleet);
     kelp::status st = choose_hosts(inv.fleet, inv.output, &hosts_file, &hosts);
-    if (st && inv.fleet.list_hosts) {
-        print_outcome(host_list(inv.conn, hosts), inv.output.json, false);  // the count stays under -q: it is the answer
-        return 0;
-    }
+    if (st && inv.fleet.list_hosts) return host_list(inv.conn, hosts);
     std::vector<std::string> names;
     for (const inventory_host* h : hosts) names.push_back(h->name);
     if (st) st = make_host_folders(inv, names);
@@ -30,14 +27,11 @@ int run_on_fleet(const invocation& inv, const fleet_job& job, kelp::bytes* image
     if (st && cmd == "firmware" && !rollout && inv.file.find("{host}") == std::string::npos)
         st = read_image(inv.file, image ? image : &unused);  // one image for all: refused once, not once a host
     if (st && !rollout) st = runner.check_passwords(hosts);
-    if (!st) {
-        print_outcome(failure(st), inv.output.json, inv.output.quiet);
-        return exit_status(st);
-    }
+    if (!st) return failure(st);
     return job(runner, hosts);
 }
 
-int run_fleet(const invocation& inv) {
+outcome run_fleet(const invocation& inv) {
     std::string cmd = inv.device_command();
     // Firmware without {host}: the image read once, held once, not once a
     // running host.
@@ -51,7 +45,7 @@ int run_fleet(const invocation& inv) {
                     if (!image.empty()) return upload_image(t, image, inv.upgrade, inv.file, r);
                     return run_device_command(inv, t, h.name, r);
                 });
-            return runner.finish(results, "fleet " + cmd);
+            return runner.summary(results, "fleet " + cmd);
         },
         &image);
 }

@@ -31,20 +31,18 @@ std::string helper_path(const std::string& helper_name) {
 }
 
 // Replaces the process with the helper, given the same arguments.
-int exec_helper(const std::string& helper_name, const std::string& command, const invocation& inv, char** argv) {
+outcome exec_helper(const std::string& helper_name, const std::string& command, char** argv) {
     std::string path = helper_path(helper_name);
     execv(path.c_str(), argv);
     int err = errno;
-    print_outcome(local_failure(command + " needs " + helper_name + ", which cannot run (" + path + ": " +
-                                strerror(err) + "): reinstall kelputil"),
-                  inv.output.json, inv.output.quiet);
-    return exit_usage;
+    return local_failure(command + " needs " + helper_name + ", which cannot run (" + path + ": " + strerror(err) +
+                         "): reinstall kelputil");
 }
 
 }  // namespace
 
-int run_store_command(const invocation& inv, char** argv) {
-    return exec_helper("kelputil-store", "fleet " + inv.device_command(), inv, argv);
+outcome run_store_command(const invocation& inv, char** argv) {
+    return exec_helper("kelputil-store", "fleet " + inv.device_command(), argv);
 }
 
-int run_serve_command(const invocation& inv, char** argv) { return exec_helper("kelputil-serve", "serve", inv, argv); }
+outcome run_serve_command(const invocation&, char** argv) { return exec_helper("kelputil-serve", "serve", argv); }

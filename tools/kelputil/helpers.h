@@ -12,9 +12,9 @@ inline bool is_store_command(const invocation& inv) {
 }
 
 // Replaces the process with the helper, given the same arguments, and
-// returns only when it cannot (the status, already printed).
-int run_store_command(const invocation& inv, char** argv);
+// returns only when it cannot.
+outcome run_store_command(const invocation& inv, char** argv);
 
 // kelputil serve runs the same way in its helper, kelputil-serve, which
 // alone loads SQLite and the HTTP server.
-int run_serve_command(const invocation& inv, char** argv);
+outcome run_serve_command(const invocation& inv, char** argv);

@@ -16,18 +16,13 @@
 
 namespace {
 
-int finish(const invocation& inv, const outcome& o) {
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return o.exit;
-}
-
-int run_single(const invocation& inv) {
+outcome run_single(const invocation& inv) {
     host_settings host = command_line_host(inv.conn);
     password_source source = password_source_for(inv.conn, host);
     // Before any connection: a run without a password would only log an
     // authentication failure on the device.
     kelp::status st = check_password_source(source);
-    if (!st) return finish(inv, failure(st));
+    if (!st) return failure(st);
     std::unique_ptr<reporter> r;
     if (inv.output.json) r = std::make_unique<json_reporter>();
     else r = std::make_unique<terminal_reporter>(inv.output.quiet);
@@ -37,7 +32,7 @@ int run_single(const invocation& inv) {
     if (inv.device_command() == "firmware" && inv.flags)
         r->note("--apply and --reboot do nothing after a firmware upload: the upgrade decides");
     kelp::target t = make_target(inv.conn, host, password_provider(source), *r, inv.output.verbose > 0, false);
-    return finish(inv, run_device_command(inv, t, host.name, *r));
+    return run_device_command(inv, t, host.name, *r);
 }
 
 // Bundles are binary: on a terminal they would only scramble it. Refused
@@ -49,24 +44,28 @@ bool binary_to_terminal(const invocation& inv) {
     return to_stdout && isatty(1);
 }
 
-int run(int argc, char** argv) {
-    invocation inv;
-    int end = parse_command_line(argc, argv, &inv);
-    if (end >= 0) return end;
+outcome run(const invocation& inv, char** argv) {
     if (binary_to_terminal(inv))
-        return finish(inv,
-                      local_failure("binary output can mess up your terminal: redirect it (> FILE) or give a FILE"));
+        return local_failure("binary output can mess up your terminal: redirect it (> FILE) or give a FILE");
     remember_umask();
     remove_temporaries_on_signals();
     if (is_store_command(inv)) return run_store_command(inv, argv);
     if (inv.command == "serve") return run_serve_command(inv, argv);
-    if (inv.command.rfind("bundle-", 0) == 0) return finish(inv, run_offline_command(inv));
+    if (inv.command.rfind("bundle-", 0) == 0) return run_offline_command(inv);
     if (inv.is_fleet()) return run_fleet(inv);
     return run_single(inv);
 }
 
 }  // namespace
 
+// Every command ends here: its outcome printed, its exit status returned.
 int main(int argc, char** argv) {
-    return run_program("kelputil", [&] { return run(argc, argv); });
+    return run_program("kelputil", [&] {
+        invocation inv;
+        int end = parse_command_line(argc, argv, &inv);
+        if (end >= 0) return end;
+        outcome o = run(inv, argv);
+        print_outcome(o, inv.output.json, inv.output.quiet);
+        return o.exit;
+    });
 }

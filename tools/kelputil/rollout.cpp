@@ -36,7 +36,7 @@ json names(const stage& s) {
     return out;
 }
 
-int show_plan(const invocation& inv, const std::vector<stage>& stages, const json& image) {
+outcome show_plan(const invocation& inv, const std::vector<stage>& stages, const json& image) {
     json canary = json::array(), batches = json::array();
     std::string text = "image " + image_text(image) + "\n";
     int batch = 0;
@@ -51,8 +51,7 @@ int show_plan(const invocation& inv, const std::vector<stage>& stages, const jso
     outcome o = success("plan only (--dry-run): nothing was touched",
                         {{"image", image}, {"canary", canary}, {"batches", batches}});
     o.text = text;
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return 0;
+    return o;
 }
 
 // After its upgrade a device reboots: it is back once it takes a login again.
@@ -99,16 +98,13 @@ outcome upgrade_host(const invocation& inv, const bytes& image, const kelp::targ
 
 }  // namespace
 
-int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+outcome run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     // The image first: a missing or truncated one stops the roll-out before
     // anyone is asked for a password; the plan needs no password at all.
     bytes image;
     status st = read_image(inv.file, &image);
     if (st && !inv.dry_run) st = runner.check_passwords(hosts);
-    if (!st) {
-        print_outcome(failure(st), inv.output.json, inv.output.quiet);
-        return exit_status(st);
-    }
+    if (!st) return failure(st);
     json summary = image_summary(inv.file, image);
     std::vector<stage> stages = plan(inv, hosts);
     if (inv.dry_run) return show_plan(inv, stages, summary);
@@ -128,7 +124,7 @@ int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<c
         for (const host_result& r : done) halted = halted || !r.result.ok();
         results.insert(results.end(), done.begin(), done.end());
     }
-    return runner.finish(results, std::string(halted ? "firmware roll-out halted" : "firmware roll-out") + " (" +
+    return runner.summary(results, std::string(halted ? "firmware roll-out halted" : "firmware roll-out") + " (" +
                                       image_text(summary) + ")",
                          {{"halted", halted}, {"image", summary}});
 }

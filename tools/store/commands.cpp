@@ -73,11 +73,6 @@ std::string commit_message(const std::vector<host_result>& results, const std::v
     return text;
 }
 
-int local_error(const invocation& inv, const status& st) {
-    print_outcome(failure(st), inv.output.json, inv.output.quiet);
-    return exit_status(st);
-}
-
 // "2026-11-24 05:12:00", local time, as history prints a commit's time.
 std::string local_date(long long t) {
     time_t seconds = (time_t)t;
@@ -99,15 +94,14 @@ std::string store_dir(const invocation& inv) { return inv.into.empty() ? "." : i
 
 // A run that ends before its commit: what was fetched, and that nothing
 // was kept.
-int stopped(const invocation& inv, const std::vector<host_result>& results, int exit, const std::string& why) {
+outcome stopped(const std::vector<host_result>& results, int exit, const std::string& why) {
     size_t fetched = 0;
     for (const host_result& r : results) fetched += r.result.ok();
     outcome o = local_failure(why + std::to_string(fetched) + " of " + std::to_string(results.size()) +
                               " hosts fetched, nothing committed");
     o.exit = exit;
     o.data = {{"hosts", results.size()}, {"fetched", fetched}};
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return exit;
+    return o;
 }
 
 }  // namespace
@@ -122,7 +116,7 @@ status check_backup_target(const invocation& inv) {
     return st;
 }
 
-int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+outcome run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     std::unique_ptr<git_store> store;
     std::unique_ptr<writer_lock> lock;
     status st = git_store::open(inv.into, true, inv.init, &store);
@@ -135,7 +129,7 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     std::string staging = store ? store->staging("") : "";
     if (st) remove_tree(staging);
     if (st && mkdir(staging.c_str(), 0700) != 0) st = system_error("create", staging);
-    if (!st) return local_error(inv, st);
+    if (!st) return failure(st);
 
     // Nothing reaches the work tree until every host is done: a signal or
     // a full disk on the way leaves the last commit as it was.
@@ -152,8 +146,8 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     if (runner.stopped_by() || !staged.disk_failure.empty()) {
         remove_tree(staging);
         int sig = runner.stopped_by();
-        return sig ? stopped(inv, results, exit_signal + sig, "interrupted: ")
-                   : stopped(inv, results, exit_usage, staged.disk_failure);
+        return sig ? stopped(results, exit_signal + sig, "interrupted: ")
+                   : stopped(results, exit_usage, staged.disk_failure);
     }
 
     std::vector<std::string> changed;
@@ -163,23 +157,24 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     remove_tree(staging);
     if (!st) {
         st.message += "; nothing committed, " + inv.into + " is as its last commit left it";
-        return local_error(inv, st);
+        return failure(st);
     }
     std::vector<host_result> marked = results;
     for (host_result& r : marked)
         if (r.result.ok())
             r.result.message = std::find(changed.begin(), changed.end(), r.host) != changed.end() ? "changed" : "unchanged";
-    return runner.finish(marked, "fleet backup" + (commit.empty() ? std::string(", nothing to commit") : ", commit " + commit),
-                         {{"commit", commit.empty() ? json(nullptr) : json(commit)}, {"changed", changed}});
+    std::string what = "fleet backup" + (commit.empty() ? std::string(", nothing to commit") : ", commit " + commit);
+    json commit_id = commit.empty() ? json(nullptr) : json(commit);
+    return runner.summary(marked, what, {{"commit", commit_id}, {"changed", changed}});
 }
 
-int run_fleet_history(const invocation& inv) {
+outcome run_fleet_history(const invocation& inv) {
     std::unique_ptr<git_store> store;
     json entries;
     status st = git_store::open(store_dir(inv), false, false, &store);
     if (st) st = store->require_folder(inv.name);
     if (st) st = store->history(inv.name, &entries);
-    if (!st) return local_error(inv, st);
+    if (!st) return failure(st);
     for (json& e : entries) {
         e["date"] = local_date(e["time"].get<long long>());
         e.erase("time");
@@ -189,21 +184,19 @@ int run_fleet_history(const invocation& inv) {
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
                   plural(e["files"].size(), "file") + "  " + terminal_text(e["subject"].get<std::string>()) + "\n";
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return 0;
+    return o;
 }
 
-int run_fleet_diff(const invocation& inv) {
+outcome run_fleet_diff(const invocation& inv) {
     std::unique_ptr<git_store> store;
     std::string patch;
     json files;
     status st = git_store::open(store_dir(inv), false, false, &store);
     if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
-    if (!st) return local_error(inv, st);
+    if (!st) return failure(st);
     outcome o = success(inv.name + ": " + plural(files.size(), "file") + " changed",
                         {{"files", in_repository(inv.name, files)}, {"patch", patch}});
     o.text = patch;
     o.content = true;
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return 0;
+    return o;
 }
