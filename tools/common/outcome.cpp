@@ -77,6 +77,13 @@ outcome local_failure(const std::string& message) {
     return o;
 }
 
+outcome usage_failure(const std::string& message, const std::string& usage) {
+    outcome o = local_failure(message);
+    o.usage = usage;
+    o.data = {{"usage", usage}};
+    return o;
+}
+
 json outcome_json(const outcome& o) {
     return {{"ok", o.ok()},
             {"exit", o.exit},
@@ -140,6 +147,7 @@ void print_outcome(const outcome& o, bool as_json, bool quiet) {
         if (!o.ok()) {
             flush_stdout();  // the table before the message, where both go to one place
             fprintf(stderr, "kelputil: %s\n", terminal_text(o.message).c_str());
+            if (!o.usage.empty()) fprintf(stderr, "usage: %s\n", o.usage.c_str());
         } else {
             fwrite(o.text.data(), 1, o.text.size(), stdout);
             if (!o.content && (!quiet || o.answer) && !o.message.empty())
@@ -150,13 +158,7 @@ void print_outcome(const outcome& o, bool as_json, bool quiet) {
 }
 
 void print_usage_error(bool as_json, const std::string& message, const std::string& usage) {
-    if (as_json) {
-        outcome o = local_failure(message);
-        o.data = {{"usage", usage}};
-        printf("%s\n", json_line(outcome_json(o)).c_str());
-        return;
-    }
-    fprintf(stderr, "kelputil: %s\nusage: %s\n", message.c_str(), usage.c_str());
+    print_outcome(usage_failure(message, usage), as_json, false);
 }
 
 namespace {

@@ -40,6 +40,8 @@ struct outcome {
     bool content = false;
     // The message is the answer asked for (a count): said even under --quiet.
     bool answer = false;
+    // A command line that cannot run: the usage said after the message.
+    std::string usage;
     // A fleet run's table for people, one row per host (JSON has had a line
     // per host already).
     std::optional<std::vector<host_row>> hosts;
@@ -73,6 +75,7 @@ int exit_status(const kelp::status& s);
 outcome success(const std::string& message, json data = nullptr);
 outcome failure(const kelp::status& s, json data = nullptr);
 outcome local_failure(const std::string& message);
+outcome usage_failure(const std::string& message, const std::string& usage);
 
 json outcome_json(const outcome& o);
 // One line of JSON: strings that are not UTF-8 (bytes from a device or a
@@ -86,9 +89,9 @@ json json_lines(const std::string& text);
 std::string terminal_text(const std::string& bytes);
 
 // Prints a finished command: the JSON object; or for people, a fleet's
-// table, then the text and the message (stderr for a failure, stdout for a
-// success unless quiet). Under quiet a fleet's table shows only the hosts
-// that failed, and only when one did.
+// table, then the text and the message (stderr for a failure, with its
+// usage; stdout for a success unless quiet). Under quiet a fleet's table
+// shows only the hosts that failed, and only when one did.
 void print_outcome(const outcome& o, bool as_json, bool quiet);
 void print_usage_error(bool as_json, const std::string& message, const std::string& usage);
 

@@ -4,10 +4,15 @@
 #include <functional>
 #include <vector>
 
-#include "runner.h"
 #include "invocation.h"
+#include "runner.h"
 
+// The command's device step on every host (the row's on_device), or with
+// --list-hosts the hosts it would reach.
 outcome run_fleet(const invocation& inv);
+// Firmware under fleet: one image read once for every host (unless the
+// file names {host}); with --upgrade, a staged roll-out.
+outcome run_fleet_firmware(const invocation& inv);
 
 // What every fleet run does first: reads the inventory, selects the hosts,
 // makes the folders of their files and checks their firmware image and

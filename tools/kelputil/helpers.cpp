@@ -30,19 +30,12 @@ std::string helper_path(const std::string& helper_name) {
     return folder + "/" KELP_STORE_HELPER_DIR "/" + helper_name;
 }
 
-// Replaces the process with the helper, given the same arguments.
-outcome exec_helper(const std::string& helper_name, const std::string& command, char** argv) {
-    std::string path = helper_path(helper_name);
-    execv(path.c_str(), argv);
-    int err = errno;
-    return local_failure(command + " needs " + helper_name + ", which cannot run (" + path + ": " + strerror(err) +
-                         "): reinstall kelputil");
-}
-
 }  // namespace
 
-outcome run_store_command(const invocation& inv, char** argv) {
-    return exec_helper("kelputil-store", "fleet " + inv.device_command(), argv);
+outcome run_helper(const char* helper, const std::string& command, char** argv) {
+    std::string path = helper_path(helper);
+    execv(path.c_str(), argv);
+    int err = errno;
+    return local_failure(command + " needs " + helper + ", which cannot run (" + path + ": " + strerror(err) +
+                         "): reinstall kelputil");
 }
-
-outcome run_serve_command(const invocation&, char** argv) { return exec_helper("kelputil-serve", "serve", argv); }

@@ -41,7 +41,7 @@ outcome back_up_host(const invocation& inv, const std::string& staging, const in
     host_snapshot taken;
     status st = mkdtemp(folder.data()) ? kelp::ok() : system_error("create a staging folder in", staging);
     taken.disk_failure = !st && is_disk_error(st.code);
-    if (st) st = take_snapshot(t, folder, inv.scripts, &taken);
+    if (st) st = take_snapshot(t, folder, inv.args.scripts, &taken);
     std::lock_guard<std::mutex> hold(staged->lock);
     if (!st) {
         remove_tree(folder);
@@ -90,7 +90,7 @@ json in_repository(const std::string& host, json files) {
     return files;
 }
 
-std::string store_dir(const invocation& inv) { return inv.into.empty() ? "." : inv.into; }
+std::string store_dir(const invocation& inv) { return inv.args.into.empty() ? "." : inv.args.into; }
 
 // A run that ends before its commit: what was fetched, and that nothing
 // was kept.
@@ -109,17 +109,17 @@ outcome stopped(const std::vector<host_result>& results, int exit, const std::st
 status check_backup_target(const invocation& inv) {
     std::unique_ptr<git_store> store;
     std::unique_ptr<writer_lock> lock;
-    status st = git_store::open(inv.into, true, inv.init, nullptr);
+    status st = git_store::open(inv.args.into, true, inv.args.init, nullptr);
     // An existing repository kept by another writer is refused now; the
     // lock itself is taken for the run.
-    if (st && git_store::open(inv.into, false, false, &store)) st = writer_lock::take(*store, writer, &lock);
+    if (st && git_store::open(inv.args.into, false, false, &store)) st = writer_lock::take(*store, writer, &lock);
     return st;
 }
 
 outcome run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     std::unique_ptr<git_store> store;
     std::unique_ptr<writer_lock> lock;
-    status st = git_store::open(inv.into, true, inv.init, &store);
+    status st = git_store::open(inv.args.into, true, inv.args.init, &store);
     std::vector<std::string> folders;
     for (const inventory_host* h : hosts) folders.push_back(h->name);
     if (st) st = writer_lock::take(*store, writer, &lock);
@@ -153,10 +153,10 @@ outcome run_fleet_backup(const invocation& inv, fleet_runner& runner, const std:
     std::vector<std::string> changed;
     std::string commit;
     auto message = [&](const std::vector<std::string>& c) { return commit_message(results, c); };
-    st = store->commit_staged(staged.folders, kept_from_last(inv.scripts), message, &changed, &commit);
+    st = store->commit_staged(staged.folders, kept_from_last(inv.args.scripts), message, &changed, &commit);
     remove_tree(staging);
     if (!st) {
-        st.message += "; nothing committed, " + inv.into + " is as its last commit left it";
+        st.message += "; nothing committed, " + inv.args.into + " is as its last commit left it";
         return failure(st);
     }
     std::vector<host_result> marked = results;
@@ -172,15 +172,15 @@ outcome run_fleet_history(const invocation& inv) {
     std::unique_ptr<git_store> store;
     json entries;
     status st = git_store::open(store_dir(inv), false, false, &store);
-    if (st) st = store->require_folder(inv.name);
-    if (st) st = store->history(inv.name, &entries);
+    if (st) st = store->require_folder(inv.args.host);
+    if (st) st = store->history(inv.args.host, &entries);
     if (!st) return failure(st);
     for (json& e : entries) {
         e["date"] = local_date(e["time"].get<long long>());
         e.erase("time");
-        e["files"] = in_repository(inv.name, e["files"]);
+        e["files"] = in_repository(inv.args.host, e["files"]);
     }
-    outcome o = success(inv.name + ": " + plural(entries.size(), "backup") + " with changes", entries);
+    outcome o = success(inv.args.host + ": " + plural(entries.size(), "backup") + " with changes", entries);
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
                   plural(e["files"].size(), "file") + "  " + terminal_text(e["subject"].get<std::string>()) + "\n";
@@ -192,10 +192,10 @@ outcome run_fleet_diff(const invocation& inv) {
     std::string patch;
     json files;
     status st = git_store::open(store_dir(inv), false, false, &store);
-    if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
+    if (st) st = store->diff(inv.args.host, inv.args.rev_from, inv.args.rev_to, &patch, &files);
     if (!st) return failure(st);
-    outcome o = success(inv.name + ": " + plural(files.size(), "file") + " changed",
-                        {{"files", in_repository(inv.name, files)}, {"patch", patch}});
+    outcome o = success(inv.args.host + ": " + plural(files.size(), "file") + " changed",
+                        {{"files", in_repository(inv.args.host, files)}, {"patch", patch}});
     o.text = patch;
     o.content = true;
     return o;

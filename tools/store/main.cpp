@@ -1,6 +1,8 @@
 // kelputil-store: fleet backup, history and diff, which need libgit2 and
 // libarchive. kelputil runs it in its own place with the same arguments,
 // which it reads with the same command line.
+#include <map>
+
 #include "choose.h"
 #include "cli.h"
 #include "commands.h"
@@ -23,13 +25,15 @@ outcome back_up(const invocation& inv) {
     return run_fleet_backup(inv, runner, hosts);
 }
 
+// The commands the command table gives this helper.
+const std::map<std::string, outcome (*)(const invocation&)> runs = {
+    {"fleet backup", back_up}, {"fleet history", run_fleet_history}, {"fleet diff", run_fleet_diff}};
+
 outcome run(const invocation& inv) {
     remove_temporaries_on_signals();
-    std::string cmd = inv.device_command();
-    if (inv.is_fleet() && cmd == "history") return run_fleet_history(inv);
-    if (inv.is_fleet() && cmd == "diff") return run_fleet_diff(inv);
-    if (inv.is_fleet() && cmd == "backup") return back_up(inv);
-    return local_failure("kelputil-store runs fleet backup, history and diff only");
+    auto command = runs.find(inv.command);
+    if (command == runs.end()) return local_failure("kelputil-store runs fleet backup, history and diff only");
+    return command->second(inv);
 }
 
 }  // namespace
@@ -38,9 +42,8 @@ outcome run(const invocation& inv) {
 int main(int argc, char** argv) {
     return run_program("kelputil-store", [&] {
         invocation inv;
-        int end = parse_command_line(argc, argv, &inv);
-        if (end >= 0) return end;
-        outcome o = run(inv);
+        std::optional<outcome> end = parse_command_line(argc, argv, &inv);
+        outcome o = end ? *end : run(inv);
         print_outcome(o, inv.output.json, inv.output.quiet);
         return o.exit;
     });
