@@ -7,7 +7,7 @@ include(GNUInstallDirs)
 # Cross builds (whose tool runs only under an emulator) and router builds
 # (KELP_CLIENT=OFF) make no workstation package.
 if(TARGET kelputil AND NOT CMAKE_CROSSCOMPILING)
-  install(FILES ${PROJECT_SOURCE_DIR}/packaging/kelputil.bash-completion
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/kelputil.bash-completion
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kelputil COMPONENT client)
 
   # kelputil serve as a service: its unit, an example of its settings and

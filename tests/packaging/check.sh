@@ -424,6 +424,8 @@ kick-hotspot kick-ip firmware throughput bundle-pack bundle-verify bundle-unpack
     "kelputil help |backup fleet|nightly.dat"
     "kelputil help fleet b|backup|bundle-pack"
     "kelputil serve --t|--token-file --tls-cert --tls-key --timeout|--scripts --list-hosts"
+    "kelputil serve --st|--state --stop-timeout|--scripts"
+    "kelputil fleet backup |-|nightly.dat"
     "kelputil serve --config h|hosts.ini|nightly.dat"
   )
   for row in "${rows[@]}"; do

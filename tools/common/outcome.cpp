@@ -4,25 +4,46 @@
 #include <math.h>
 #include <stdio.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "json_bytes.h"
+#include "natural_order.h"
+
+const exit_meaning exit_meanings[8] = {
+    {exit_ok, "success"},
+    {exit_usage, "usage or local error"},
+    {exit_password, "wrong password"},
+    {exit_unreachable, "could not connect, connection lost or timed out"},
+    {exit_protocol, "protocol error"},
+    {exit_tls, "certificate or TLS failure"},
+    {exit_device, "+ the device's result code (10 failed, 12 too large, 13 too small, 14 not supported or busy, "
+                  "16 no such user)"},
+    {exit_some_hosts_failed, "a fleet run where some hosts failed"},
+};
+
+std::string exit_status_help() {
+    std::string text = "Exit status:";
+    for (const exit_meaning& e : exit_meanings)
+        text += (&e == exit_meanings ? " " : "; ") + std::to_string(e.status) + " " + e.meaning;
+    return text + ".";
+}
 
 int exit_status(const kelp::status& s) {
     using kelp::error_kind;
     switch (s.kind) {
-    case error_kind::none: return 0;
-    case error_kind::local: return 1;
-    case error_kind::refused_password: return 2;
+    case error_kind::none: return exit_ok;
+    case error_kind::local: return exit_usage;
+    case error_kind::refused_password: return exit_password;
     case error_kind::connect_failed:
     case error_kind::timed_out:
-    case error_kind::closed: return 3;
+    case error_kind::closed: return exit_unreachable;
     case error_kind::protocol:
-    case error_kind::wrong_protocol: return 4;
-    case error_kind::certificate: return 5;
-    case error_kind::device: return 10 + s.code;
+    case error_kind::wrong_protocol: return exit_protocol;
+    case error_kind::certificate: return exit_tls;
+    case error_kind::device: return exit_device + s.code;
     }
-    return 1;
+    return exit_usage;
 }
 
 static std::string with_advice(const kelp::status& s) {
@@ -56,6 +77,13 @@ outcome local_failure(const std::string& message) {
     return o;
 }
 
+outcome usage_failure(const std::string& message, const std::string& usage) {
+    outcome o = local_failure(message);
+    o.usage = usage;
+    o.data = {{"usage", usage}};
+    return o;
+}
+
 json outcome_json(const outcome& o) {
     return {{"ok", o.ok()},
             {"exit", o.exit},
@@ -84,26 +112,53 @@ std::string terminal_text(const std::string& bytes) {
     return out;
 }
 
+namespace {
+
+std::string seconds_text(double s) {
+    char text[32];
+    snprintf(text, sizeof text, "%.1fs", s);
+    return text;
+}
+
+// Hosts in natural order: HOST, RESULT, TIME, MESSAGE.
+void print_host_table(std::vector<host_row> rows, bool quiet) {
+    bool any_failed = std::any_of(rows.begin(), rows.end(), [](const host_row& r) { return r.touched && !r.ok; });
+    if (quiet && !any_failed) return;
+    size_t width = 4;
+    for (const host_row& r : rows) width = std::max(width, r.host.size());
+    std::stable_sort(rows.begin(), rows.end(),
+                     [](const host_row& a, const host_row& b) { return natural_less(a.host, b.host); });
+    printf("%-*s  %-6s  %6s  %s\n", (int)width, "HOST", "RESULT", "TIME", "MESSAGE");
+    for (const host_row& r : rows) {
+        if (quiet && r.ok) continue;
+        const char* verdict = !r.touched ? "-" : r.ok ? "ok" : "FAILED";
+        printf("%-*s  %-6s  %6s  %s\n", (int)width, terminal_text(r.host).c_str(), verdict,
+               r.touched ? seconds_text(r.seconds).c_str() : "", terminal_text(r.message).c_str());
+    }
+}
+
+}  // namespace
+
 void print_outcome(const outcome& o, bool as_json, bool quiet) {
     if (as_json) {
         printf("%s\n", json_line(outcome_json(o)).c_str());
-    } else if (!o.ok()) {
-        fprintf(stderr, "kelputil: %s\n", terminal_text(o.message).c_str());
     } else {
-        fwrite(o.text.data(), 1, o.text.size(), stdout);
-        if (!o.content && !quiet && !o.message.empty()) printf("%s\n", terminal_text(o.message).c_str());
+        if (o.hosts) print_host_table(*o.hosts, quiet);
+        if (!o.ok()) {
+            flush_stdout();  // the table before the message, where both go to one place
+            fprintf(stderr, "kelputil: %s\n", terminal_text(o.message).c_str());
+            if (!o.usage.empty()) fprintf(stderr, "usage: %s\n", o.usage.c_str());
+        } else {
+            fwrite(o.text.data(), 1, o.text.size(), stdout);
+            if (!o.content && (!quiet || o.answer) && !o.message.empty())
+                printf("%s\n", terminal_text(o.message).c_str());
+        }
     }
     flush_stdout();
 }
 
 void print_usage_error(bool as_json, const std::string& message, const std::string& usage) {
-    if (as_json) {
-        outcome o = local_failure(message);
-        o.data = {{"usage", usage}};
-        printf("%s\n", json_line(outcome_json(o)).c_str());
-        return;
-    }
-    fprintf(stderr, "kelputil: %s\nusage: %s\n", message.c_str(), usage.c_str());
+    print_outcome(usage_failure(message, usage), as_json, false);
 }
 
 namespace {
@@ -131,7 +186,7 @@ double json_seconds(double seconds) { return round(seconds * 1000) / 1000; }
 std::string plural(size_t n, const std::string& word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
 
 int run_program(const char* program, const std::function<int()>& body) {
-    int status = 1;
+    int status = exit_usage;
     try {
         status = body();
     } catch (const std::exception& e) {

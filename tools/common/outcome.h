@@ -5,7 +5,9 @@
 
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "status.h"
 
@@ -18,6 +20,15 @@ struct output_options {
     int verbose = 0;
 };
 
+// One host's row in the table that ends a fleet run.
+struct host_row {
+    std::string host;
+    bool ok = false;
+    bool touched = true;  // false: the run stopped before the host
+    double seconds = 0;
+    std::string message;
+};
+
 struct outcome {
     int exit = 0;
     int code = -1;  // the device's result code, -1 when it gave none
@@ -27,18 +38,44 @@ struct outcome {
     // content is set, a report or script that stands alone, without it.
     std::string text;
     bool content = false;
+    // The message is the answer asked for (a count): said even under --quiet.
+    bool answer = false;
+    // A command line that cannot run: the usage said after the message.
+    std::string usage;
+    // A fleet run's table for people, one row per host (JSON has had a line
+    // per host already).
+    std::optional<std::vector<host_row>> hosts;
 
     bool ok() const { return exit == 0; }
 };
 
-// Exit statuses, as documented in --help.
-constexpr int exit_usage = 1;
+// Exit statuses: every program's status is one of these, and --help lists
+// them from exit_meanings.
+constexpr int exit_ok = 0;
+constexpr int exit_usage = 1;  // usage or local error
+constexpr int exit_password = 2;
+constexpr int exit_unreachable = 3;  // could not connect, connection lost or timed out
+constexpr int exit_protocol = 4;
+constexpr int exit_tls = 5;  // certificate or TLS failure
+constexpr int exit_device = 10;  // + the device's result code
 constexpr int exit_some_hosts_failed = 20;
+constexpr int exit_signal = 128;  // + the signal that stopped a run, as shells report it
+
+struct exit_meaning {
+    int status;
+    const char* meaning;
+};
+extern const exit_meaning exit_meanings[8];
+// "Exit status: 0 success; 1 usage or local error; ...", one line.
+std::string exit_status_help();
+
+// The exit status of a failure of this kind.
 int exit_status(const kelp::status& s);
 
 outcome success(const std::string& message, json data = nullptr);
 outcome failure(const kelp::status& s, json data = nullptr);
 outcome local_failure(const std::string& message);
+outcome usage_failure(const std::string& message, const std::string& usage);
 
 json outcome_json(const outcome& o);
 // One line of JSON: strings that are not UTF-8 (bytes from a device or a
@@ -51,8 +88,10 @@ json json_lines(const std::string& text);
 // device cannot drive the operator's terminal.
 std::string terminal_text(const std::string& bytes);
 
-// Prints a finished command: the JSON object; or for people, the text and
-// the message (stderr for a failure, stdout for a success unless quiet).
+// Prints a finished command: the JSON object; or for people, a fleet's
+// table, then the text and the message (stderr for a failure, with its
+// usage; stdout for a success unless quiet). Under quiet a fleet's table
+// shows only the hosts that failed, and only when one did.
 void print_outcome(const outcome& o, bool as_json, bool quiet);
 void print_usage_error(bool as_json, const std::string& message, const std::string& usage);
 

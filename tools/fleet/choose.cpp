@@ -24,6 +24,7 @@ outcome host_list(const connection_options& c, const std::vector<const inventory
         o.data.push_back({{"host", h->name}, {"address", t.host}, {"port", t.port}, {"mode", t.tls ? "TLS" : "plain"}});
     }
     o.message = plural(hosts.size(), "host");
+    o.answer = true;  // the count stays under -q
     size_t name_width = 4, address_width = 7;
     for (const json& row : o.data) {
         name_width = std::max(name_width, row["host"].get<std::string>().size());

@@ -9,7 +9,6 @@
 #include <mutex>
 #include <thread>
 
-#include "natural_order.h"
 #include "net.h"
 #include "reporter.h"
 
@@ -215,49 +214,28 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
 
 void fleet_runner::end_status_line() { s_->clear_line(); }
 
-int fleet_runner::finish(const std::vector<host_result>& results, const std::string& what, json extra) {
+outcome fleet_runner::summary(const std::vector<host_result>& results, const std::string& what, json extra) {
     end_status_line();
     json ok_hosts = json::array(), failed_hosts = json::array(), untouched = json::array();
-    for (const host_result& r : results) (!r.touched ? untouched : r.result.ok() ? ok_hosts : failed_hosts).push_back(r.host);
+    outcome o;
+    o.hosts.emplace();
+    for (const host_result& r : results) {
+        (!r.touched ? untouched : r.result.ok() ? ok_hosts : failed_hosts).push_back(r.host);
+        o.hosts->push_back({r.host, r.result.ok(), r.touched, r.seconds, r.result.message});
+    }
     double elapsed = kelp::monotonic_ms() / 1000.0 - s_->started;
-    outcome summary;
-    summary.exit = failed_hosts.empty() && untouched.empty() ? 0 : exit_some_hosts_failed;
-    summary.message = what + ": " + plural(results.size(), "host") + ", " + std::to_string(ok_hosts.size()) +
-                      " ok, " + std::to_string(failed_hosts.size()) + " failed" +
-                      (untouched.empty() ? "" : ", " + std::to_string(untouched.size()) + " not touched") + ", in " +
-                      seconds_text(elapsed);
-    summary.data = {{"hosts", results.size()},
-                    {"succeeded", ok_hosts},
-                    {"failed", failed_hosts},
-                    {"seconds", json_seconds(elapsed)}};
-    if (!untouched.empty()) summary.data["not_touched"] = untouched;
-    if (!extra.is_null()) summary.data.update(extra);
+    o.exit = failed_hosts.empty() && untouched.empty() ? exit_ok : exit_some_hosts_failed;
+    o.message = what + ": " + plural(results.size(), "host") + ", " + std::to_string(ok_hosts.size()) + " ok, " +
+                std::to_string(failed_hosts.size()) + " failed" +
+                (untouched.empty() ? "" : ", " + std::to_string(untouched.size()) + " not touched") + ", in " +
+                seconds_text(elapsed);
+    o.data = {{"hosts", results.size()}, {"succeeded", ok_hosts}, {"failed", failed_hosts},
+              {"seconds", json_seconds(elapsed)}};
+    if (!untouched.empty()) o.data["not_touched"] = untouched;
+    if (!extra.is_null()) o.data.update(extra);
     if (s_->notes.first_contacts > 0 && !s_->out.verbose)
         s_->notes.reporter::note("first contact with " + std::to_string(s_->notes.first_contacts) +
                                  (s_->notes.first_contacts == 1 ? " host" : " hosts") +
                                  ": the certificates are now remembered");
-    if (s_->out.json) {
-        printf("%s\n", json_line(outcome_json(summary)).c_str());
-        flush_stdout();
-        return summary.exit;
-    }
-    if (!s_->out.quiet || !failed_hosts.empty()) {
-        size_t width = 4;
-        for (const host_result& r : results) width = std::max(width, r.host.size());
-        std::vector<host_result> rows = results;
-        std::stable_sort(rows.begin(), rows.end(),
-                         [](const host_result& a, const host_result& b) { return natural_less(a.host, b.host); });
-        printf("%-*s  %-6s  %6s  %s\n", (int)width, "HOST", "RESULT", "TIME", "MESSAGE");
-        for (const host_result& r : rows) {
-            if (s_->out.quiet && r.result.ok()) continue;
-            const char* verdict = !r.touched ? "-" : r.result.ok() ? "ok" : "FAILED";
-            printf("%-*s  %-6s  %6s  %s\n", (int)width, r.host.c_str(), verdict,
-                   r.touched ? seconds_text(r.seconds).c_str() : "", terminal_text(r.result.message).c_str());
-        }
-    }
-    flush_stdout();
-    if (!summary.ok()) fprintf(stderr, "kelputil: %s\n", summary.message.c_str());
-    else if (!s_->out.quiet) printf("%s\n", summary.message.c_str());
-    flush_stdout();
-    return summary.exit;
+    return o;
 }

@@ -2,7 +2,7 @@
 // own settings, password source and time-outs, so that a host that is down,
 // silent or refusing never holds up the others. While it runs, one status
 // line on a terminal, and each finished host's findings (its lines under its
-// name) or its JSON line; at the end a table or a summary object.
+// name) or its JSON line; at the end an outcome with a row per host.
 #pragma once
 
 #include <functional>
@@ -45,8 +45,10 @@ public:
     std::vector<host_result> run(const std::vector<const inventory_host*>& hosts, const host_job& job, int parallel = 0);
     // Clears the status line, for a message in its place.
     void end_status_line();
-    // The table (people) or the summary object (JSON); returns the exit status.
-    int finish(const std::vector<host_result>& results, const std::string& what, json extra = nullptr);
+    // Ends the status line and sums the run up: "WHAT: N hosts, ..." with
+    // the hosts that succeeded and failed (and extra) as data, each host's
+    // row for the table, and exit_some_hosts_failed when not all succeeded.
+    outcome summary(const std::vector<host_result>& results, const std::string& what, json extra = nullptr);
 
     // A target for one host, for jobs that connect more than once.
     kelp::target target_for(const inventory_host& host, reporter& notes);

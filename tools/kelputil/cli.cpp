@@ -7,8 +7,9 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <map>
+#include <sstream>
 
+#include "commands.h"
 #include "durations.h"
 #include "outcome.h"
 #include "words.h"
@@ -16,13 +17,6 @@
 #ifndef KELP_VERSION
 #define KELP_VERSION "1.0.0"
 #endif
-
-namespace {
-
-
-
-}  // namespace
-
 
 namespace {
 
@@ -46,12 +40,20 @@ CLI::Validator whole_number(long long min, long long max, const char* what) {
         "");
 }
 
-CLI::Validator window_size() {
+// 4096 -> "4K", as sizes are written.
+std::string size_text(long long bytes) {
+    if (bytes % (1 << 20) == 0) return std::to_string(bytes >> 20) + "M";
+    if (bytes % 1024 == 0) return std::to_string(bytes >> 10) + "K";
+    return std::to_string(bytes);
+}
+
+CLI::Validator size_range(long long min, long long max) {
     return CLI::Validator(
-        [](std::string& text) -> std::string {
+        [=](std::string& text) -> std::string {
             long long n = parse_size(text);
             if (n < 0) return "'" + text + "' is not a size (e.g. 65536, 64K, 1M)";
-            if (n < 4096 || n > (64 << 20)) return "'" + text + "' is out of range: 4K to 64M";
+            if (n < min || n > max)
+                return "'" + text + "' is out of range: " + size_text(min) + " to " + size_text(max);
             return "";
         },
         "");
@@ -61,7 +63,7 @@ struct command_line {
     CLI::App app{"kelputil: manage kelputild routers, one or a fleet", "kelputil"};
     invocation& inv;
     // Values kept as text until the validators have passed.
-    std::string port, timeout = "15", seconds = "10", window, jobs = "16", settle = "120";
+    std::string port, timeout = "15", jobs = "16";
     bool tls = false, apply = false, reboot = false;
     std::vector<std::string> help_words;  // listed for --help; help_for reads argv
     CLI::Option* limit = nullptr;
@@ -69,14 +71,29 @@ struct command_line {
     explicit command_line(invocation& i) : inv(i) {}
 };
 
-const char* const footer =
+const char* const password_and_trust =
     "The password comes from KELPUTIL_PASSWORD, --password-file (mode 600), or a prompt on the\n"
     "terminal, never from the command line. TLS is the default; the device's certificate is\n"
-    "remembered on first contact (like ssh's known hosts) and a changed one is refused.\n"
-    "Exit status: 0 success; 1 usage or local error; 2 wrong password; 3 could not connect,\n"
-    "connection lost or timed out; 4 protocol error; 5 certificate or TLS failure; 10 + the\n"
-    "device's result code (10 failed, 12 too large, 13 too small, 14 not supported or busy,\n"
-    "16 no such user); 20 a fleet run where some hosts failed.";
+    "remembered on first contact (like ssh's known hosts) and a changed one is refused.\n";
+
+// Words joined into lines of at most width columns.
+std::string wrapped(const std::string& text, size_t width) {
+    std::string out, line;
+    for (size_t at = 0; at < text.size();) {
+        size_t end = std::min(text.find(' ', at), text.size());
+        std::string word = text.substr(at, end - at);
+        at = end + 1;
+        if (!line.empty() && line.size() + 1 + word.size() > width) {
+            out += line + "\n";
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + word;
+    }
+    return out + line;
+}
+
+// The main help's end: where the password comes from, and the exit statuses.
+std::string footer() { return std::string("\n") + password_and_trust + wrapped(exit_status_help(), 88) + "\n"; }
 
 CLI::App* add_command(CLI::App& parent, const char* name, const char* summary) {
     CLI::App* sub = parent.add_subcommand(name, summary);
@@ -85,82 +102,56 @@ CLI::App* add_command(CLI::App& parent, const char* name, const char* summary) {
     return sub;
 }
 
-void add_device_commands(command_line& c, CLI::App& parent, bool fleet) {
-    invocation& inv = c.inv;
-    add_command(parent, "check", "log in and do nothing (with --apply or --reboot: that alone)");
-    add_command(parent, "apply", "ask the device to apply its settings");
-    add_command(parent, "reboot", "ask the device to reboot");
-    if (!fleet)
-        add_command(parent, "backup", "save the configuration bundle to FILE")
-            ->add_option("FILE", inv.file, "where to save it (created mode 600; - for stdout)")
-            ->required();
-    CLI::App* restore = add_command(parent, "restore", "upload a configuration bundle and install it");
-    restore->add_option("FILE", inv.file, "the bundle (checked here before it is sent)")->required();
-    CLI::App* get = add_command(parent, "get-script", "fetch a script (to stdout without FILE)");
-    get->add_option("NAME", inv.name, "cbq, fw, nat or dhcp")->required()->check(CLI::IsMember({"cbq", "fw", "nat", "dhcp"}));
-    get->add_option("FILE", inv.file, fleet ? "where to save it; must contain {host}" : "where to save it");
-    CLI::App* put = add_command(parent, "put-script", "replace a script on the device");
-    put->add_option("NAME", inv.name, "cbq, fw, nat or dhcp")->required()->check(CLI::IsMember({"cbq", "fw", "nat", "dhcp"}));
-    put->add_option("FILE", inv.file, "the new script")->required();
-    add_command(parent, "report", "fetch a report")
-        ->add_option("KIND", inv.kind, "full (system), core (core system) or kernel (kernel log)")
-        ->required()
-        ->check(CLI::IsMember({"full", "core", "kernel"}));
-    add_command(parent, "ppp", "list the PPP sessions");
-    add_command(parent, "hotspot", "list the hotspot sessions");
-    add_command(parent, "kick-ppp", "disconnect a PPP user")->add_option("USER", inv.user, "user name")->required();
-    add_command(parent, "kick-hotspot", "disconnect a hotspot user")->add_option("USER", inv.user, "user name")->required();
-    add_command(parent, "kick-ip", "disconnect a hotspot client by address")
-        ->add_option("ADDRESS", inv.address, "IPv4 address")
-        ->required()
-        ->check(CLI::ValidIPV4);
-    CLI::App* fw = add_command(parent, "firmware", fleet ? "upload firmware to every host; with --upgrade, a staged roll-out"
-                                                          : "upload firmware; --upgrade flashes it and shows progress");
-    fw->add_option("IMAGE", inv.file, "the firmware image")->required();
-    fw->add_flag("--upgrade", inv.upgrade, "start the flash upgrade and follow it");
-    if (fleet) {
-        fw->add_option("--canary", inv.canary, "hosts upgraded first, one after another")
-            ->check(whole_number(0, 1000, "canary count"));
-        fw->add_option("--batch", inv.batch, "hosts upgraded at once after the canaries")
-            ->check(whole_number(1, 256, "batch size"));
-        fw->add_option("--settle", c.settle, "how long a host may take to answer again after its upgrade")
-            ->check(duration(1000, 3600 * 1000));
-        fw->add_flag("--dry-run", inv.dry_run, "show the plan and touch nothing");
-    }
-    CLI::App* tp = add_command(parent, "throughput", "measure the link (rx: the device sends; tx: it receives)");
-    tp->add_option("DIRECTION", inv.direction, "rx or tx")->required()->check(CLI::IsMember({"rx", "tx"}));
-    tp->add_option("SECONDS", c.seconds, "how long (default 10 s; at most 1 h)")->check(duration(100, 3600 * 1000));
-    tp->add_option("--window", c.window, "fix our socket buffers at SIZE once logged in (e.g. 64K)")
-        ->check(window_size())
-        ->type_name("SIZE");
+// A text value checked, then turned into the number the command uses.
+CLI::Option* add_number(CLI::App& sub, const argument& a, int* into, int (*convert)(const std::string&),
+                        const char* help) {
+    return sub.add_option_function<std::string>(a.name, [=](const std::string& text) { *into = convert(text); },
+                                                help);
 }
 
-void add_offline_commands(command_line& c) {
-    invocation& inv = c.inv;
-    CLI::App* pack = add_command(c.app, "bundle-pack", "pack a plain configuration into a bundle (offline)");
-    pack->add_option("PLAIN", inv.file, "the plain configuration")->required();
-    pack->add_option("OUT", inv.out, "the bundle to write (mode 600)")->required();
-    add_command(c.app, "bundle-verify", "check a bundle as the device would (offline)")
-        ->add_option("FILE", inv.file, "the bundle")
-        ->required();
-    CLI::App* unpack = add_command(c.app, "bundle-unpack", "verify and unpack a bundle (offline)");
-    unpack->add_option("FILE", inv.file, "the bundle")->required();
-    unpack->add_option("OUT", inv.out, "the plain configuration to write (mode 600; - for stdout)")->required();
+int duration_ms(const std::string& text) { return (int)parse_duration_ms(text); }
+int size_bytes(const std::string& text) { return (int)parse_size(text); }
+
+void add_argument(CLI::App& sub, const argument& a, command_args& args, bool fleet) {
+    const char* help = fleet && a.fleet_help ? a.fleet_help : a.help;
+    auto text = [&] { return &(args.*std::get<std::string command_args::*>(a.field)); };
+    auto number = [&] { return &(args.*std::get<int command_args::*>(a.field)); };
+    CLI::Option* o = nullptr;
+    switch (a.kind) {
+    case argument::text: o = sub.add_option(a.name, *text(), help); break;
+    case argument::flag: o = sub.add_flag(a.name, args.*std::get<bool command_args::*>(a.field), help); break;
+    case argument::choice: o = sub.add_option(a.name, *text(), help)->check(CLI::IsMember(a.choices)); break;
+    case argument::ipv4: o = sub.add_option(a.name, *text(), help)->check(CLI::ValidIPV4); break;
+    case argument::count: o = sub.add_option(a.name, *number(), help)->check(whole_number(a.min, a.max, a.what)); break;
+    case argument::duration: o = add_number(sub, a, number(), duration_ms, help)->check(duration(a.min, a.max)); break;
+    case argument::size: o = add_number(sub, a, number(), size_bytes, help)->check(size_range(a.min, a.max)); break;
+    }
+    if (a.required) o->required();
+    if (a.type_name) o->type_name(a.type_name);
+}
+
+// One command of the table, at top or under fleet, with its arguments.
+void add_row(command_line& c, CLI::App& parent, const command_row& row, bool fleet) {
+    CLI::App* sub = add_command(parent, row.name, fleet && row.fleet_summary ? row.fleet_summary : row.summary);
+    if (row.helper_parses) sub->fallthrough(false)->prefix_command()->set_help_flag();
+    for (const argument& a : row.arguments)
+        if (a.where & (fleet ? in_fleet : at_top)) add_argument(*sub, a, c.inv.args, fleet);
 }
 
 // Its options and commands only when the command line asks for them: the
 // tree is as large as all the others together, and building it would cost
 // every single-router command at start.
-void add_fleet(command_line& c, bool whole) {
+void add_fleet(command_line& c, const command_row& row, bool whole) {
     invocation& inv = c.inv;
-    CLI::App* fleet = add_command(c.app, "fleet", "run a command on every host of an inventory");
+    CLI::App* fleet = add_command(c.app, row.name, row.summary);
     if (!whole) return;
     fleet->add_option("-i,--inventory", inv.fleet.inventory, "INI inventory of hosts and groups")
         ->envname("KELP_INVENTORY")
         ->type_name("FILE");
     // A second --limit is let through, then refused with what to do
     // instead (CLI11 would only count).
-    c.limit = fleet->add_option("--limit", inv.fleet.limit, "hosts and groups, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
+    c.limit = fleet->add_option("--limit", inv.fleet.limit,
+                                "hosts and groups, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
                   ->type_name("PATTERN")
                   ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     fleet->add_flag("--list-hosts", inv.fleet.list_hosts, "list the hosts the command would run on, and run nothing");
@@ -168,27 +159,8 @@ void add_fleet(command_line& c, bool whole) {
         ->check(whole_number(1, 256, "job count"))
         ->type_name("N");
     fleet->require_subcommand(0, 1);
-    add_device_commands(c, *fleet, true);
-    CLI::App* backup = add_command(*fleet, "backup", "back up every host into a git repository");
-    backup->add_option("--into", inv.into, "the repository folder (created if new or empty)")->required();
-    backup->add_flag("--scripts", inv.scripts, "fetch the four scripts too");
-    backup->add_flag("--init", inv.init, "make the repository in a folder that already holds other files");
-    CLI::App* history = add_command(*fleet, "history", "one host's backups");
-    history->add_option("HOST", inv.name, "a host of the inventory")->required();
-    history->add_option("--into", inv.into, "the repository folder (default: the current one)");
-    CLI::App* diff = add_command(*fleet, "diff", "what changed in one host's backup");
-    diff->add_option("HOST", inv.name, "a host of the inventory")->required();
-    diff->add_option("REV", inv.rev_from, "from this revision (default: before the host's last change)");
-    diff->add_option("REV2", inv.rev_to, "to this revision (default: the latest)");
-    diff->add_option("--into", inv.into, "the repository folder (default: the current one)");
-}
-
-// Its options are kelputil-serve's to check: kelputil hands them on.
-void add_serve(command_line& c) {
-    add_command(c.app, "serve", "back up an inventory's hosts on a schedule, with an HTTP API and metrics")
-        ->fallthrough(false)
-        ->prefix_command()
-        ->set_help_flag();
+    for (const command_row& r : command_table())
+        if (r.where & in_fleet) add_row(c, *fleet, r, true);
 }
 
 void add_global_options(command_line& c) {
@@ -200,7 +172,8 @@ void add_global_options(command_line& c) {
         ->type_name("PORT");
     app.add_flag("--plain", inv.conn.plain, "the plain protocol on port 856: a captured login reveals the password");
     app.add_flag("--tls", c.tls, "TLS on port 857 (the default)");
-    app.add_option("--pin", inv.conn.pin, "accept only the certificate with this SHA-256 fingerprint")->type_name("SHA256");
+    app.add_option("--pin", inv.conn.pin, "accept only the certificate with this SHA-256 fingerprint")
+        ->type_name("SHA256");
     app.add_option("--known-hosts", inv.conn.known_hosts,
                    "remembered certificates (default $XDG_CONFIG_HOME/kelputil/known_hosts)")
         ->type_name("FILE");
@@ -221,6 +194,19 @@ void add_global_options(command_line& c) {
     app.get_formatter()->column_width(32);
 }
 
+// Every command of the table, in its order; fleet's own commands only when
+// whole_fleet (see add_fleet); then help.
+void add_commands(command_line& c, bool whole_fleet) {
+    for (const command_row& row : command_table()) {
+        if (!(row.where & at_top)) continue;
+        if (row.group) add_fleet(c, row, whole_fleet);
+        else add_row(c, c.app, row, false);
+    }
+    add_command(c.app, "help", "show a command's help: help [COMMAND [SUBCOMMAND]]")
+        ->add_option("COMMAND", c.help_words, "a command, and for fleet one of its commands");
+    c.app.footer(footer());  // the main help only: subcommands exist already
+}
+
 // The deepest command the parser entered, and its name as typed.
 CLI::App* deepest(CLI::App& app, std::string* path) {
     CLI::App* at = &app;
@@ -232,16 +218,15 @@ CLI::App* deepest(CLI::App& app, std::string* path) {
     return at;
 }
 
-
 // Where the first word that is not an option or an option's value, the
-// command, is in argv; argc when there is none.
-int typed_command_at(int argc, char** argv) {
-    static const char* const with_value[] = {"-H", "--host", "-p", "--port", "--pin", "--known-hosts",
-                                             "--password-file", "--timeout"};
+// command, is in argv; argc when there is none. Which options take a value
+// the global options themselves say.
+int typed_command_at(const CLI::App& app, int argc, char** argv) {
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         if (a.empty() || a[0] != '-') return i;
-        if (std::find(std::begin(with_value), std::end(with_value), a) != std::end(with_value)) i++;
+        const CLI::Option* o = app.get_option_no_throw(a);
+        if (o && o->get_items_expected_min() > 0) i++;
     }
     return argc;
 }
@@ -257,8 +242,8 @@ std::string unknown_command(CLI::App& app, const std::string& typed, const std::
     for (const CLI::App* sub : app.get_subcommands({})) names.push_back(sub->get_name());
     std::string best = closest(typed, names);
     std::string kelputil = "kelputil" + (path.empty() ? "" : " " + path);
-    return "'" + typed + "' is not a " + kelputil + " command." + (best.empty() ? "" : " Did you mean '" + best + "'?") +
-           " (" + kelputil + " --help lists them)";
+    return "'" + typed + "' is not a " + kelputil + " command." +
+           (best.empty() ? "" : " Did you mean '" + best + "'?") + " (" + kelputil + " --help lists them)";
 }
 
 // The option called name where the parser stands: its own or a parent's
@@ -313,14 +298,32 @@ std::string misspelt_word(CLI::App& app, int argc, char** argv) {
     return "";
 }
 
-int usage_error(const invocation& inv, const std::string& message, const std::string& usage) {
-    print_usage_error(inv.output.json, message, usage);
-    return 1;
+// Help and the version, as CLI11 writes them: for people, plain text even
+// under --json.
+outcome shown(command_line& c, const CLI::Error& e) {
+    std::ostringstream text;
+    c.app.exit(e, text);
+    c.inv.output.json = false;
+    outcome o = success("");
+    o.text = text.str();
+    o.content = true;
+    return o;
+}
+
+// What CLI11 refused, with the usage of the command it was reading.
+outcome refused(command_line& c, const CLI::ParseError& e) {
+    std::string path;
+    CLI::App* at = deepest(c.app, &path);
+    CLI::Formatter f;
+    std::string usage = f.make_usage(at, "kelputil" + (path.empty() ? "" : " " + path));
+    usage = usage.substr(usage.find(':') + 2);
+    while (!usage.empty() && usage.back() == '\n') usage.pop_back();
+    return usage_failure((path.empty() ? "" : path + ": ") + e.what(), usage);
 }
 
 // "kelputil help fleet backup" is "kelputil fleet backup --help": the words
 // after help, each a command of the one before, become that command line.
-int help_for(command_line& c, int argc, char** argv, int at) {
+std::optional<outcome> help_for(command_line& c, int argc, char** argv, int at) {
     std::vector<std::string> args(argv, argv + at);
     CLI::App* level = &c.app;
     std::string path;
@@ -330,16 +333,17 @@ int help_for(command_line& c, int argc, char** argv, int at) {
         CLI::App* sub = nullptr;
         for (CLI::App* s : level->get_subcommands({})) sub = s->get_name() == word ? s : sub;
         if (!sub)
-            return usage_error(c.inv,
-                               level->get_subcommands({}).empty() ? "kelputil " + path + " has no command '" + word + "'"
-                                                                  : unknown_command(*level, word, path),
-                               "kelputil help [COMMAND [SUBCOMMAND]]");
+            return usage_failure(level->get_subcommands({}).empty()
+                                     ? "kelputil " + path + " has no command '" + word + "'"
+                                     : unknown_command(*level, word, path),
+                                 "kelputil help [COMMAND [SUBCOMMAND]]");
         args.push_back(word);
         path += (path.empty() ? "" : " ") + word;
         level = sub;
         if (sub->get_prefix_command()) {  // serve: its helper answers
             c.inv.command = path;
-            return -1;
+            c.inv.row = find_command(path);
+            return std::nullopt;
         }
     }
     args.push_back("--help");
@@ -347,10 +351,12 @@ int help_for(command_line& c, int argc, char** argv, int at) {
     for (std::string& a : args) line.push_back(a.data());
     try {
         c.app.parse((int)line.size(), line.data());
+    } catch (const CLI::CallForHelp& e) {
+        return shown(c, e);
     } catch (const CLI::ParseError& e) {
-        return c.app.exit(e);
+        return refused(c, e);
     }
-    return 0;
+    return shown(c, CLI::CallForHelp());
 }
 
 // Text options become numbers once checked.
@@ -358,9 +364,6 @@ void settle_values(command_line& c) {
     invocation& inv = c.inv;
     if (!c.port.empty()) inv.conn.port = atoi(c.port.c_str());
     inv.conn.timeout_ms = (int)parse_duration_ms(c.timeout);
-    inv.seconds_ms = (int)parse_duration_ms(c.seconds);
-    inv.settle_ms = (int)parse_duration_ms(c.settle);
-    inv.window = c.window.empty() ? 0 : (int)parse_size(c.window);
     inv.fleet.jobs = atoi(c.jobs.c_str());
     inv.flags = (uint8_t)((c.apply ? 0x01 : 0) | (c.reboot ? 0x02 : 0));
 }
@@ -374,61 +377,68 @@ std::string check_combinations(const command_line& c) {
     std::string device = inv.device_command();
     if (c.limit && c.limit->count() > 1) return "--limit is given twice: join the patterns with ',' (--limit 'a,b')";
     if (c.limit && c.limit->count() && inv.fleet.limit.find_first_not_of(":, \t") == std::string::npos)
-        return "--limit '" + inv.fleet.limit + "': an empty pattern selects nothing; leave --limit out to run on every host";
+        return "--limit '" + inv.fleet.limit +
+               "': an empty pattern selects nothing; leave --limit out to run on every host";
     if (inv.command == "fleet" && !inv.fleet.list_hosts) return "fleet needs a command, or --list-hosts";
     if (inv.fleet.list_hosts && (device == "history" || device == "diff"))
         return "--list-hosts shows the hosts of a run: history and diff read a backup repository";
     if (inv.is_fleet() && device != "history" && device != "diff" && inv.fleet.inventory.empty())
         return "a fleet run needs an inventory: -i FILE (or KELP_INVENTORY)";
-    if (inv.is_fleet() && device == "get-script" && !inv.file.empty() && inv.file.find("{host}") == std::string::npos)
+    const command_args& a = inv.args;
+    if (inv.is_fleet() && device == "get-script" && !a.file.empty() && a.file.find("{host}") == std::string::npos)
         return "in a fleet run, get-script's FILE must contain {host}, one file per host";
-    if (inv.command == "fleet firmware" && !inv.upgrade && (inv.dry_run || inv.canary != 1))
+    if (inv.command == "fleet firmware" && !a.upgrade && (a.dry_run || a.canary != 1))
         return "--canary and --dry-run belong to a staged roll-out: add --upgrade";
     return "";
 }
 
 }  // namespace
 
-
-
-int parse_command_line(int argc, char** argv, invocation* out) {
+std::optional<outcome> parse_command_line(int argc, char** argv, invocation* out) {
     for (int i = 1; i < argc; i++)
         if (strcmp(argv[i], "--json") == 0) out->output.json = true;  // so that even a usage error speaks JSON
     command_line c(*out);
     add_global_options(c);
-    add_device_commands(c, c.app, false);
-    add_offline_commands(c);
-    int at = typed_command_at(argc, argv);
+    int at = typed_command_at(c.app, argc, argv);
     std::string typed = at < argc ? argv[at] : "";
-    add_fleet(c, typed == "fleet" || typed == "help");
-    add_serve(c);
-    add_command(c.app, "help", "show a command's help: help [COMMAND [SUBCOMMAND]]")
-        ->add_option("COMMAND", c.help_words, "a command, and for fleet one of its commands");
-    c.app.footer(std::string("\n") + footer + "\n");  // the main help only: subcommands exist already
+    add_commands(c, typed == "fleet" || typed == "help");
     if (typed == "help") return help_for(c, argc, argv, at);
     std::string wrong_word = misspelt_word(c.app, argc, argv);
-    if (!wrong_word.empty()) return usage_error(*out, wrong_word, "kelputil [OPTIONS] COMMAND [ARGS]");
+    if (!wrong_word.empty()) return usage_failure(wrong_word, "kelputil [OPTIONS] COMMAND [ARGS]");
     try {
         c.app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
-        return c.app.exit(e);
+        return shown(c, e);
     } catch (const CLI::CallForVersion& e) {
-        return c.app.exit(e);
+        return shown(c, e);
     } catch (const CLI::ParseError& e) {
-        std::string path;
-        CLI::App* at = deepest(c.app, &path);
-        CLI::Formatter f;
-        std::string usage = f.make_usage(at, "kelputil" + (path.empty() ? "" : " " + path));
-        usage = usage.substr(usage.find(':') + 2);
-        while (!usage.empty() && usage.back() == '\n') usage.pop_back();
-        return usage_error(*out, (path.empty() ? "" : path + ": ") + e.what(), usage);
+        return refused(c, e);
     }
     std::string path;
     deepest(c.app, &path);
-    if (path.empty()) return usage_error(*out, "no command given", "kelputil [OPTIONS] COMMAND [ARGS]");
+    if (path.empty()) return usage_failure("no command given", "kelputil [OPTIONS] COMMAND [ARGS]");
     out->command = path;
+    out->row = find_command(path);
     settle_values(c);
     std::string wrong = check_combinations(c);
-    if (!wrong.empty()) return usage_error(*out, wrong, "kelputil " + path + " ...");
-    return -1;
+    if (!wrong.empty()) return usage_failure(wrong, "kelputil " + path + " ...");
+    return std::nullopt;
+}
+
+namespace {
+
+void visit(const std::string& path, const CLI::App& app, const command_visitor& fn) {
+    fn(path, app);
+    for (const CLI::App* sub : app.get_subcommands({}))
+        visit(path + (path.empty() ? "" : " ") + sub->get_name(), *sub, fn);
+}
+
+}  // namespace
+
+void visit_command_tree(const command_visitor& fn) {
+    invocation inv;
+    command_line c(inv);
+    add_global_options(c);
+    add_commands(c, true);
+    visit("", c.app, fn);
 }

@@ -57,6 +57,25 @@ std::string table(const std::vector<std::string>& header, const std::vector<std:
     return out;
 }
 
+// apply and reboot: what they ask for is the flag itself.
+outcome logged_in(const kelp::target& t, uint8_t flags) {
+    status st = kelp::trigger(t, flags);
+    return st ? success("logged in" + after_success(flags)) : failure(st);
+}
+
+// who: the user or address as the command's JSON names it.
+outcome disconnected(const status& st, uint8_t flags, const char* key, const std::string& who) {
+    json data = {{key, who}};
+    if (!st) return failure(st, data);
+    return success("disconnected " + who + after_success(flags), data);
+}
+
+bool reports_failure(const std::string& line) {
+    std::string head = line.substr(0, 6);
+    std::transform(head.begin(), head.end(), head.begin(), ::tolower);
+    return head.rfind("error", 0) == 0 || head.rfind("failed", 0) == 0;
+}
+
 outcome saved(const std::string& file, const bytes& b, mode_t mode, const std::string& what) {
     status w = write_output(file, b, mode);
     if (!w) return failure(w);
@@ -66,7 +85,22 @@ outcome saved(const std::string& file, const bytes& b, mode_t mode, const std::s
     return o;
 }
 
-outcome backup(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+}  // namespace
+
+outcome run_check(const invocation& inv, const kelp::target& t, const std::string&, reporter&) {
+    status st = kelp::trigger(t, inv.flags);
+    return st ? success("login ok" + after_success(inv.flags)) : failure(st);
+}
+
+outcome run_apply(const invocation& inv, const kelp::target& t, const std::string&, reporter&) {
+    return logged_in(t, inv.flags | flag_apply);
+}
+
+outcome run_reboot(const invocation& inv, const kelp::target& t, const std::string&, reporter&) {
+    return logged_in(t, inv.flags | flag_reboot);
+}
+
+outcome run_backup(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
     bytes bundle;
     status st = kelp::backup_config(t, inv.flags, &bundle, [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
     if (!st) return failure(st);
@@ -74,11 +108,11 @@ outcome backup(const invocation& inv, const kelp::target& t, const std::string& 
     if (!(st = kelp::unpack_bundle(bundle, &plain)))
         return failure(kelp::fail(kelp::error_kind::protocol, "the device sent a bundle that does not verify (" +
                                                                   st.message + "); nothing was written"));
-    return saved(for_host(inv.file, host), bundle, 0600, "configuration");
+    return saved(for_host(inv.args.file, host), bundle, 0600, "configuration");
 }
 
-outcome restore(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
-    std::string file = for_host(inv.file, host);
+outcome run_restore(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    std::string file = for_host(inv.args.file, host);
     bytes bundle;
     status st = read_input(file, &bundle, bundle_read_max);
     if (st && !(st = kelp::check_bundle_for_device(bundle))) st.message = file + ": " + st.message + "; nothing was sent";
@@ -88,45 +122,47 @@ outcome restore(const invocation& inv, const kelp::target& t, const std::string&
     return success("configuration installed" + after_success(inv.flags), {{"file", file}, {"bytes", bundle.size()}});
 }
 
-outcome get_script(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+outcome run_get_script(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    const command_args& a = inv.args;
     bytes body;
-    status st = kelp::get_script(t, kelp::script_by_name(inv.name), inv.flags, &body,
+    status st = kelp::get_script(t, kelp::script_by_name(a.script), inv.flags, &body,
                                  [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
     if (!st) return failure(st);
-    if (!inv.file.empty()) return saved(for_host(inv.file, host), body, plain_mode, "the " + inv.name + " script");
-    outcome o = success("script " + inv.name + ": " + std::to_string(body.size()) + " bytes" + after_success(inv.flags),
-                        {{"script", inv.name}, {"bytes", body.size()}, {"text", text_of(body)}});
+    if (!a.file.empty()) return saved(for_host(a.file, host), body, plain_mode, "the " + a.script + " script");
+    outcome o = success("script " + a.script + ": " + std::to_string(body.size()) + " bytes" + after_success(inv.flags),
+                        {{"script", a.script}, {"bytes", body.size()}, {"text", text_of(body)}});
     o.text = text_of(body);
     o.content = true;
     return o;
 }
 
-outcome put_script(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
-    std::string file = for_host(inv.file, host);
+outcome run_put_script(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    std::string file = for_host(inv.args.file, host);
     bytes body;
     status st = read_input(file, &body, upload_max);
     if (st && body.empty()) return local_failure(file + " is empty: the device takes scripts of 1 to 524288 bytes");
     if (!st) return failure(st);
-    st = kelp::put_script(t, kelp::script_by_name(inv.name), inv.flags, body,
+    st = kelp::put_script(t, kelp::script_by_name(inv.args.script), inv.flags, body,
                           [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
     if (!st) return failure(st);
-    return success("script " + inv.name + " installed" + after_success(inv.flags),
-                   {{"script", inv.name}, {"file", file}, {"bytes", body.size()}});
+    return success("script " + inv.args.script + " installed" + after_success(inv.flags),
+                   {{"script", inv.args.script}, {"file", file}, {"bytes", body.size()}});
 }
 
-outcome report(const invocation& inv, const kelp::target& t) {
-    uint8_t action = inv.kind == "full" ? action_sysinfo : inv.kind == "core" ? action_core_sysinfo : action_kernlog;
+outcome run_report(const invocation& inv, const kelp::target& t, const std::string&, reporter&) {
+    const std::string& kind = inv.args.report;
+    uint8_t action = kind == "full" ? action_sysinfo : kind == "core" ? action_core_sysinfo : action_kernlog;
     bytes text;
     status st = kelp::fetch_report(t, action, inv.flags, &text);
     if (!st) return failure(st);
-    outcome o = success("report " + inv.kind + ": " + std::to_string(text.size()) + " bytes" + after_success(inv.flags),
-                        {{"report", inv.kind}, {"lines", json_lines(text_of(text))}});
+    outcome o = success("report " + kind + ": " + std::to_string(text.size()) + " bytes" + after_success(inv.flags),
+                        {{"report", kind}, {"lines", json_lines(text_of(text))}});
     o.text = text_of(text);
     o.content = true;
     return o;
 }
 
-outcome ppp(const invocation& inv, const kelp::target& t) {
+outcome run_ppp(const invocation& inv, const kelp::target& t, const std::string&, reporter&) {
     std::vector<kelp::ppp_session> list;
     status st = kelp::list_ppp(t, inv.flags, &list);
     if (!st) return failure(st);
@@ -144,7 +180,7 @@ outcome ppp(const invocation& inv, const kelp::target& t) {
     return o;
 }
 
-outcome hotspot(const invocation& inv, const kelp::target& t) {
+outcome run_hotspot(const invocation& inv, const kelp::target& t, const std::string&, reporter&) {
     std::vector<kelp::hotspot_session> list;
     status st = kelp::list_hotspot(t, inv.flags, &list);
     if (!st) return failure(st);
@@ -164,33 +200,29 @@ outcome hotspot(const invocation& inv, const kelp::target& t) {
     return o;
 }
 
-outcome kick(const invocation& inv, const kelp::target& t) {
-    std::string cmd = inv.device_command();
-    status st = cmd == "kick-ppp"       ? kelp::kick_ppp_user(t, inv.flags, inv.user)
-                : cmd == "kick-hotspot" ? kelp::kick_hotspot_user(t, inv.flags, inv.user)
-                                        : kelp::kick_hotspot_ip(t, inv.flags, inv.address);
-    std::string who = cmd == "kick-ip" ? inv.address : inv.user;
-    json data = cmd == "kick-ip" ? json{{"address", who}} : json{{"user", who}};
-    if (!st) return failure(st, data);
-    return success("disconnected " + who + after_success(inv.flags), data);
+outcome run_kick_ppp(const invocation& inv, const kelp::target& t, const std::string&, reporter&) {
+    return disconnected(kelp::kick_ppp_user(t, inv.flags, inv.args.user), inv.flags, "user", inv.args.user);
 }
 
-bool reports_failure(const std::string& line) {
-    std::string head = line.substr(0, 6);
-    std::transform(head.begin(), head.end(), head.begin(), ::tolower);
-    return head.rfind("error", 0) == 0 || head.rfind("failed", 0) == 0;
+outcome run_kick_hotspot(const invocation& inv, const kelp::target& t, const std::string&, reporter&) {
+    return disconnected(kelp::kick_hotspot_user(t, inv.flags, inv.args.user), inv.flags, "user", inv.args.user);
 }
 
-outcome firmware(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
-    std::string file = for_host(inv.file, host);
+outcome run_kick_ip(const invocation& inv, const kelp::target& t, const std::string&, reporter&) {
+    return disconnected(kelp::kick_hotspot_ip(t, inv.flags, inv.args.address), inv.flags, "address", inv.args.address);
+}
+
+outcome run_firmware(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
+    std::string file = for_host(inv.args.file, host);
     bytes image;
     status st = read_image(file, &image);
     if (!st) return failure(st);
-    return upload_image(t, image, inv.upgrade, file, r);
+    return upload_image(t, image, inv.args.upgrade, file, r);
 }
 
-outcome throughput(const invocation& inv, const kelp::target& t, reporter& r) {
-    bool rx = inv.direction == "rx";
+outcome run_throughput(const invocation& inv, const kelp::target& t, const std::string&, reporter& r) {
+    const command_args& a = inv.args;
+    bool rx = a.direction == "rx";
     kelp::throughput_result result;
     json intervals = json::array();
     double last_t = 0;
@@ -203,17 +235,15 @@ outcome throughput(const invocation& inv, const kelp::target& t, reporter& r) {
         last_t = now;
         last_bytes = moved;
     };
-    status st = kelp::throughput(t, rx, inv.seconds_ms / 1000.0, inv.flags, &result, tick, inv.window);
+    status st = kelp::throughput(t, rx, a.seconds_ms / 1000.0, inv.flags, &result, tick, a.window);
     if (!st) return failure(st);
     json summary = {{"bytes", result.bytes}, {"seconds", json_seconds(result.seconds)}, {"mbit_per_s", result.mbit_per_s()}};
     char text[160];
     snprintf(text, sizeof text, "%s: %llu bytes in %.2f s = %.1f Mbit/s", rx ? "device to us" : "us to device",
              (unsigned long long)result.bytes, result.seconds, result.mbit_per_s());
     return success(text + after_success(inv.flags),
-                   {{"direction", inv.direction}, {"intervals", intervals}, {"summary", summary}});
+                   {{"direction", a.direction}, {"intervals", intervals}, {"summary", summary}});
 }
-
-}  // namespace
 
 outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, const std::string& file, reporter& r) {
     json lines = json::array();
@@ -231,7 +261,7 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
     if (!st) return failure(st, data);
     if (!failed_line.empty()) {
         outcome o = success("", data);
-        o.exit = 10;
+        o.exit = exit_device;  // the device's own "failed", without a result code
         o.message = "the upgrade failed on the device: " + failed_line;
         return o;
     }
@@ -241,9 +271,10 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
 }
 
 kelp::status make_host_folders(const invocation& inv, const std::vector<std::string>& hosts) {
-    if (inv.device_command() != "get-script" || inv.file.find("{host}") == std::string::npos) return kelp::ok();
+    const std::string& file = inv.args.file;
+    if (inv.device_command() != "get-script" || file.find("{host}") == std::string::npos) return kelp::ok();
     for (const std::string& host : hosts) {
-        status st = kelp::make_parent_folders(for_host(inv.file, host));
+        status st = kelp::make_parent_folders(for_host(file, host));
         if (!st) return kelp::fail(st.kind, st.message + "; no host was contacted");
     }
     return kelp::ok();
@@ -281,49 +312,36 @@ void remember_umask() {
     plain_mode = 0666 & ~mask;
 }
 
-outcome run_device_command(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r) {
-    std::string cmd = inv.device_command();
-    if (cmd == "check") return [&] {
-        status st = kelp::trigger(t, inv.flags);
-        return st ? success("login ok" + after_success(inv.flags)) : failure(st);
-    }();
-    if (cmd == "apply" || cmd == "reboot") {
-        uint8_t flags = inv.flags | (cmd == "apply" ? flag_apply : flag_reboot);
-        status st = kelp::trigger(t, flags);
-        return st ? success("logged in" + after_success(flags)) : failure(st);
-    }
-    if (cmd == "backup") return backup(inv, t, host, r);
-    if (cmd == "restore") return restore(inv, t, host, r);
-    if (cmd == "get-script") return get_script(inv, t, host, r);
-    if (cmd == "put-script") return put_script(inv, t, host, r);
-    if (cmd == "report") return report(inv, t);
-    if (cmd == "ppp") return ppp(inv, t);
-    if (cmd == "hotspot") return hotspot(inv, t);
-    if (cmd.rfind("kick-", 0) == 0) return kick(inv, t);
-    if (cmd == "firmware") return firmware(inv, t, host, r);
-    if (cmd == "throughput") return throughput(inv, t, r);
-    return local_failure("not a device command: " + cmd);
+outcome run_bundle_pack(const invocation& inv) {
+    const command_args& a = inv.args;
+    bytes plain;
+    status st = read_input(a.file, &plain, bundle_read_max);
+    if (!st) return failure(st);
+    bytes bundle = kelp::pack_bundle(plain);
+    if (bundle.size() < bundle_min_upload || bundle.size() > upload_max)
+        return local_failure(a.file + " is " + std::to_string(plain.size()) + " bytes: its bundle would be " +
+                             std::to_string(bundle.size()) +
+                             " bytes, and the device takes bundles of 1024 to 524288 bytes (976 to 524240 bytes "
+                             "of configuration)");
+    return saved(a.out, bundle, 0600, "bundle");
 }
 
-outcome run_offline_command(const invocation& inv) {
-    bytes in, out;
-    status st = read_input(inv.file, &in, bundle_read_max);
+outcome run_bundle_verify(const invocation& inv) {
+    const std::string& file = inv.args.file;
+    bytes bundle, plain;
+    status st = read_input(file, &bundle, bundle_read_max);
     if (!st) return failure(st);
-    if (inv.command == "bundle-pack") {
-        out = kelp::pack_bundle(in);
-        if (out.size() < bundle_min_upload || out.size() > upload_max)
-            return local_failure(inv.file + " is " + std::to_string(in.size()) + " bytes: its bundle would be " +
-                                 std::to_string(out.size()) +
-                                 " bytes, and the device takes bundles of 1024 to 524288 bytes (976 to 524240 bytes "
-                                 "of configuration)");
-        return saved(inv.out, out, 0600, "bundle");
-    }
-    if (inv.command == "bundle-verify") {
-        if (!(st = kelp::check_bundle_for_device(in))) return failure(kelp::fail(st.kind, inv.file + ": " + st.message));
-        kelp::unpack_bundle(in, &out);
-        return success(inv.file + ": bundle ok, " + std::to_string(out.size()) + " bytes of configuration",
-                       {{"file", inv.file}, {"bytes", in.size()}, {"plain_bytes", out.size()}});
-    }
-    if (!(st = kelp::unpack_bundle(in, &out))) return failure(kelp::fail(st.kind, inv.file + ": " + st.message));
-    return saved(inv.out, out, 0600, "configuration");
+    if (!(st = kelp::check_bundle_for_device(bundle))) return failure(kelp::fail(st.kind, file + ": " + st.message));
+    kelp::unpack_bundle(bundle, &plain);
+    return success(file + ": bundle ok, " + std::to_string(plain.size()) + " bytes of configuration",
+                   {{"file", file}, {"bytes", bundle.size()}, {"plain_bytes", plain.size()}});
+}
+
+outcome run_bundle_unpack(const invocation& inv) {
+    const command_args& a = inv.args;
+    bytes bundle, plain;
+    status st = read_input(a.file, &bundle, bundle_read_max);
+    if (!st) return failure(st);
+    if (!(st = kelp::unpack_bundle(bundle, &plain))) return failure(kelp::fail(st.kind, a.file + ": " + st.message));
+    return saved(a.out, plain, 0600, "configuration");
 }

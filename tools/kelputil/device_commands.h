@@ -11,9 +11,29 @@
 #include "outcome.h"
 #include "reporter.h"
 
-// host names the device in file names ("{host}" in a fleet run's FILE).
-outcome run_device_command(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
-outcome run_offline_command(const invocation& inv);
+// The device commands, one step each once connected (commands.h's
+// device_step): host names the device in file names ("{host}" in a fleet
+// run's FILE).
+outcome run_check(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_apply(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_reboot(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_backup(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_restore(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_get_script(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_put_script(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_report(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_ppp(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_hotspot(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_kick_ppp(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_kick_hotspot(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_kick_ip(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_firmware(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+outcome run_throughput(const invocation& inv, const kelp::target& t, const std::string& host, reporter& r);
+
+// The offline commands.
+outcome run_bundle_pack(const invocation& inv);
+outcome run_bundle_verify(const invocation& inv);
+outcome run_bundle_unpack(const invocation& inv);
 // Uploads an image already read; with upgrade, follows the flash upgrade
 // and fails (exit 10) when one of its lines reports an error.
 outcome upload_image(const kelp::target& t, const kelp::bytes& image, bool upgrade, const std::string& file,

@@ -30,21 +30,12 @@ std::string helper_path(const std::string& helper_name) {
     return folder + "/" KELP_STORE_HELPER_DIR "/" + helper_name;
 }
 
-// Replaces the process with the helper, given the same arguments.
-int exec_helper(const std::string& helper_name, const std::string& command, const invocation& inv, char** argv) {
-    std::string path = helper_path(helper_name);
-    execv(path.c_str(), argv);
-    int err = errno;
-    print_outcome(local_failure(command + " needs " + helper_name + ", which cannot run (" + path + ": " +
-                                strerror(err) + "): reinstall kelputil"),
-                  inv.output.json, inv.output.quiet);
-    return exit_usage;
-}
-
 }  // namespace
 
-int run_store_command(const invocation& inv, char** argv) {
-    return exec_helper("kelputil-store", "fleet " + inv.device_command(), inv, argv);
+outcome run_helper(const char* helper, const std::string& command, char** argv) {
+    std::string path = helper_path(helper);
+    execv(path.c_str(), argv);
+    int err = errno;
+    return local_failure(command + " needs " + helper + ", which cannot run (" + path + ": " + strerror(err) +
+                         "): reinstall kelputil");
 }
-
-int run_serve_command(const invocation& inv, char** argv) { return exec_helper("kelputil-serve", "serve", inv, argv); }

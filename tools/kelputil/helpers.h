@@ -1,20 +1,11 @@
-// The commands that keep backups in git. Only they need libgit2 and
-// libarchive, which with their own dependencies cost every other command
-// several times its start-up: they live in a helper program, kelputil-store,
-// which kelputil runs in its own place (as git runs its remote helpers).
+// The commands that need libraries the others should not load at start
+// (libgit2 and libarchive for the backups in git; SQLite and the HTTP
+// server for the service) run in helper programs, which kelputil runs in its
+// own place (as git runs its remote helpers): the command table names them.
 #pragma once
 
-#include "invocation.h"
-
-inline bool is_store_command(const invocation& inv) {
-    std::string cmd = inv.device_command();
-    return inv.is_fleet() && (cmd == "backup" || cmd == "history" || cmd == "diff");
-}
+#include "outcome.h"
 
 // Replaces the process with the helper, given the same arguments, and
-// returns only when it cannot (the status, already printed).
-int run_store_command(const invocation& inv, char** argv);
-
-// kelputil serve runs the same way in its helper, kelputil-serve, which
-// alone loads SQLite and the HTTP server.
-int run_serve_command(const invocation& inv, char** argv);
+// returns only when it cannot. command: as typed, for the message.
+outcome run_helper(const char* helper, const std::string& command, char** argv);

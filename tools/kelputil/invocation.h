@@ -7,35 +7,51 @@
 #include <string>
 
 #include "connection.h"
+#include "inventory.h"
 #include "outcome.h"
+
+// A command's own arguments. Each field means one thing, whichever command
+// sets it; the command table (commands.h) says which command has which.
+struct command_args {
+    std::string file;    // the file the command reads or writes: FILE, IMAGE, PLAIN ({host} in a fleet run)
+    std::string out;     // the file an offline command writes: OUT
+    std::string script;  // get-script, put-script: cbq, fw, nat or dhcp
+    std::string report;  // full, core or kernel
+    std::string user;    // kick-ppp, kick-hotspot
+    std::string address;  // kick-ip
+    // throughput
+    std::string direction;   // rx or tx
+    int seconds_ms = 10000;  // how long
+    int window = 0;          // our socket buffers; 0: the kernel's
+    // firmware, and a fleet's staged roll-out of it
+    bool upgrade = false;
+    int canary = 1, batch = 10;
+    int settle_ms = 120000;
+    bool dry_run = false;
+    // a fleet's backups
+    std::string into;  // the repository's folder
+    std::string host;  // history, diff: the host whose backups
+    std::string rev_from, rev_to;
+    bool scripts = false;  // backup: the four scripts too
+    bool init = false;     // backup: a repository in a folder that holds other files
+};
+
+struct command_row;  // commands.h
 
 struct invocation {
     connection_options conn;
     output_options output;
     uint8_t flags = 0;  // apply / reboot after success
-
-    // The command and its arguments: "backup", "fleet backup", ...
-    std::string command;
-    std::string file, out;      // the command's files
-    std::string name;           // script name, or the host of fleet history/diff
-    std::string user, address;  // kick targets
-    std::string kind;           // report: full, core, kernel
-    std::string direction;      // throughput: rx, tx
-    int seconds_ms = 10000;     // throughput duration
-    int window = 0;             // throughput socket buffers, 0: the kernel's
-    bool upgrade = false;
-
-    // Fleets.
     fleet_options fleet;
-    std::string into, rev_from, rev_to;
-    bool scripts = false;
-    bool init = false;  // fleet backup --into a folder that holds other files
-    int canary = 1, batch = 10;
-    int settle_ms = 120000;
-    bool dry_run = false;
+
+    // The command as typed ("backup", "fleet backup", ...), its row of the
+    // command table, and its arguments.
+    std::string command;
+    const command_row* row = nullptr;
+    command_args args;
 
     bool is_fleet() const { return command.rfind("fleet", 0) == 0; }
-    // The device command itself: "fleet ppp" -> "ppp".
+    // The command without fleet: "fleet ppp" -> "ppp".
     std::string device_command() const {
         return !is_fleet() ? command : command == "fleet" ? "" : command.substr(command.find(' ') + 1);
     }

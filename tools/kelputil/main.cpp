@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "cli.h"
+#include "commands.h"
 #include "connection.h"
 #include "device_commands.h"
 #include "files.h"
@@ -16,18 +17,13 @@
 
 namespace {
 
-int finish(const invocation& inv, const outcome& o) {
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return o.exit;
-}
-
-int run_single(const invocation& inv) {
+outcome run_single(const invocation& inv) {
     host_settings host = command_line_host(inv.conn);
     password_source source = password_source_for(inv.conn, host);
     // Before any connection: a run without a password would only log an
     // authentication failure on the device.
     kelp::status st = check_password_source(source);
-    if (!st) return finish(inv, failure(st));
+    if (!st) return failure(st);
     std::unique_ptr<reporter> r;
     if (inv.output.json) r = std::make_unique<json_reporter>();
     else r = std::make_unique<terminal_reporter>(inv.output.quiet);
@@ -37,36 +33,40 @@ int run_single(const invocation& inv) {
     if (inv.device_command() == "firmware" && inv.flags)
         r->note("--apply and --reboot do nothing after a firmware upload: the upgrade decides");
     kelp::target t = make_target(inv.conn, host, password_provider(source), *r, inv.output.verbose > 0, false);
-    return finish(inv, run_device_command(inv, t, host.name, *r));
+    return inv.row->on_device(inv, t, host.name, *r);
 }
 
 // Bundles are binary: on a terminal they would only scramble it. Refused
 // before anything connects, as curl refuses.
 bool binary_to_terminal(const invocation& inv) {
-    std::string cmd = inv.command;
-    bool to_stdout = (cmd == "backup" && inv.file == "-") ||
-                     ((cmd == "bundle-pack" || cmd == "bundle-unpack") && inv.out == "-");
-    return to_stdout && isatty(1);
+    for (const argument& a : inv.row->arguments)
+        if (a.binary_stdout && inv.args.*std::get<std::string command_args::*>(a.field) == "-") return isatty(1);
+    return false;
 }
 
-int run(int argc, char** argv) {
-    invocation inv;
-    int end = parse_command_line(argc, argv, &inv);
-    if (end >= 0) return end;
+// The command as its row in the command table says: in a helper program,
+// offline, on every host of a fleet, or on the one device.
+outcome run(const invocation& inv, char** argv) {
+    const command_row& c = *inv.row;
     if (binary_to_terminal(inv))
-        return finish(inv,
-                      local_failure("binary output can mess up your terminal: redirect it (> FILE) or give a FILE"));
+        return local_failure("binary output can mess up your terminal: redirect it (> FILE) or give a FILE");
     remember_umask();
     remove_temporaries_on_signals();
-    if (is_store_command(inv)) return run_store_command(inv, argv);
-    if (inv.command == "serve") return run_serve_command(inv, argv);
-    if (inv.command.rfind("bundle-", 0) == 0) return finish(inv, run_offline_command(inv));
-    if (inv.is_fleet()) return run_fleet(inv);
+    if (c.helper) return run_helper(c.helper, inv.command, argv);
+    if (inv.is_fleet()) return c.fleet_run ? c.fleet_run(inv) : run_fleet(inv);
+    if (c.run) return c.run(inv);
     return run_single(inv);
 }
 
 }  // namespace
 
+// Every command ends here: its outcome printed, its exit status returned.
 int main(int argc, char** argv) {
-    return run_program("kelputil", [&] { return run(argc, argv); });
+    return run_program("kelputil", [&] {
+        invocation inv;
+        std::optional<outcome> end = parse_command_line(argc, argv, &inv);
+        outcome o = end ? *end : run(inv, argv);
+        print_outcome(o, inv.output.json, inv.output.quiet);
+        return o.exit;
+    });
 }

@@ -21,10 +21,10 @@ using stage = std::vector<const inventory_host*>;
 std::vector<stage> plan(const invocation& inv, const std::vector<const inventory_host*>& hosts) {
     std::vector<stage> stages;
     size_t i = 0;
-    for (; i < hosts.size() && i < (size_t)inv.canary; i++) stages.push_back({hosts[i]});
+    for (; i < hosts.size() && i < (size_t)inv.args.canary; i++) stages.push_back({hosts[i]});
     while (i < hosts.size()) {
         stage s;
-        for (; i < hosts.size() && s.size() < (size_t)inv.batch; i++) s.push_back(hosts[i]);
+        for (; i < hosts.size() && s.size() < (size_t)inv.args.batch; i++) s.push_back(hosts[i]);
         stages.push_back(s);
     }
     return stages;
@@ -36,12 +36,12 @@ json names(const stage& s) {
     return out;
 }
 
-int show_plan(const invocation& inv, const std::vector<stage>& stages, const json& image) {
+outcome show_plan(const invocation& inv, const std::vector<stage>& stages, const json& image) {
     json canary = json::array(), batches = json::array();
     std::string text = "image " + image_text(image) + "\n";
     int batch = 0;
     for (size_t i = 0; i < stages.size(); i++) {
-        bool is_canary = i < (size_t)inv.canary;
+        bool is_canary = i < (size_t)inv.args.canary;
         if (is_canary) canary.push_back(stages[i][0]->name);
         else batches.push_back(names(stages[i]));
         text += is_canary ? "canary " + std::to_string(i + 1) + ":" : "batch " + std::to_string(++batch) + ":";
@@ -51,8 +51,7 @@ int show_plan(const invocation& inv, const std::vector<stage>& stages, const jso
     outcome o = success("plan only (--dry-run): nothing was touched",
                         {{"image", image}, {"canary", canary}, {"batches", batches}});
     o.text = text;
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return 0;
+    return o;
 }
 
 // After its upgrade a device reboots: it is back once it takes a login again.
@@ -81,12 +80,12 @@ status wait_until_back(const kelp::target& t, int settle_ms, double* seconds) {
 
 outcome upgrade_host(const invocation& inv, const bytes& image, const kelp::target& t) {
     reporter quiet;
-    outcome o = upload_image(t, image, true, inv.file, quiet);
+    outcome o = upload_image(t, image, true, inv.args.file, quiet);
     if (!o.ok()) return o;
     json data = o.data;
     status st;
     double back_after = 0;
-    if (!(st = wait_until_back(t, inv.settle_ms, &back_after))) return failure(st, data);
+    if (!(st = wait_until_back(t, inv.args.settle_ms, &back_after))) return failure(st, data);
     bytes report;
     if (!(st = kelp::fetch_report(t, action_core_sysinfo, 0, &report))) return failure(kelp::fail(st.kind, "after the upgrade: " + st.message), data);
     std::string text(report.begin(), report.end()), first = text.substr(0, text.find('\n'));
@@ -99,19 +98,16 @@ outcome upgrade_host(const invocation& inv, const bytes& image, const kelp::targ
 
 }  // namespace
 
-int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+outcome run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     // The image first: a missing or truncated one stops the roll-out before
     // anyone is asked for a password; the plan needs no password at all.
     bytes image;
-    status st = read_image(inv.file, &image);
-    if (st && !inv.dry_run) st = runner.check_passwords(hosts);
-    if (!st) {
-        print_outcome(failure(st), inv.output.json, inv.output.quiet);
-        return exit_status(st);
-    }
-    json summary = image_summary(inv.file, image);
+    status st = read_image(inv.args.file, &image);
+    if (st && !inv.args.dry_run) st = runner.check_passwords(hosts);
+    if (!st) return failure(st);
+    json summary = image_summary(inv.args.file, image);
     std::vector<stage> stages = plan(inv, hosts);
-    if (inv.dry_run) return show_plan(inv, stages, summary);
+    if (inv.args.dry_run) return show_plan(inv, stages, summary);
     std::vector<host_result> results;
     bool halted = false;
     for (const stage& s : stages) {
@@ -128,7 +124,7 @@ int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<c
         for (const host_result& r : done) halted = halted || !r.result.ok();
         results.insert(results.end(), done.begin(), done.end());
     }
-    return runner.finish(results, std::string(halted ? "firmware roll-out halted" : "firmware roll-out") + " (" +
+    return runner.summary(results, std::string(halted ? "firmware roll-out halted" : "firmware roll-out") + " (" +
                                       image_text(summary) + ")",
                          {{"halted", halted}, {"image", summary}});
 }

@@ -9,4 +9,4 @@
 #include "runner.h"
 #include "invocation.h"
 
-int run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts);
+outcome run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts);

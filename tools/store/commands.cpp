@@ -41,7 +41,7 @@ outcome back_up_host(const invocation& inv, const std::string& staging, const in
     host_snapshot taken;
     status st = mkdtemp(folder.data()) ? kelp::ok() : kelp::cannot("create a staging folder in", staging);
     taken.disk_failure = !st && is_disk_error(st.code);
-    if (st) st = take_snapshot(t, folder, inv.scripts, &taken);
+    if (st) st = take_snapshot(t, folder, inv.args.scripts, &taken);
     std::lock_guard<std::mutex> hold(staged->lock);
     if (!st) {
         remove_tree(folder);
@@ -58,7 +58,7 @@ std::string commit_message(const std::vector<host_result>& results, const std::v
     for (const host_result& r : results) {
         if (r.result.ok()) continue;
         std::string line = "  " + r.host + ": " + r.result.message;
-        (r.result.exit == 3 ? unreachable : failed).push_back(line);
+        (r.result.exit == exit_unreachable ? unreachable : failed).push_back(line);
     }
     std::string text = "fleet backup: " + std::to_string(changed.size()) + " changed, " + std::to_string(failed.size()) +
                        " failed, " + std::to_string(unreachable.size()) + " unreachable\n";
@@ -71,11 +71,6 @@ std::string commit_message(const std::vector<host_result>& results, const std::v
     if (!unreachable.empty()) text += "\nunreachable:\n";
     for (const std::string& l : unreachable) text += l + "\n";
     return text;
-}
-
-int local_error(const invocation& inv, const status& st) {
-    print_outcome(failure(st), inv.output.json, inv.output.quiet);
-    return exit_status(st);
 }
 
 // "2026-11-24 05:12:00", local time, as history prints a commit's time.
@@ -95,19 +90,18 @@ json in_repository(const std::string& host, json files) {
     return files;
 }
 
-std::string store_dir(const invocation& inv) { return inv.into.empty() ? "." : inv.into; }
+std::string store_dir(const invocation& inv) { return inv.args.into.empty() ? "." : inv.args.into; }
 
 // A run that ends before its commit: what was fetched, and that nothing
 // was kept.
-int stopped(const invocation& inv, const std::vector<host_result>& results, int exit, const std::string& why) {
+outcome stopped(const std::vector<host_result>& results, int exit, const std::string& why) {
     size_t fetched = 0;
     for (const host_result& r : results) fetched += r.result.ok();
     outcome o = local_failure(why + std::to_string(fetched) + " of " + std::to_string(results.size()) +
                               " hosts fetched, nothing committed");
     o.exit = exit;
     o.data = {{"hosts", results.size()}, {"fetched", fetched}};
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return exit;
+    return o;
 }
 
 }  // namespace
@@ -115,17 +109,17 @@ int stopped(const invocation& inv, const std::vector<host_result>& results, int 
 status check_backup_target(const invocation& inv) {
     std::unique_ptr<git_store> store;
     std::unique_ptr<writer_lock> lock;
-    status st = git_store::open(inv.into, true, inv.init, nullptr);
+    status st = git_store::open(inv.args.into, true, inv.args.init, nullptr);
     // An existing repository kept by another writer is refused now; the
     // lock itself is taken for the run.
-    if (st && git_store::open(inv.into, false, false, &store)) st = writer_lock::take(*store, writer, &lock);
+    if (st && git_store::open(inv.args.into, false, false, &store)) st = writer_lock::take(*store, writer, &lock);
     return st;
 }
 
-int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
+outcome run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     std::unique_ptr<git_store> store;
     std::unique_ptr<writer_lock> lock;
-    status st = git_store::open(inv.into, true, inv.init, &store);
+    status st = git_store::open(inv.args.into, true, inv.args.init, &store);
     std::vector<std::string> folders;
     for (const inventory_host* h : hosts) folders.push_back(h->name);
     if (st) st = writer_lock::take(*store, writer, &lock);
@@ -135,7 +129,7 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     std::string staging = store ? store->staging("") : "";
     if (st) remove_tree(staging);
     if (st && mkdir(staging.c_str(), 0700) != 0) st = kelp::cannot("create", staging);
-    if (!st) return local_error(inv, st);
+    if (!st) return failure(st);
 
     // Nothing reaches the work tree until every host is done: a signal or
     // a full disk on the way leaves the last commit as it was.
@@ -152,57 +146,57 @@ int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vec
     if (runner.stopped_by() || !staged.disk_failure.empty()) {
         remove_tree(staging);
         int sig = runner.stopped_by();
-        return sig ? stopped(inv, results, 128 + sig, "interrupted: ") : stopped(inv, results, 1, staged.disk_failure);
+        return sig ? stopped(results, exit_signal + sig, "interrupted: ")
+                   : stopped(results, exit_usage, staged.disk_failure);
     }
 
     std::vector<std::string> changed;
     std::string commit;
     auto message = [&](const std::vector<std::string>& c) { return commit_message(results, c); };
-    st = store->commit_staged(staged.folders, kept_from_last(inv.scripts), message, &changed, &commit);
+    st = store->commit_staged(staged.folders, kept_from_last(inv.args.scripts), message, &changed, &commit);
     remove_tree(staging);
     if (!st) {
-        st.message += "; nothing committed, " + inv.into + " is as its last commit left it";
-        return local_error(inv, st);
+        st.message += "; nothing committed, " + inv.args.into + " is as its last commit left it";
+        return failure(st);
     }
     std::vector<host_result> marked = results;
     for (host_result& r : marked)
         if (r.result.ok())
             r.result.message = std::find(changed.begin(), changed.end(), r.host) != changed.end() ? "changed" : "unchanged";
-    return runner.finish(marked, "fleet backup" + (commit.empty() ? std::string(", nothing to commit") : ", commit " + commit),
-                         {{"commit", commit.empty() ? json(nullptr) : json(commit)}, {"changed", changed}});
+    std::string what = "fleet backup" + (commit.empty() ? std::string(", nothing to commit") : ", commit " + commit);
+    json commit_id = commit.empty() ? json(nullptr) : json(commit);
+    return runner.summary(marked, what, {{"commit", commit_id}, {"changed", changed}});
 }
 
-int run_fleet_history(const invocation& inv) {
+outcome run_fleet_history(const invocation& inv) {
     std::unique_ptr<git_store> store;
     json entries;
     status st = git_store::open(store_dir(inv), false, false, &store);
-    if (st) st = store->require_folder(inv.name);
-    if (st) st = store->history(inv.name, &entries);
-    if (!st) return local_error(inv, st);
+    if (st) st = store->require_folder(inv.args.host);
+    if (st) st = store->history(inv.args.host, &entries);
+    if (!st) return failure(st);
     for (json& e : entries) {
         e["date"] = local_date(e["time"].get<long long>());
         e.erase("time");
-        e["files"] = in_repository(inv.name, e["files"]);
+        e["files"] = in_repository(inv.args.host, e["files"]);
     }
-    outcome o = success(inv.name + ": " + plural(entries.size(), "backup") + " with changes", entries);
+    outcome o = success(inv.args.host + ": " + plural(entries.size(), "backup") + " with changes", entries);
     for (const json& e : entries)
         o.text += e["commit"].get<std::string>() + "  " + e["date"].get<std::string>() + "  " +
                   plural(e["files"].size(), "file") + "  " + terminal_text(e["subject"].get<std::string>()) + "\n";
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return 0;
+    return o;
 }
 
-int run_fleet_diff(const invocation& inv) {
+outcome run_fleet_diff(const invocation& inv) {
     std::unique_ptr<git_store> store;
     std::string patch;
     json files;
     status st = git_store::open(store_dir(inv), false, false, &store);
-    if (st) st = store->diff(inv.name, inv.rev_from, inv.rev_to, &patch, &files);
-    if (!st) return local_error(inv, st);
-    outcome o = success(inv.name + ": " + plural(files.size(), "file") + " changed",
-                        {{"files", in_repository(inv.name, files)}, {"patch", patch}});
+    if (st) st = store->diff(inv.args.host, inv.args.rev_from, inv.args.rev_to, &patch, &files);
+    if (!st) return failure(st);
+    outcome o = success(inv.args.host + ": " + plural(files.size(), "file") + " changed",
+                        {{"files", in_repository(inv.args.host, files)}, {"patch", patch}});
     o.text = patch;
     o.content = true;
-    print_outcome(o, inv.output.json, inv.output.quiet);
-    return 0;
+    return o;
 }

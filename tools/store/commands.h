@@ -16,6 +16,6 @@
 // Before anyone is asked for a password: a folder that cannot take the
 // backups, or a repository another writer keeps, is refused.
 kelp::status check_backup_target(const invocation& inv);
-int run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts);
-int run_fleet_history(const invocation& inv);
-int run_fleet_diff(const invocation& inv);
+outcome run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts);
+outcome run_fleet_history(const invocation& inv);
+outcome run_fleet_diff(const invocation& inv);
