@@ -16,7 +16,7 @@ description:
 version_added: 1.0.0
 author: kelp developers (!UNKNOWN)
 extends_documentation_fragment:
-  - kelp.router.router
+  - kelp.router.connection
   - ansible.builtin.action_common_attributes
   - ansible.builtin.action_common_attributes.flow
 attributes:
