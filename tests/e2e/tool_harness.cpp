@@ -107,11 +107,21 @@ void collect_json(const std::string& out, std::vector<std::string>* lines, json*
     }
 }
 
+// Each run of blanks as one: a table's cells, whatever their columns' widths.
+std::string squeezed(const std::string& text) {
+    std::string out;
+    for (char c : text)
+        if (c != ' ' || out.empty() || out.back() != ' ') out += c;
+    return out;
+}
+
 void check_output(const step& s, const std::string& out, std::vector<std::string>* lines) {
     json last;
     collect_json(out, lines, &last);
     for (const std::string& w : s.want) {
-        if (w[0] == '!') {
+        if (w[0] == '~') {
+            EXPECT_NE(squeezed(out).find(squeezed(w.substr(1))), std::string::npos) << "missing " << w << "\n" << out;
+        } else if (w[0] == '!') {
             EXPECT_EQ(out.find(w.substr(1)), std::string::npos) << "unwanted " << w.substr(1);
         } else if (w[0] == '/') {
             size_t op = w.find_first_of("=>:");
@@ -142,7 +152,13 @@ void check_output(const step& s, const std::string& out, std::vector<std::string
 void run_steps(const std::vector<step>& steps, const std::vector<std::string>& router_args, int limit_ms) {
     std::string script =
         "cd \"$(mktemp -d /run/steps.XXXXXX)\"\n"
-        "until_in() { n=0; until grep -q \"$1\" \"$2\"; do n=$((n+1)); [ $n -lt 100 ] || return 1; sleep 0.1; done; }\n";
+        "until_in() { n=0; until grep -q \"$1\" \"$2\"; do n=$((n+1)); [ $n -lt 100 ] || return 1; sleep 0.1; done; }\n"
+        // A table on stdin: each row with the header's number of cells starts
+        // every cell where the header starts its name.
+        "aligned() { awk 'NR == 1 { n = NF; for (i = 1; i <= length($0); i++) "
+        "if (substr($0, i, 1) != \" \" && substr(\" \" $0, i, 1) == \" \") at[++k] = i; next } "
+        "NF == n { for (j = 1; j <= k; j++) if (substr($0, at[j], 1) == \" \" || substr(\" \" $0, at[j], 1) != \" \") "
+        "{ print \"out of line: \" $0; bad = 1; next } } END { if (!bad) print \"columns line up\" }'; }\n";
     for (size_t i = 0; i < steps.size(); i++)
         script += "echo '@@" + std::to_string(i) + "'; (" + steps[i].command + ") 2>&1; printf '\\n@@ %d\\n' $?\n";
     run_result r = in_router(script, router_args, "pw", {}, limit_ms);

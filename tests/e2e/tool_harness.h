@@ -22,6 +22,7 @@ run_result in_router(const std::string& script, const std::vector<std::string>& 
 
 // One step: a shell fragment, its exit status, and what its output holds:
 //   "text"        appears;           "!text"   does not appear;
+//   "~text"       appears, any run of blanks matching any other (table cells);
 //   "/ptr=JSON"   the last JSON object's value at the pointer is JSON;
 //   "/ptr>N"      ... is a number above N;
 //   "/ptr:k1,k2"  ... is an object with exactly these keys.

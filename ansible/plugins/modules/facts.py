@@ -16,25 +16,14 @@ description:
 version_added: 1.0.0
 author: kelp developers (!UNKNOWN)
 extends_documentation_fragment:
-  - kelp.router.router
+  - kelp.router.controller
+  - kelp.router.connection
   - ansible.builtin.action_common_attributes
   - ansible.builtin.action_common_attributes.flow
   - ansible.builtin.action_common_attributes.facts
 attributes:
-  action:
-    support: full
-  async:
-    support: none
-  bypass_host_loop:
-    support: none
-  check_mode:
-    support: full
-  diff_mode:
-    support: none
   facts:
     support: full
-  platform:
-    platforms: kelputild routers
 options:
   gather_subset:
     description:

@@ -13,22 +13,10 @@ description:
 version_added: 1.0.0
 author: kelp developers (!UNKNOWN)
 extends_documentation_fragment:
-  - kelp.router.router
+  - kelp.router.controller
+  - kelp.router.connection
   - ansible.builtin.action_common_attributes
   - ansible.builtin.action_common_attributes.flow
-attributes:
-  action:
-    support: full
-  async:
-    support: none
-  bypass_host_loop:
-    support: none
-  check_mode:
-    support: full
-  diff_mode:
-    support: none
-  platform:
-    platforms: kelputild routers
 options:
   src:
     description: The bundle on the controller (looked for under C(files/) too).

@@ -13,22 +13,13 @@ description:
 version_added: 1.0.0
 author: kelp developers (!UNKNOWN)
 extends_documentation_fragment:
-  - kelp.router.router
+  - kelp.router.controller
+  - kelp.router.connection
   - ansible.builtin.action_common_attributes
   - ansible.builtin.action_common_attributes.flow
 attributes:
-  action:
-    support: full
-  async:
-    support: none
-  bypass_host_loop:
-    support: none
-  check_mode:
-    support: full
   diff_mode:
     support: full
-  platform:
-    platforms: kelputild routers
 options:
   name:
     description: The script, as kelputil names it.

@@ -29,9 +29,9 @@ TEST_F(fleet, one_command_on_every_host) {
           "/data/hosts=50"}},
         // People get a table; the silent host costs its time-out, not everyone's.
         {"kelputil fleet --timeout 5 --limit 'routers[0:4]:!router2' -j 4 ppp", 20,
-         {"router1: NAME   TYPE   INTERFACE  REMOTE     CBQ_RULE\n", "router4: bob    pptp   ppp1       10.64.0.2  none\n",
-          "HOST     RESULT    TIME  MESSAGE\n", "router1  ok  ", "  2 PPP sessions\n", "router3  FAILED  ",
-          "router5  FAILED    5.", "!router2 ", "fleet ppp: 4 hosts, 2 ok, 2 failed"}},
+         {"~router1: NAME TYPE INTERFACE REMOTE CBQ_RULE\n", "~router4: bob pptp ppp1 10.64.0.2 none\n",
+          "~HOST RESULT TIME MESSAGE\n", "~router1 ok ", " 2 PPP sessions\n", "~router3 FAILED ", "~router5 FAILED 5.",
+          "!router2 ", "fleet ppp: 4 hosts, 2 ok, 2 failed"}},
         {"kelputil --json fleet --limit 'router1:router2' report core", 0,
          {"\"lines\":[\"model: simulated kelp-v3 router\"", "/data/succeeded=[\"router1\",\"router2\"]"}},
         {"kelputil fleet --limit router1 report core; kelputil fleet --limit router1 report core > /dev/full", 1,
@@ -47,7 +47,7 @@ TEST_F(fleet, one_command_on_every_host) {
         // findings start on a line of their own, the status line cleared.
         {"unset KELPUTIL_PASSWORD; (sleep 2; echo pw) | script -qfec 'kelputil fleet --limit router1 report core' "
          "/dev/null > tty; echo first: $(tr '\\r' '\\n' < tty | grep -m1 -e 'password:' -e 'fleet:'); cat tty",
-         0, {"first: admin password:", "router1  ok        0.", "\rrouter1: model: simulated kelp-v3 router"}},
+         0, {"first: admin password:", "~router1 ok 0.", "\rrouter1: model: simulated kelp-v3 router"}},
         // A host named on several lines and ranges is one host: one session.
         {"printf '[a]\\nrouter[1:2]\\nrouter1 ansible_host=198.18.0.2\\n[b]\\nrouter1\\n"
          "router2 ansible_host=198.18.0.3\\n' > dup.ini && log=/run/fleet/router1/messages && "
@@ -55,8 +55,10 @@ TEST_F(fleet, one_command_on_every_host) {
          "[ $(grep -c 'our ppp list' $log) -gt $b ] && break; sleep 0.1; done; sleep 0.3; "
          "echo sessions $(( $(grep -c 'our ppp list' $log) - b )); exit $r", 0, {"sessions 1\n"}},
         // What a run would touch, with no password and nothing contacted.
-        {"env -u KELPUTIL_PASSWORD kelputil fleet --limit 'routers[0:1]' --plain --list-hosts", 0,
-         {"HOST     ADDRESS     PORT   MODE\nrouter1  198.18.0.2  856    plain\nrouter2  198.18.0.3  856    plain\n2 hosts\n"}},
+        {"env -u KELPUTIL_PASSWORD kelputil fleet --limit 'routers[0:1]' --plain --list-hosts > t && cat t && "
+         "aligned < t", 0,
+         {"~HOST ADDRESS PORT MODE\nrouter1 198.18.0.2 856 plain\nrouter2 198.18.0.3 856 plain\n2 hosts\n",
+          "columns line up"}},
         {"kelputil --json fleet --limit router1 --list-hosts reboot; grep -c rebooting /run/fleet/router1/messages", 1,
          {"/data=[{\"address\":\"198.18.0.2\",\"host\":\"router1\",\"mode\":\"TLS\",\"port\":857}]", "\n0\n"}},
         {"kelputil fleet --limit '' check", 1, {"--limit '': an empty pattern selects nothing; leave --limit out"}},
@@ -91,7 +93,7 @@ TEST_F(fleet, backups_in_git) {
          "until [ $(grep -c '\"host\"' out) -ge 4 ]; do n=$((n+1)); [ $n -lt 300 ] || break; sleep 0.05; done; "
          "kill -INT $pid; wait $pid; r=$?; tail -1 out; clean bk; git -C bk rev-list --count HEAD; exit $r",
          130, {"\"message\":\"interrupted: ", " of 50 hosts fetched, nothing committed\"", "/exit=130", "clean[]\n1\n"}},
-        {"kelputil fleet --timeout 5 backup --into bk", 20, {"router2   ok  ", "  changed\n", "fleet backup, commit "}},
+        {"kelputil fleet --timeout 5 backup --into bk", 20, {"~router2 ok ", " changed\n", "fleet backup, commit "}},
         // A full disk: nothing committed and nothing left; with room, the next run commits.
         {clean + "mkdir small && mount -t tmpfs -o size=400k tmpfs small && "
          "kelputil -q fleet --limit router1 backup --into small/bk && kelputil fleet --timeout 5 backup --into small/bk; "
@@ -114,12 +116,12 @@ TEST_F(fleet, backups_in_git) {
         {"cd bk && find router1 -type f | sort | xargs md5sum > ../before && cd .. && "
          "printf 'router1 ansible_host=198.18.0.2 password_env=WRONG\\n' > one.ini && "
          "WRONG=nope kelputil fleet -i one.ini backup --into bk; r=$?; cd bk && md5sum -c --quiet ../before && "
-         "echo same; exit $r", 20, {"router1  FAILED", "nothing to commit", "same"}},
+         "echo same; exit $r", 20, {"~router1 FAILED", "nothing to commit", "same"}},
         // A host's own local failure (an address it cannot have) is not
         // a full disk: the others are still committed.
         {"printf 'router1 ansible_host=::1\\nrouter2 ansible_host=198.18.0.3\\n' > six.ini && "
          "kelputil fleet -i six.ini backup --into bk",
-         20, {"router1  FAILED", "is an IPv6 address", "2 hosts, 1 ok, 1 failed"}},
+         20, {"~router1 FAILED", "is an IPv6 address", "2 hosts, 1 ok, 1 failed"}},
         {"kelputil fleet --limit router1 backup --into bk --scripts && ls bk/router1/scripts && "
          "git -C bk show --name-only --format= HEAD | grep -vc '^router1/'",
          1, {"commit ", "cbq.scr\ndhcpd.conf\nfw.scr\nnat.scr\n0\n"}},
@@ -137,7 +139,7 @@ TEST_F(fleet, one_writer_odd_hosts_and_older_repositories) {
          "kelputil fleet backup --into bk; echo \"second $?\"; wait $p; echo \"first $?\"; cat first; clean bk; "
          "git -C bk ls-tree --name-only HEAD",
          0, {"kelputil fleet backup (pid ", ") writes the backups in bk now: wait until it ends, or give another "
-             "--into\nsecond 1\nfirst 20\n", "router1  ok  ", "router2  FAILED    ", "the configuration archive's "
+             "--into\nsecond 1\nfirst 20\n", "~router1 ok ", "~router2 FAILED ", "the configuration archive's "
              "member config/odd/inner cannot be kept as a file: Not a directory", "4 hosts, 2 ok, 2 failed",
              "clean[]\nrouter1\nrouter3\n"}},
         {"printf '[routers]\\nr1 ansible_host=198.18.0.2\\nr* ansible_host=198.18.0.3\\n' > star.ini; "
@@ -183,7 +185,7 @@ TEST_F(fleet, staged_firmware_rollout) {
          {"router1/events:1", "router12/events:1", "router13/events:0"}},
         {"kelputil --json fleet --limit router2 report core | head -1", 0, {"model: simulated kelp-v3 router"}},
         {"kelputil fleet --limit router11 firmware fw.bin --upgrade --settle 3", 20,
-         {"router11  FAILED", "did not take a login again within 3 s of its upgrade",
+         {"~router11 FAILED", "did not take a login again within 3 s of its upgrade",
           "firmware roll-out halted (fw.bin: 100000 bytes, SHA-256 " + image_sha256 + "): 1 host"}},
     }, fleet_of_50, limit_ms);
 }

@@ -6,13 +6,10 @@ __metaclass__ = type
 class ModuleDocFragment(object):
     DOCUMENTATION = r'''
 notes:
-  - Runs on the controller (an action plugin), through C(kelputil --json); the play needs no C(connection) setting
-    and the router no Python. Each option below falls back to the host's variable C(kelp_NAME)
-    (C(kelp_pin), C(kelp_timeout), ...) when the task does not give it.
+  - Each of I(host), I(port), I(password), I(plain), I(pin), I(known_hosts), I(timeout) and I(kelputil) falls back
+    to the host's variable C(kelp_NAME) (C(kelp_pin), C(kelp_timeout), ...) when the task does not give it.
   - The password reaches kelputil through a pipe (C(--password-file /dev/fd/N)), never its command line or
     environment.
-  - A router that cannot be reached is reported as failed, not unreachable, so that C(serial) with
-    C(max_fail_percentage) stops a roll-out at that batch.
 requirements:
   - kelputil 1.0.0 or later on the controller (the kelputil package).
 options:
