@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-// Generated at build time from tools/kelputil/web/ (web_assets.cmake).
+// Generated at build time from this folder (web_embed.cmake).
 extern const web_asset web_asset_table[];
 extern const size_t web_asset_count;
 
