@@ -7,8 +7,11 @@
 #include <algorithm>
 #include <atomic>
 
+#include "clock.h"
 #include "json_bytes.h"
+#include "lines.h"
 #include "natural_order.h"
+#include "table.h"
 
 const exit_meaning exit_meanings[8] = {
     {exit_ok, "success"},
@@ -96,12 +99,7 @@ std::string json_line(const json& j) { return printable(j).dump(-1, ' ', false, 
 
 json json_lines(const std::string& text) {
     json lines = json::array();
-    for (size_t start = 0; start < text.size();) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
+    for (std::string_view line : kelp::lines_of(text)) lines.push_back(std::string(line));
     return lines;
 }
 
@@ -114,27 +112,20 @@ std::string terminal_text(const std::string& bytes) {
 
 namespace {
 
-std::string seconds_text(double s) {
-    char text[32];
-    snprintf(text, sizeof text, "%.1fs", s);
-    return text;
-}
-
 // Hosts in natural order: HOST, RESULT, TIME, MESSAGE.
 void print_host_table(std::vector<host_row> rows, bool quiet) {
     bool any_failed = std::any_of(rows.begin(), rows.end(), [](const host_row& r) { return r.touched && !r.ok; });
     if (quiet && !any_failed) return;
-    size_t width = 4;
-    for (const host_row& r : rows) width = std::max(width, r.host.size());
     std::stable_sort(rows.begin(), rows.end(),
                      [](const host_row& a, const host_row& b) { return natural_less(a.host, b.host); });
-    printf("%-*s  %-6s  %6s  %s\n", (int)width, "HOST", "RESULT", "TIME", "MESSAGE");
+    std::vector<std::vector<std::string>> cells;
     for (const host_row& r : rows) {
         if (quiet && r.ok) continue;
         const char* verdict = !r.touched ? "-" : r.ok ? "ok" : "FAILED";
-        printf("%-*s  %-6s  %6s  %s\n", (int)width, terminal_text(r.host).c_str(), verdict,
-               r.touched ? seconds_text(r.seconds).c_str() : "", terminal_text(r.message).c_str());
+        cells.push_back({r.host, verdict, r.touched ? kelp::seconds_text(r.seconds) : "", r.message});
     }
+    std::string text = table_text({{"HOST"}, {"RESULT"}, {"TIME", 6, true}, {"MESSAGE"}}, cells);
+    fwrite(text.data(), 1, text.size(), stdout);
 }
 
 }  // namespace

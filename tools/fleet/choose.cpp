@@ -1,8 +1,7 @@
 #include "choose.h"
 
-#include <algorithm>
-
 #include "reporter.h"
+#include "table.h"
 
 kelp::status choose_hosts(const fleet_options& f, const output_options& out, inventory* file,
                           std::vector<const inventory_host*>* hosts) {
@@ -19,21 +18,15 @@ outcome host_list(const connection_options& c, const std::vector<const inventory
     reporter notes;  // never used: nothing connects
     outcome o;
     o.data = json::array();
+    std::vector<std::vector<std::string>> rows;
     for (const inventory_host* h : hosts) {
         kelp::target t = make_target(c, settings_of(*h), nullptr, notes, false, true);
-        o.data.push_back({{"host", h->name}, {"address", t.host}, {"port", t.port}, {"mode", t.tls ? "TLS" : "plain"}});
+        const char* mode = t.tls ? "TLS" : "plain";
+        o.data.push_back({{"host", h->name}, {"address", t.host}, {"port", t.port}, {"mode", mode}});
+        rows.push_back({h->name, t.host, std::to_string(t.port), mode});
     }
     o.message = plural(hosts.size(), "host");
     o.answer = true;  // the count stays under -q
-    size_t name_width = 4, address_width = 7;
-    for (const json& row : o.data) {
-        name_width = std::max(name_width, row["host"].get<std::string>().size());
-        address_width = std::max(address_width, row["address"].get<std::string>().size());
-    }
-    auto pad = [](const std::string& cell, size_t width) { return cell + std::string(width - cell.size() + 2, ' '); };
-    o.text = pad("HOST", name_width) + pad("ADDRESS", address_width) + pad("PORT", 5) + "MODE\n";
-    for (const json& row : o.data)
-        o.text += pad(terminal_text(row["host"]), name_width) + pad(terminal_text(row["address"]), address_width) +
-                  pad(std::to_string(row["port"].get<int>()), 5) + row["mode"].get<std::string>() + "\n";
+    o.text = table_text({{"HOST"}, {"ADDRESS"}, {"PORT", 5}, {"MODE"}}, rows);
     return o;
 }

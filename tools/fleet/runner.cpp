@@ -9,6 +9,8 @@
 #include <mutex>
 #include <thread>
 
+#include "clock.h"
+#include "lines.h"
 #include "net.h"
 #include "reporter.h"
 
@@ -46,12 +48,6 @@ void on_stop_signal(int sig) {
     for (int s : stop_signals) signal(s, SIG_DFL);
 }
 
-std::string seconds_text(double s) {
-    char text[32];
-    snprintf(text, sizeof text, "%.1fs", s);
-    return text;
-}
-
 }  // namespace
 
 
@@ -81,12 +77,8 @@ struct fleet_runner::state {
     void print_findings(const std::string& host, const std::string& text) {
         clear_line();
         std::string name = terminal_text(host);
-        for (size_t start = 0; start < text.size();) {
-            size_t end = text.find('\n', start);
-            if (end == std::string::npos) end = text.size();
-            printf("%s: %s\n", name.c_str(), terminal_text(text.substr(start, end - start)).c_str());
-            start = end + 1;
-        }
+        for (std::string_view line : kelp::lines_of(text))
+            printf("%s: %s\n", name.c_str(), terminal_text(std::string(line)).c_str());
         flush_stdout();
     }
 
@@ -163,7 +155,7 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
     {
         std::lock_guard<std::mutex> hold(s_->lock);
         s_->total += hosts.size();
-        if (s_->started == 0) s_->started = kelp::monotonic_ms() / 1000.0;
+        if (s_->started == 0) s_->started = kelp::monotonic_seconds();
     }
     auto worker = [&] {
         for (size_t i; !s_->stopping() && (i = next++) < hosts.size();) {
@@ -173,14 +165,14 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
                 s_->running++;
                 s_->draw();
             }
-            long long start = kelp::monotonic_ms();
+            double start = kelp::monotonic_seconds();
             outcome o;
             try {
                 o = job(h, target_for(h, s_->notes), s_->notes);
             } catch (const std::exception& e) {
                 o = local_failure(std::string("internal error: ") + e.what());
             }
-            host_result r{h.name, std::move(o), (kelp::monotonic_ms() - start) / 1000.0};
+            host_result r{h.name, std::move(o), kelp::monotonic_seconds() - start};
             std::lock_guard<std::mutex> hold(s_->lock);
             s_->running--;
             s_->done++;
@@ -223,12 +215,12 @@ outcome fleet_runner::summary(const std::vector<host_result>& results, const std
         (!r.touched ? untouched : r.result.ok() ? ok_hosts : failed_hosts).push_back(r.host);
         o.hosts->push_back({r.host, r.result.ok(), r.touched, r.seconds, r.result.message});
     }
-    double elapsed = kelp::monotonic_ms() / 1000.0 - s_->started;
+    double elapsed = kelp::monotonic_seconds() - s_->started;
     o.exit = failed_hosts.empty() && untouched.empty() ? exit_ok : exit_some_hosts_failed;
     o.message = what + ": " + plural(results.size(), "host") + ", " + std::to_string(ok_hosts.size()) + " ok, " +
                 std::to_string(failed_hosts.size()) + " failed" +
                 (untouched.empty() ? "" : ", " + std::to_string(untouched.size()) + " not touched") + ", in " +
-                seconds_text(elapsed);
+                kelp::seconds_text(elapsed);
     o.data = {{"hosts", results.size()}, {"succeeded", ok_hosts}, {"failed", failed_hosts},
               {"seconds", json_seconds(elapsed)}};
     if (!untouched.empty()) o.data["not_touched"] = untouched;

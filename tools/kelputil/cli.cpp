@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "commands.h"
+#include "connection_cli.h"
 #include "durations.h"
 #include "outcome.h"
 #include "words.h"
@@ -25,19 +26,7 @@ CLI::Validator duration(long long min_ms, long long max_ms) {
 }
 
 CLI::Validator whole_number(long long min, long long max, const char* what) {
-    return CLI::Validator(
-        [=](std::string& text) -> std::string {
-            char* end = nullptr;
-            errno = 0;
-            long long n = text.empty() || !isdigit((unsigned char)text[0]) ? -1 : strtoll(text.c_str(), &end, 10);
-            if (n < 0 || errno || *end)
-                return "'" + text + "' is not a " + what + " (a whole number " + std::to_string(min) + " to " +
-                       std::to_string(max) + ")";
-            if (n < min || n > max)
-                return "'" + text + "' is out of range: " + std::to_string(min) + " to " + std::to_string(max);
-            return "";
-        },
-        "");
+    return CLI::Validator([=](std::string& text) { return whole_number_problem(text, min, max, what); }, "");
 }
 
 // 4096 -> "4K", as sizes are written.
@@ -63,8 +52,9 @@ struct command_line {
     CLI::App app{"kelputil: manage kelputild routers, one or a fleet", "kelputil"};
     invocation& inv;
     // Values kept as text until the validators have passed.
-    std::string port, timeout = "15", jobs = "16";
-    bool tls = false, apply = false, reboot = false;
+    connection_words conn;
+    std::string jobs = std::to_string(fleet_options().jobs);
+    bool apply = false, reboot = false;
     std::vector<std::string> help_words;  // listed for --help; help_for reads argv
     CLI::Option* limit = nullptr;
 
@@ -155,8 +145,9 @@ void add_fleet(command_line& c, const command_row& row, bool whole) {
                   ->type_name("PATTERN")
                   ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     fleet->add_flag("--list-hosts", inv.fleet.list_hosts, "list the hosts the command would run on, and run nothing");
-    fleet->add_option("-j,--jobs", c.jobs, "hosts at a time (default 16, at most 256)")
-        ->check(whole_number(1, 256, "job count"))
+    std::string most = std::to_string(fleet_options::max_jobs);
+    fleet->add_option("-j,--jobs", c.jobs, "hosts at a time (default " + c.jobs + ", at most " + most + ")")
+        ->check(whole_number(1, fleet_options::max_jobs, "job count"))
         ->type_name("N");
     fleet->require_subcommand(0, 1);
     for (const command_row& r : command_table())
@@ -166,22 +157,7 @@ void add_fleet(command_line& c, const command_row& row, bool whole) {
 void add_global_options(command_line& c) {
     CLI::App& app = c.app;
     invocation& inv = c.inv;
-    app.add_option("-H,--host", inv.conn.host, "device address (default 127.0.0.1)")->type_name("HOST");
-    app.add_option("-p,--port", c.port, "port (default 857, or 856 with --plain)")
-        ->check(whole_number(1, 65535, "port"))
-        ->type_name("PORT");
-    app.add_flag("--plain", inv.conn.plain, "the plain protocol on port 856: a captured login reveals the password");
-    app.add_flag("--tls", c.tls, "TLS on port 857 (the default)");
-    app.add_option("--pin", inv.conn.pin, "accept only the certificate with this SHA-256 fingerprint")
-        ->type_name("SHA256");
-    app.add_option("--known-hosts", inv.conn.known_hosts,
-                   "remembered certificates (default $XDG_CONFIG_HOME/kelputil/known_hosts)")
-        ->type_name("FILE");
-    app.add_option("--password-file", inv.conn.password_file, "read the admin password from FILE (first line)")
-        ->type_name("FILE");
-    app.add_option("--timeout", c.timeout, "give up on a silent device after this long (default 15 s)")
-        ->check(duration(timeout_min_ms, timeout_max_ms))
-        ->type_name("DURATION");
+    add_connection_options(app, inv.conn, c.conn, true);
     app.add_flag("--apply", c.apply, "after success, have the device apply its settings");
     app.add_flag("--reboot", c.reboot, "after success, have the device reboot");
     app.add_flag("--json", inv.output.json, "one JSON object per result (JSON lines while running)");
@@ -359,18 +335,16 @@ std::optional<outcome> help_for(command_line& c, int argc, char** argv, int at) 
     return shown(c, CLI::CallForHelp());
 }
 
-// Text options become numbers once checked.
-void settle_values(command_line& c) {
+// Text options become numbers once checked: "" or what is wrong.
+std::string settle_values(command_line& c) {
     invocation& inv = c.inv;
-    if (!c.port.empty()) inv.conn.port = atoi(c.port.c_str());
-    inv.conn.timeout_ms = (int)parse_duration_ms(c.timeout);
     inv.fleet.jobs = atoi(c.jobs.c_str());
     inv.flags = (uint8_t)((c.apply ? 0x01 : 0) | (c.reboot ? 0x02 : 0));
+    return settle_connection(c.conn, &inv.conn);
 }
 
 std::string check_combinations(const command_line& c) {
     const invocation& inv = c.inv;
-    if (inv.conn.plain && c.tls) return "--plain and --tls exclude each other";
     if (inv.conn.plain && !inv.conn.pin.empty()) return "--pin checks a TLS certificate: it cannot go with --plain";
     if (inv.is_fleet() && c.app.get_option("--host")->count() > 0)
         return "a fleet's hosts come from the inventory: leave out -H, or use --limit";
@@ -419,8 +393,8 @@ std::optional<outcome> parse_command_line(int argc, char** argv, invocation* out
     if (path.empty()) return usage_failure("no command given", "kelputil [OPTIONS] COMMAND [ARGS]");
     out->command = path;
     out->row = find_command(path);
-    settle_values(c);
-    std::string wrong = check_combinations(c);
+    std::string wrong = settle_values(c);
+    if (wrong.empty()) wrong = check_combinations(c);
     if (!wrong.empty()) return usage_failure(wrong, "kelputil " + path + " ...");
     return std::nullopt;
 }

@@ -2,6 +2,7 @@
 
 #include "device_commands.h"
 #include "fleet_commands.h"
+#include "scripts.h"
 
 argument argument::needed() const {
     argument a = *this;
@@ -82,8 +83,25 @@ argument size(const char* name, const char* help, int args::*field, long long mi
     return a;
 }
 
-const std::vector<std::string> script_names = {"cbq", "fw", "nat", "dhcp"};
+// The words of the wire's script table, and "cbq, fw, nat or dhcp" for the help.
+std::vector<std::string> script_words() {
+    std::vector<std::string> words;
+    for (const script_entry& s : script_table) words.push_back(s.word);
+    return words;
+}
+
+std::string listed(const std::vector<std::string>& words) {
+    std::string text;
+    for (size_t i = 0; i < words.size(); i++)
+        text += (i == 0 ? "" : i + 1 == words.size() ? " or " : ", ") + words[i];
+    return text;
+}
+
+const std::vector<std::string> script_names = script_words();
+const std::string script_names_text = listed(script_names);
 constexpr long long hour_ms = 3600 * 1000;
+// --window: the sizes our socket buffers may be fixed at.
+constexpr long long window_min = 4 << 10, window_max = 64 << 20;
 
 const std::vector<command_row> table = {
     {.name = "check", .summary = "log in and do nothing (with --apply or --reboot: that alone)", .where = anywhere,
@@ -96,11 +114,11 @@ const std::vector<command_row> table = {
     {.name = "restore", .summary = "upload a configuration bundle and install it", .where = anywhere,
      .arguments = {file("FILE", "the bundle (checked here before it is sent)").needed()}, .on_device = run_restore},
     {.name = "get-script", .summary = "fetch a script (to stdout without FILE)", .where = anywhere,
-     .arguments = {choice("NAME", "cbq, fw, nat or dhcp", &args::script, script_names),
+     .arguments = {choice("NAME", script_names_text.c_str(), &args::script, script_names),
                    file("FILE", "where to save it").in_fleet_says("where to save it; must contain {host}")},
      .on_device = run_get_script},
     {.name = "put-script", .summary = "replace a script on the device", .where = anywhere,
-     .arguments = {choice("NAME", "cbq, fw, nat or dhcp", &args::script, script_names),
+     .arguments = {choice("NAME", script_names_text.c_str(), &args::script, script_names),
                    file("FILE", "the new script").needed()},
      .on_device = run_put_script},
     {.name = "report", .summary = "fetch a report", .where = anywhere,
@@ -133,8 +151,8 @@ const std::vector<command_row> table = {
     {.name = "throughput", .summary = "measure the link (rx: the device sends; tx: it receives)", .where = anywhere,
      .arguments = {choice("DIRECTION", "rx or tx", &args::direction, {"rx", "tx"}),
                    duration("SECONDS", "how long (default 10 s; at most 1 h)", &args::seconds_ms, 100, hour_ms),
-                   size("--window", "fix our socket buffers at SIZE once logged in (e.g. 64K)", &args::window, 4096,
-                        64 << 20)
+                   size("--window", "fix our socket buffers at SIZE once logged in (e.g. 64K)", &args::window,
+                        window_min, window_max)
                        .shown_as("SIZE")},
      .on_device = run_throughput},
     {.name = "bundle-pack", .summary = "pack a plain configuration into a bundle (offline)", .where = at_top,

@@ -10,6 +10,7 @@
 
 #include "bundle.h"
 #include "files.h"
+#include "table.h"
 
 using kelp::bytes;
 using kelp::status;
@@ -28,33 +29,18 @@ std::string for_host(std::string pattern, const std::string& host) {
     return pattern;
 }
 
+// The sizes of bundle the device takes, "FROM to TO", each less `less`
+// bytes (its header: what the configuration inside may be).
+std::string bytes_range(size_t less) {
+    return std::to_string(bundle_min_upload - less) + " to " + std::to_string(upload_max - less);
+}
+
 std::string text_of(const bytes& b) { return std::string(b.begin(), b.end()); }
 
 std::string after_success(uint8_t flags) {
     if (flags & flag_reboot) return "; the device reboots now";
     if (flags & flag_apply) return "; the device applies its settings";
     return "";
-}
-
-// Columns as wide as their widest cell, two blanks apart.
-std::string table(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
-    std::vector<size_t> width(header.size());
-    for (size_t c = 0; c < header.size(); c++) {
-        width[c] = header[c].size();
-        for (const auto& row : rows) width[c] = std::max(width[c], row[c].size());
-    }
-    std::string out;
-    auto add = [&](const std::vector<std::string>& cells) {
-        std::string line;
-        for (size_t c = 0; c < cells.size(); c++) {
-            line += terminal_text(cells[c]);
-            if (c + 1 < cells.size()) line += std::string(width[c] - cells[c].size() + 2, ' ');
-        }
-        out += line + "\n";
-    };
-    add(header);
-    for (const auto& row : rows) add(row);
-    return out;
 }
 
 // apply and reboot: what they ask for is the flag itself.
@@ -140,7 +126,9 @@ outcome run_put_script(const invocation& inv, const kelp::target& t, const std::
     std::string file = for_host(inv.args.file, host);
     bytes body;
     status st = read_input(file, &body, upload_max);
-    if (st && body.empty()) return local_failure(file + " is empty: the device takes scripts of 1 to 524288 bytes");
+    if (st && body.empty())
+        return local_failure(file + " is empty: the device takes scripts of 1 to " + std::to_string(upload_max) +
+                             " bytes");
     if (!st) return failure(st);
     st = kelp::put_script(t, kelp::script_by_name(inv.args.script), inv.flags, body,
                           [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
@@ -176,7 +164,7 @@ outcome run_ppp(const invocation& inv, const kelp::target& t, const std::string&
         rows.push_back({p.name, p.type, p.ppp, p.remote, p.cbq_rule == -1 ? "none" : std::to_string(p.cbq_rule)});
     }
     outcome o = success(plural(list.size(), "PPP session") + after_success(inv.flags), data);
-    o.text = table({"NAME", "TYPE", "INTERFACE", "REMOTE", "CBQ_RULE"}, rows);
+    o.text = table_text({{"NAME"}, {"TYPE"}, {"INTERFACE"}, {"REMOTE"}, {"CBQ_RULE"}}, rows);
     return o;
 }
 
@@ -196,7 +184,7 @@ outcome run_hotspot(const invocation& inv, const kelp::target& t, const std::str
                         std::to_string(h.value1), std::to_string(h.value2)});
     }
     outcome o = success(plural(list.size(), "hotspot session") + after_success(inv.flags), data);
-    o.text = table({"USER", "IP", "MAC", "BYTES_IN", "BYTES_OUT", "SESSION_S", "IDLE_S"}, rows);
+    o.text = table_text({{"USER"}, {"IP"}, {"MAC"}, {"BYTES_IN"}, {"BYTES_OUT"}, {"SESSION_S"}, {"IDLE_S"}}, rows);
     return o;
 }
 
@@ -230,7 +218,7 @@ outcome run_throughput(const invocation& inv, const kelp::target& t, const std::
     auto tick = [&](double now, uint64_t moved) {
         if (now - last_t < 0.05 && !intervals.empty()) return;  // a sliver at the end adds nothing
         r.interval(last_t, now, moved - last_bytes);
-        double mbit = now > last_t ? (moved - last_bytes) * 8 / (now - last_t) / 1e6 : 0;
+        double mbit = kelp::mbit_per_s(moved - last_bytes, now - last_t);
         intervals.push_back({{"start", json_seconds(last_t)}, {"end", json_seconds(now)}, {"bytes", moved - last_bytes}, {"mbit_per_s", mbit}});
         last_t = now;
         last_bytes = moved;
@@ -321,8 +309,8 @@ outcome run_bundle_pack(const invocation& inv) {
     if (bundle.size() < bundle_min_upload || bundle.size() > upload_max)
         return local_failure(a.file + " is " + std::to_string(plain.size()) + " bytes: its bundle would be " +
                              std::to_string(bundle.size()) +
-                             " bytes, and the device takes bundles of 1024 to 524288 bytes (976 to 524240 bytes "
-                             "of configuration)");
+                             " bytes, and the device takes bundles of " + bytes_range(0) + " bytes (" +
+                             bytes_range(bundle_header_len) + " bytes of configuration)");
     return saved(a.out, bundle, 0600, "bundle");
 }
 

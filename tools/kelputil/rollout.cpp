@@ -1,12 +1,12 @@
 #include "rollout.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 
+#include "clock.h"
 #include "device_commands.h"
 #include "files.h"
 #include "net.h"
+#include "retry.h"
 
 using kelp::bytes;
 using kelp::status;
@@ -69,13 +69,11 @@ status wait_until_back(const kelp::target& t, int settle_ms, double* seconds) {
         }
         // Answered, but not as before: that is no reboot to wait out.
         if (last.kind == kelp::error_kind::refused_password || last.kind == kelp::error_kind::certificate) return last;
-        if (kelp::monotonic_ms() + settle_pause_ms >= deadline) break;
-        usleep(settle_pause_ms * 1000);
+        if (!kelp::pause_within(settle_pause_ms, deadline)) break;
     }
-    char text[64];
-    snprintf(text, sizeof text, "%.0f s", settle_ms / 1000.0);
-    return kelp::fail(kelp::error_kind::timed_out,
-                      std::string("did not take a login again within ") + text + " of its upgrade (last: " + last.message + ")");
+    return kelp::fail(kelp::error_kind::timed_out, "did not take a login again within " +
+                                                       kelp::seconds_text(settle_ms / 1000.0) +
+                                                       " of its upgrade (last: " + last.message + ")");
 }
 
 outcome upgrade_host(const invocation& inv, const bytes& image, const kelp::target& t) {
@@ -91,9 +89,8 @@ outcome upgrade_host(const invocation& inv, const bytes& image, const kelp::targ
     std::string text(report.begin(), report.end()), first = text.substr(0, text.find('\n'));
     data["back_after_s"] = back_after;
     data["report"] = json_lines(text);
-    char message[64];
-    snprintf(message, sizeof message, "upgraded, back after %.1f s", back_after);
-    return success(std::string(message) + (first.empty() ? "" : ": " + first), data);
+    return success("upgraded, back after " + kelp::seconds_text(back_after) + (first.empty() ? "" : ": " + first),
+                   data);
 }
 
 }  // namespace

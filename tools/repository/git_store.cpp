@@ -219,7 +219,7 @@ status tree_from_folder(git_repository* repo, const std::string& dir, new_object
     builder_ptr builder;
     if (git_treebuilder_new(builder.out(), repo, nullptr) != 0) return git_failure("building a tree");
     std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir.c_str()), closedir);
-    if (!d) return fail(error_kind::local, "cannot read " + dir + ": " + strerror(errno));
+    if (!d) return kelp::cannot("read", dir);
     while (dirent* e = readdir(d.get())) {
         std::string name = e->d_name, path = dir + "/" + name;
         struct stat st;

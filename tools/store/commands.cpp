@@ -5,13 +5,13 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <mutex>
 
 #include "archive_members.h"
+#include "clock.h"
 #include "files.h"
 #include "git_store.h"
 #include "host_snapshot.h"
@@ -70,16 +70,6 @@ std::string commit_message(const std::vector<host_result>& results, const std::v
     for (const std::string& l : failed) text += l + "\n";
     if (!unreachable.empty()) text += "\nunreachable:\n";
     for (const std::string& l : unreachable) text += l + "\n";
-    return text;
-}
-
-// "2026-11-24 05:12:00", local time, as history prints a commit's time.
-std::string local_date(long long t) {
-    time_t seconds = (time_t)t;
-    struct tm local;
-    localtime_r(&seconds, &local);
-    char text[32];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
     return text;
 }
 
@@ -176,7 +166,7 @@ outcome run_fleet_history(const invocation& inv) {
     if (st) st = store->history(inv.args.host, &entries);
     if (!st) return failure(st);
     for (json& e : entries) {
-        e["date"] = local_date(e["time"].get<long long>());
+        e["date"] = kelp::local_time(e["time"].get<long long>());
         e.erase("time");
         e["files"] = in_repository(inv.args.host, e["files"]);
     }
