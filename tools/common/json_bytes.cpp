@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-using nlohmann::json;
-
 // Strict UTF-8, as JSON readers take it: no overlong forms, no surrogates,
 // nothing above U+10FFFF.
 bool valid_utf8(const std::string& s) {

@@ -7,6 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+using json = nlohmann::json;
+
 bool valid_utf8(const std::string& bytes);
 std::string latin1_text(const std::string& bytes);
 std::string base64(const std::string& bytes);

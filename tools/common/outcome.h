@@ -9,9 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "json_bytes.h"
 #include "status.h"
-
-using json = nlohmann::json;
 
 // How a command talks to the operator.
 struct output_options {

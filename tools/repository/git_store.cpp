@@ -341,7 +341,7 @@ status move_head(git_repository* repo, const git_oid& id, const git_oid* before)
 
 git_store::~git_store() { git_repository_free(repo_); }
 
-status git_store::open(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out) {
+status git_store::open_repository(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out) {
     init_once();
     git_repository* repo = nullptr;
     int r = git_repository_open_ext(&repo, dir.c_str(), GIT_REPOSITORY_OPEN_NO_SEARCH, nullptr);

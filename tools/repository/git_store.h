@@ -29,7 +29,7 @@ public:
     // when dir is new or empty; a folder that holds other files is made one
     // only with init, so that a mistyped --into takes nobody's folder over.
     // Without out, only says whether it could: nothing is made.
-    static kelp::status open(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out);
+    static kelp::status open_repository(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out);
 
     // The folder as given, and its git folder (ending in '/').
     const std::string& dir() const { return dir_; }

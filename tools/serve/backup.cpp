@@ -46,12 +46,12 @@ std::string api_address(const serve_options& o) {
 
 }  // namespace
 
-status backup_store::open(const serve_options& o, const std::string& state_file, const std::vector<std::string>& hosts,
+status backup_store::open_repository(const serve_options& o, const std::string& state_file, const std::vector<std::string>& hosts,
                           std::unique_ptr<backup_store>* out) {
     auto store = std::make_unique<backup_store>();
     store->dir_ = o.into;
     store->scripts_ = o.scripts;
-    status st = git_store::open(o.into, true, false, &store->git_);
+    status st = git_store::open_repository(o.into, true, false, &store->git_);
     if (st) st = writer_lock::take(*store->git_, {"kelputil serve", api_address(o)}, &store->writer_);
     std::vector<std::string> converted;
     if (st) st = store->git_->start_clean(hosts);

@@ -29,7 +29,7 @@ public:
     // Opens (creating) the repository in o.into and keeps it as its only
     // writer until destroyed, brings the hosts' folders back to the last
     // commit after a crash, and keeps the state file out of git status.
-    static kelp::status open(const serve_options& o, const std::string& state_file,
+    static kelp::status open_repository(const serve_options& o, const std::string& state_file,
                              const std::vector<std::string>& hosts, std::unique_ptr<backup_store>* out);
     // Leaves no staging behind, then lets the next writer in.
     ~backup_store();
@@ -42,9 +42,9 @@ public:
     // is written, so a search never holds up a backup. Only when no handle
     // opens does the caller wait for the writers' one.
     template <typename F>
-    auto read(F f) {
+    auto reading(F f) {
         std::unique_ptr<git_store> mine;
-        if (git_store::open(dir_, false, false, &mine)) return f(*mine);
+        if (git_store::open_repository(dir_, false, false, &mine)) return f(*mine);
         std::lock_guard<std::mutex> hold(lock_);
         return f(*git_);
     }

@@ -216,7 +216,7 @@ int run_push_child() {
     if (std::to_string(getppid()) != parent) return 1;
     alarm((unsigned)(atoll(timeout.c_str()) / 1000) + child_alarm_slack_s);
     std::unique_ptr<git_store> store;
-    kelp::status st = git_store::open(dir, false, false, &store);
+    kelp::status st = git_store::open_repository(dir, false, false, &store);
     if (st && store->head_commit().empty()) return nothing_to_push;
     if (st) st = store->push(remote, branch, shown_remote(remote));
     if (st) return 0;

@@ -157,7 +157,7 @@ void get_host(service& s, const http_request& req, http_answer& res) {
         return answer_error(res, 400, "history is a number of changes, 1 to " + std::to_string(max_history));
     size_t max = (size_t)wanted;
     json history;
-    kelp::status r = s.store().read([&](git_store& git) { return git.history(st.name, &history, max + 1); });
+    kelp::status r = s.store().reading([&](git_store& git) { return git.history(st.name, &history, max + 1); });
     if (!r) return answer_error(res, 500, r.message);
     json out = host_json(s, st);
     out["history_more"] = history.size() > max;
@@ -175,7 +175,7 @@ void get_diff(service& s, const http_request& req, http_answer& res) {
     if (!plain_revision(from) || !plain_revision(to))
         return answer_error(res, 400, "from and to are commit ids (or HEAD, HEAD~N)");
     json files, history;
-    kelp::status r = s.store().read([&](git_store& git) {
+    kelp::status r = s.store().reading([&](git_store& git) {
         kelp::status h = from.empty() ? git.history(st.name, &history) : kelp::ok();
         // Without from: the change to made (the last one without to), from the one before it.
         for (size_t i = 0; h && i < history.size(); i++) {
@@ -202,7 +202,7 @@ void get_file_list(service& s, const http_request& req, http_answer& res) {
     if (!plain_revision(rev)) return answer_error(res, 400, "rev is a commit id (or HEAD, HEAD~N)");
     json files = json::array();
     if (!st.last_commit.empty() || !rev.empty()) {
-        kelp::status r = s.store().read([&](git_store& git) { return git.files_at(rev, st.name, &sizes); });
+        kelp::status r = s.store().reading([&](git_store& git) { return git.files_at(rev, st.name, &sizes); });
         if (!r) return answer_error(res, 404, r.message);
         for (const auto& f : sizes) files.push_back({{"path", f.path}, {"size", f.size}});
     }
@@ -216,7 +216,7 @@ void get_file(service& s, const http_request& req, http_answer& res) {
     if (!find_host(s, req, res, &st, true)) return;
     if (!plain_revision(rev) || path.find("..") != std::string::npos)
         return answer_error(res, 400, "rev is a commit id (or HEAD, HEAD~N); PATH a file of the host");
-    kelp::status r = s.store().read([&](git_store& git) { return git.read_at(rev, st.name + "/" + path, &content); });
+    kelp::status r = s.store().reading([&](git_store& git) { return git.read_at(rev, st.name + "/" + path, &content); });
     if (!r) return answer_error(res, 404, r.message);
     res.set_content(content, "application/octet-stream");
 }
@@ -259,7 +259,7 @@ void get_search(service& s, const http_request& req, http_answer& res) {
     if (q.empty()) return answer_error(res, 400, "search needs q=TEXT");
     std::vector<std::string> names;
     for (const host_state& st : s.schedule().hosts()) names.push_back(st.name);
-    json matches = s.store().read([&](git_store& git) { return search_files(git, names, q); });
+    json matches = s.store().reading([&](git_store& git) { return search_files(git, names, q); });
     answer(res, 200, {{"q", q}, {"matches", matches}});
 }
 
@@ -289,7 +289,7 @@ void get_changes(service& s, const http_request& req, http_answer& res) {
     json changes;
     std::string host = query(req, "host");
     kelp::status r =
-        s.store().read([&](git_store& git) { return git.changes_between(since, until, host, max_changes, &changes); });
+        s.store().reading([&](git_store& git) { return git.changes_between(since, until, host, max_changes, &changes); });
     if (!r) return answer_error(res, 500, r.message);
     json out = {{"since", (long long)since}, {"until", (long long)until}, {"changes", changes}};
     if (!host.empty()) out["host"] = host;

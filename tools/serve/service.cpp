@@ -60,7 +60,7 @@ kelp::status service::open() {
     kelp::status st = read_hosts(&hosts);
     std::vector<std::string> names;
     for (const inventory_host& h : hosts) names.push_back(h.name);
-    if (st) st = backup_store::open(o_, state_path(o_), names, &store_);
+    if (st) st = backup_store::open_repository(o_, state_path(o_), names, &store_);
     if (st) st = state_db::open(state_path(o_), &db_, &note);
     if (st && !note.empty()) log_event(note);
     if (st) st = db_->load(&saved);
@@ -104,9 +104,9 @@ kelp::status service::take_truth_from_git(const std::vector<inventory_host>& hos
     for (const inventory_host& h : hosts) names.push_back(h.name);
     bool had_state = !saved->empty();
     std::map<std::string, git_store::folder_change> last;
-    std::string base, head = store_->read([&](git_store& git) { return git.head_commit(); });
+    std::string base, head = store_->reading([&](git_store& git) { return git.head_commit(); });
     bool present = false;
-    kelp::status st = store_->read([&](git_store& git) { return git.last_changes(names, &last); });
+    kelp::status st = store_->reading([&](git_store& git) { return git.last_changes(names, &last); });
     if (st) st = db_->get_meta("created_head", &base, &present);
     if (st && !present) st = db_->set_meta("created_head", base = head);
     if (!st) return st;
@@ -129,7 +129,7 @@ kelp::status service::take_truth_from_git(const std::vector<inventory_host>& hos
         if (o_.on_change.empty() || same_commit(from, c.commit)) continue;
         std::vector<git_store::folder_change> missed;
         bool found = false;
-        st = store_->read([&](git_store& git) { return git.changes_after(name, from, &missed, &found); });
+        st = store_->reading([&](git_store& git) { return git.changes_after(name, from, &missed, &found); });
         if (!st) return st;
         if (!found) {
             log_event(name + ": the commit " + from + " is not in the backups' history; no change hook is run again");
@@ -148,12 +148,12 @@ kelp::status service::take_truth_from_git(const std::vector<inventory_host>& hos
 void service::find_retired(const std::vector<inventory_host>& hosts) {
     std::vector<std::string> folders, gone;
     std::map<std::string, git_store::folder_change> last;
-    store_->read([&](git_store& git) { return git.folders(&folders); });
+    store_->reading([&](git_store& git) { return git.folders(&folders); });
     for (const std::string& f : folders)
         if (std::none_of(hosts.begin(), hosts.end(), [&](const inventory_host& h) { return h.name == f; }))
             gone.push_back(f);
     std::sort(gone.begin(), gone.end(), natural_less);
-    if (!gone.empty()) store_->read([&](git_store& git) { return git.last_changes(gone, &last); });
+    if (!gone.empty()) store_->reading([&](git_store& git) { return git.last_changes(gone, &last); });
     std::lock_guard<std::mutex> hold(retired_lock_);
     retired_.clear();
     for (const std::string& name : gone) retired_.emplace_back(name, last[name]);

@@ -99,17 +99,17 @@ outcome stopped(const std::vector<host_result>& results, int exit, const std::st
 status check_backup_target(const invocation& inv) {
     std::unique_ptr<git_store> store;
     std::unique_ptr<writer_lock> lock;
-    status st = git_store::open(inv.args.into, true, inv.args.init, nullptr);
+    status st = git_store::open_repository(inv.args.into, true, inv.args.init, nullptr);
     // An existing repository kept by another writer is refused now; the
     // lock itself is taken for the run.
-    if (st && git_store::open(inv.args.into, false, false, &store)) st = writer_lock::take(*store, writer, &lock);
+    if (st && git_store::open_repository(inv.args.into, false, false, &store)) st = writer_lock::take(*store, writer, &lock);
     return st;
 }
 
 outcome run_fleet_backup(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts) {
     std::unique_ptr<git_store> store;
     std::unique_ptr<writer_lock> lock;
-    status st = git_store::open(inv.args.into, true, inv.args.init, &store);
+    status st = git_store::open_repository(inv.args.into, true, inv.args.init, &store);
     std::vector<std::string> folders;
     for (const inventory_host* h : hosts) folders.push_back(h->name);
     if (st) st = writer_lock::take(*store, writer, &lock);
@@ -161,7 +161,7 @@ outcome run_fleet_backup(const invocation& inv, fleet_runner& runner, const std:
 outcome run_fleet_history(const invocation& inv) {
     std::unique_ptr<git_store> store;
     json entries;
-    status st = git_store::open(store_dir(inv), false, false, &store);
+    status st = git_store::open_repository(store_dir(inv), false, false, &store);
     if (st) st = store->require_folder(inv.args.host);
     if (st) st = store->history(inv.args.host, &entries);
     if (!st) return failure(st);
@@ -181,7 +181,7 @@ outcome run_fleet_diff(const invocation& inv) {
     std::unique_ptr<git_store> store;
     std::string patch;
     json files;
-    status st = git_store::open(store_dir(inv), false, false, &store);
+    status st = git_store::open_repository(store_dir(inv), false, false, &store);
     if (st) st = store->diff(inv.args.host, inv.args.rev_from, inv.args.rev_to, &patch, &files);
     if (!st) return failure(st);
     outcome o = success(inv.args.host + ": " + plural(files.size(), "file") + " changed",

@@ -54,7 +54,7 @@ TEST(store, a_branch_moved_meanwhile_keeps_its_commit) {
         std::string bk = s.dir + "/bk";
         std::vector<std::string> changed;
         std::string commit;
-        ASSERT_TRUE(git_store::open(bk, true, false, &store));
+        ASSERT_TRUE(git_store::open_repository(bk, true, false, &store));
         auto plain = [](const std::vector<std::string>&) { return std::string("mine\n"); };
         if (!first) {
             ASSERT_TRUE(store->commit_staged({{"h", s.staged("one")}}, {}, plain, &changed, &commit));
@@ -84,7 +84,7 @@ TEST(store, a_commit_the_disk_cannot_take_says_so) {
         std::vector<std::string> changed;
         std::string commit;
         ASSERT_EQ(mkdir(disk.c_str(), 0700) | mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=256k"), 0);
-        ASSERT_TRUE(git_store::open(disk + "/bk", true, false, &store));
+        ASSERT_TRUE(git_store::open_repository(disk + "/bk", true, false, &store));
         if (err == ENOSPC) sh("head -c 1M /dev/zero > " + disk + "/fill 2>/dev/null");
         if (err == EROFS) mount(nullptr, disk.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
         auto message = [](const std::vector<std::string>&) { return std::string("h\n"); };
@@ -117,8 +117,8 @@ TEST(store, reads_take_no_lock_and_name_paths_within_the_host) {
     std::unique_ptr<git_store> other;
     std::vector<std::string> changed;
     std::string commit;
-    ASSERT_TRUE(backup_store::open(o, s.dir + "/state.db", {"r1", "r2"}, &served));
-    ASSERT_TRUE(git_store::open(o.into, false, false, &other));
+    ASSERT_TRUE(backup_store::open_repository(o, s.dir + "/state.db", {"r1", "r2"}, &served));
+    ASSERT_TRUE(git_store::open_repository(o.into, false, false, &other));
     auto message = [](const std::vector<std::string>&) { return std::string("r1\n"); };
     long long before = time(nullptr);
     std::string staged = s.staged("a\\nneedle\\n", "config/fw.scr");
@@ -127,7 +127,7 @@ TEST(store, reads_take_no_lock_and_name_paths_within_the_host) {
     auto answer = std::make_shared<std::promise<json>>();  // outlives the test when the read hangs
     std::future<json> got = answer->get_future();
     std::thread([answer] {
-        answer->set_value(frozen->read([](git_store& git) {
+        answer->set_value(frozen->reading([](git_store& git) {
             std::vector<git_store::file_size> r1, r2;
             json changes, history;
             git.files_at("", "r1", &r1), git.files_at("", "r2", &r2), git.changes_between(0, 1LL << 40, "", 10, &changes);
