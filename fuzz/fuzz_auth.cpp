@@ -3,9 +3,9 @@
 #include <string.h>
 
 #include "core/auth.h"
+#include "fuzz_support.h"
 #include "protocol.h"
 #include "rc4.h"
-#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     enter_sandbox(sandbox_passwd | sandbox_fixed_random);

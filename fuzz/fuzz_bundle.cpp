@@ -5,8 +5,8 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "protocol.h"
 #include "fuzz_support.h"
+#include "protocol.h"
 #include "transfer/config_bundle.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

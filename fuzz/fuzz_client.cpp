@@ -37,7 +37,8 @@ void converse(kelp::session& s, uint8_t pick, size_t input) {
         check_records(list, input, hotspot_rec_len);
         break;
     }
-    case 4: kelp::converse_firmware(s, kelp::bytes(100, 0xA5), true, nullptr, [](const std::string& line) {
+    case 4:
+        kelp::converse_firmware(s, kelp::bytes(100, 0xA5), true, nullptr, [](const std::string& line) {
             if (line.size() > frame_payload_len) invariant_failed("progress line longer than a frame");
         });
         break;

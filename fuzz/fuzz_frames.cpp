@@ -1,8 +1,8 @@
 // receive_file()/receive_chunk(): le32 declared size from the first 4 input
 // bytes, then 1462-byte frames. Nothing half-received may survive a failure.
-#include "protocol.h"
 #include "core/state.h"
 #include "fuzz_support.h"
+#include "protocol.h"
 #include "transfer/frames.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

@@ -6,8 +6,8 @@
 #include <string.h>
 
 #include "control/kick.h"
-#include "protocol.h"
 #include "fuzz_support.h"
+#include "protocol.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     enter_sandbox(sandbox_plain);

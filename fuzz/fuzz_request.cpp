@@ -4,10 +4,10 @@
 #include <unistd.h>
 
 #include "core/dispatch.h"
-#include "protocol.h"
 #include "core/request.h"
 #include "core/state.h"
 #include "fuzz_support.h"
+#include "protocol.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     enter_sandbox(sandbox_plain);

@@ -19,8 +19,7 @@
 #include "core/connection.h"
 #include "core/process_exit.h"
 
-extern "C" void __sanitizer_symbolize_pc(void* pc, const char* format, char* out, size_t size)
-    __attribute__((weak));
+extern "C" void __sanitizer_symbolize_pc(void* pc, const char* format, char* out, size_t size) __attribute__((weak));
 
 static void setup_failed(const char* what) {
     fprintf(stderr, "fuzz sandbox: %s: %s (run as root)\n", what, strerror(errno));
@@ -154,4 +153,3 @@ long long size_of(const char* path) {
     struct stat st;
     return stat(path, &st) == 0 ? (long long)st.st_size : -1;
 }
-

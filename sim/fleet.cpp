@@ -66,8 +66,7 @@ std::string link_routers(const std::vector<pid_t>& pids) {
         _exit(127);
     }
     int status = 0;
-    while (waitpid(ip, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(ip, &status, 0) < 0 && errno == EINTR) {}
     unlink(path);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return "ip -batch failed with status " + std::to_string(status);
     return "";

@@ -134,8 +134,7 @@ void init::ended(daemon_slot& s) {
 
 void init::kill_now(daemon_slot& s) {
     kill(s.p.pid, SIGKILL);
-    while (waitpid(s.p.pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(s.p.pid, nullptr, 0) < 0 && errno == EINTR) {}
     ended(s);
 }
 

@@ -47,12 +47,9 @@ struct faults {
 };
 
 const std::pair<const char*, bool faults::*> fault_kinds[] = {
-    {"down", &faults::down},
-    {"silent", &faults::silent},
-    {"password", &faults::password},
-    {"upgrade-fails", &faults::upgrade_fails},
-    {"no-return", &faults::no_return},
-    {"odd-archive", &faults::odd_archive},
+    {"down", &faults::down},           {"silent", &faults::silent},
+    {"password", &faults::password},   {"upgrade-fails", &faults::upgrade_fails},
+    {"no-return", &faults::no_return}, {"odd-archive", &faults::odd_archive},
 };
 
 struct settings {
@@ -344,8 +341,7 @@ int fleet_of_routers(const settings& s) {
         if (pid == 0) {
             for (int fd : {start[1], up[0], linked[1], ready[0]}) close(fd);
             char byte;
-            while (read(start[0], &byte, 1) < 0 && errno == EINTR) {
-            }
+            while (read(start[0], &byte, 1) < 0 && errno == EINTR) {}
             close(start[0]);
             fleet_router(k, s, helpers, up[1], linked[0], ready[1]);
         }
@@ -396,7 +392,6 @@ int main(int argc, char** argv) {
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
     int status = 0;
-    while (waitpid(first, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(first, &status, 0) < 0 && errno == EINTR) {}
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }

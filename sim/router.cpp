@@ -1,10 +1,10 @@
 #include "router.h"
 
+#include <arpa/inet.h>
 #include <crypt.h>
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <arpa/inet.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>

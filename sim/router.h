@@ -17,7 +17,7 @@ struct options {
 };
 
 // Where the sandbox keeps its own state, outside the daemon's /tmp.
-extern const char* const state_dir;  // "/run/sandbox"
+extern const char* const state_dir;   // "/run/sandbox"
 extern const char* const helper_dir;  // state_dir + "/bin"
 
 // Enters new namespaces and lays out the router. Must run single-threaded.

@@ -32,11 +32,11 @@
 #include <vector>
 
 #include "bundle.h"
-#include "session.h"
-#include "transfer.h"
 #include "protocol.h"
 #include "rc4.h"
 #include "router.h"
+#include "session.h"
+#include "transfer.h"
 
 using bytes = std::vector<uint8_t>;
 
@@ -58,8 +58,8 @@ const script_file scripts[] = {
 
 // What the daemon leaves in /tmp on purpose: the firmware image, the kick
 // hand-off files and the post-action markers.
-const char* const kept_in_tmp[] = {"firmware.bin", "kick-user", "hotspot.user2kick", "monitor", "all.dirty",
-                                   "ips.dirty"};
+const char* const kept_in_tmp[] = {"firmware.bin", "kick-user", "hotspot.user2kick",
+                                   "monitor",      "all.dirty", "ips.dirty"};
 
 double now_s() {
     timespec ts;
@@ -86,7 +86,7 @@ void append_frames(bytes& out, const bytes& body) {
     for (size_t done = 0; done < body.size(); done += frame_payload_len) {
         out.resize(out.size() + frame_len);
         encode_frame(body.data() + done, std::min(frame_payload_len, body.size() - done),
-                           out.data() + out.size() - frame_len);
+                     out.data() + out.size() - frame_len);
     }
 }
 
@@ -108,9 +108,7 @@ bytes valid_conversation(std::mt19937& rng, int action) {
     bytes out;
     auto add = [&](const bytes& b) { out.insert(out.end(), b.begin(), b.end()); };
     switch (action) {
-    case action_send_script:
-        add(request_packet(action, scripts[rng() % 4].number, flags, 0));
-        break;
+    case action_send_script: add(request_packet(action, scripts[rng() % 4].number, flags, 0)); break;
     case action_receive_config: {
         bytes bundle = kelp::pack_bundle(random_text(rng, 1000 + rng() % 3000));
         add(request_packet(action, 0, flags, (uint32_t)bundle.size()));
@@ -173,8 +171,8 @@ void mutate(std::mt19937& rng, bytes& b) {
             break;
         case 3: {  // the declared size
             if (b.size() < act_pkt_len) break;
-            static const uint32_t sizes[] = {0, 1, 1023, 1024, 1460, 1461, 524288, 524289, 0x7fffffff, 0x80000000u,
-                                             0xffffffffu};
+            static const uint32_t sizes[] = {0,      1,      1023,       1024,        1460,       1461,
+                                             524288, 524289, 0x7fffffff, 0x80000000u, 0xffffffffu};
             put_le32(b.data() + act_size_offset, rng() % 2 ? sizes[rng() % 11] : (uint32_t)rng() % 70000);
             break;
         }
@@ -248,8 +246,10 @@ void converse(int fd, const bytes& talk, std::mt19937& rng) {
         if (sent < talk.size() && (pf.revents & POLLOUT)) {
             size_t piece = std::min(talk.size() - sent, (size_t)(rng() % 3 ? talk.size() : 1 + rng() % 2000));
             ssize_t w = send(fd, talk.data() + sent, piece, MSG_NOSIGNAL);
-            if (w > 0) sent += (size_t)w, last_data = now_s();
-            else if (w < 0 && errno != EAGAIN) closed = true;
+            if (w > 0)
+                sent += (size_t)w, last_data = now_s();
+            else if (w < 0 && errno != EAGAIN)
+                closed = true;
         }
         if (sent == talk.size()) {
             if (all_sent == 0) all_sent = now_s();
@@ -272,9 +272,8 @@ void reset_router() {
 }
 
 std::string check_files(const bytes& talk) {
-    uint32_t declared = talk.size() >= auth_reply_len + act_pkt_len
-                            ? get_le32(talk.data() + auth_reply_len + act_size_offset)
-                            : 0;
+    uint32_t declared =
+        talk.size() >= auth_reply_len + act_pkt_len ? get_le32(talk.data() + auth_reply_len + act_size_offset) : 0;
     for (const std::string& name : router::list_dir("/tmp")) {
         bool kept = false;
         for (const char* k : kept_in_tmp) kept |= name == k;
@@ -327,7 +326,8 @@ outcome run_once(const std::string& daemon, const std::vector<std::string>& emul
     }
     if (o.status == router::still_running) {
         router::kill_process(p);
-        if (!reboot_loop) o.failure = "the daemon did not end within 15 s";
+        if (!reboot_loop)
+            o.failure = "the daemon did not end within 15 s";
         else if (clear_talk.size() < auth_reply_len + act_pkt_len ||
                  !(clear_talk[auth_reply_len + act_flags_offset] & flag_reboot))
             o.failure = "a reboot that the request did not ask for";
@@ -335,7 +335,8 @@ outcome run_once(const std::string& daemon, const std::vector<std::string>& emul
         o.failure = "exit status " + std::to_string(o.status);
     }
     std::string out = router::output(p), err = router::read_file(p.err_path);
-    if (o.failure.empty() && (err.find("Sanitizer") != std::string::npos || err.find("runtime error") != std::string::npos))
+    if (o.failure.empty() &&
+        (err.find("Sanitizer") != std::string::npos || err.find("runtime error") != std::string::npos))
         o.failure = "sanitizer report:\n" + err.substr(0, 4000);
     if (o.failure.empty()) o.failure = check_files(clear_talk);
     auto tail = [](const std::string& t) { return t.substr(t.size() > 4000 ? t.size() - 4000 : 0); };
@@ -346,10 +347,10 @@ outcome run_once(const std::string& daemon, const std::vector<std::string>& emul
     return o;
 }
 
-const int actions[] = {action_nothing,       action_send_config,   action_send_script,    action_receive_config,
-                       action_receive_script, action_ppp_list,      action_hotspot_list,   action_throughput_rx,
-                       action_throughput_tx, action_kick_ppp_user, action_kick_hotspot_user, action_kick_hotspot_ip,
-                       action_sysinfo,       action_kernlog,       action_core_sysinfo,   action_firmware};
+const int actions[] = {action_nothing,        action_send_config,   action_send_script,       action_receive_config,
+                       action_receive_script, action_ppp_list,      action_hotspot_list,      action_throughput_rx,
+                       action_throughput_tx,  action_kick_ppp_user, action_kick_hotspot_user, action_kick_hotspot_ip,
+                       action_sysinfo,        action_kernlog,       action_core_sysinfo,      action_firmware};
 
 bytes make_conversation(std::mt19937& rng) {
     bytes auth(auth_reply_len, 0);
@@ -365,8 +366,7 @@ bytes make_conversation(std::mt19937& rng) {
 
 // Fast, recording stand-ins for the router's helpers.
 void install_helpers() {
-    for (const char* name : {"do-saveconfigs", "save-configs", "do-advnet", "sync"})
-        router::install_helper(name);
+    for (const char* name : {"do-saveconfigs", "save-configs", "do-advnet", "sync"}) router::install_helper(name);
     router::install_helper("do-prepconfigs", "head -c 2000 /dev/urandom > /tmp/saved-configs");
     router::install_helper("do-pppkick", "exit $(( $(wc -c < /tmp/kick-user) % 2 ))");
     router::install_helper("do-hotkick", "[ \"$1\" = ip ] && exit 0; exit 1");
@@ -386,8 +386,10 @@ bool save(int dir_fd, const std::string& name, const bytes& talk) {
     int fd = openat(dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     bool ok = fd >= 0 && write(fd, talk.data(), talk.size()) == (ssize_t)talk.size();
     if (fd >= 0) close(fd);
-    if (ok) fprintf(stderr, "protocol_fuzz: conversation saved as %s\n", name.c_str());
-    else fprintf(stderr, "protocol_fuzz: could not save the conversation as %s: %s\n", name.c_str(), strerror(errno));
+    if (ok)
+        fprintf(stderr, "protocol_fuzz: conversation saved as %s\n", name.c_str());
+    else
+        fprintf(stderr, "protocol_fuzz: could not save the conversation as %s: %s\n", name.c_str(), strerror(errno));
     return ok;
 }
 
@@ -401,11 +403,16 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         auto value = [&] { return i + 1 < argc ? std::string(argv[++i]) : std::string(); };
-        if (a == "--seconds") seconds = atof(value().c_str());
-        else if (a == "--runs") runs = atol(value().c_str());
-        else if (a == "--seed") seed = (unsigned)strtoul(value().c_str(), nullptr, 10);
-        else if (a == "--out") out_dir = value();
-        else if (a == "--replay") replay = value();
+        if (a == "--seconds")
+            seconds = atof(value().c_str());
+        else if (a == "--runs")
+            runs = atol(value().c_str());
+        else if (a == "--seed")
+            seed = (unsigned)strtoul(value().c_str(), nullptr, 10);
+        else if (a == "--out")
+            out_dir = value();
+        else if (a == "--replay")
+            replay = value();
         else {
             fprintf(stderr, "usage: protocol_fuzz [--seconds N] [--runs N] [--seed N] [--out DIR] [--replay FILE]\n");
             return 2;
@@ -466,8 +473,10 @@ int main(int argc, char** argv) {
     for (size_t a = 0; a < tally.size(); a++) {
         const auto& t = tally[a];
         if (t[0] + t[1] + t[2] + t[3] == 0) continue;
-        if (a == 256) printf("%8s", "short");
-        else printf("%8zu", a);
+        if (a == 256)
+            printf("%8s", "short");
+        else
+            printf("%8zu", a);
         printf(" %7ld %7ld %7ld %7ld\n", t[0], t[1], t[2], t[3]);
     }
     return 0;

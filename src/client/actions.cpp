@@ -33,7 +33,8 @@ request make_request(uint8_t action, uint8_t flags, uint8_t script = 0, uint32_t
 }
 
 status check_upload_size(size_t n) {
-    if (n > upload_max) return fail(error_kind::local, "file too large: at most " + std::to_string(upload_max) + " bytes");
+    if (n > upload_max)
+        return fail(error_kind::local, "file too large: at most " + std::to_string(upload_max) + " bytes");
     return ok();
 }
 
@@ -310,8 +311,7 @@ status throughput(const target& t, bool receive, double seconds, uint8_t flags, 
         s.shutdown_send();
         uint8_t sink[4096];
         size_t got = 0;
-        while ((st = s.recv_some_raw(sink, sizeof sink, &got))) {
-        }
+        while ((st = s.recv_some_raw(sink, sizeof sink, &got))) {}
         if (st.kind != error_kind::closed) return st;
     }
     return ok();

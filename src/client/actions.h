@@ -30,9 +30,9 @@ struct target {
     bool tls = true;
     std::string pin_sha256;  // hex SHA-256 of the device certificate, or empty
     password_fn password;
-    trust_fn trust;          // null: any certificate is accepted
-    log_fn log;              // may be null
-    int timeout_ms = 15000;  // bounds every wait, and all of the connection set-up
+    trust_fn trust;             // null: any certificate is accepted
+    log_fn log;                 // may be null
+    int timeout_ms = 15000;     // bounds every wait, and all of the connection set-up
     long long deadline_ms = 0;  // CLOCK_MONOTONIC ms bounding the whole action; 0: none
 };
 

@@ -2,8 +2,8 @@
 
 #include <string.h>
 
-#include "protocol.h"
 #include "md5.h"
+#include "protocol.h"
 #include "rc4.h"
 
 namespace kelp {
@@ -67,8 +67,8 @@ status unpack_bundle(const bytes& bundle, bytes* plain) {
 
 status check_bundle_for_device(const bytes& bundle) {
     if (bundle.size() < bundle_min_upload || bundle.size() > upload_max)
-        return fail(error_kind::local, "the bundle is " + std::to_string(bundle.size()) +
-                                           " bytes; the device takes 1024 to 524288");
+        return fail(error_kind::local,
+                    "the bundle is " + std::to_string(bundle.size()) + " bytes; the device takes 1024 to 524288");
     bytes plain;
     return unpack_bundle(bundle, &plain);
 }

@@ -103,15 +103,18 @@ status check_known_host(const std::string& file, const std::string& where, const
     } else if (known.line == 0) {
         // A line cut short by a crash must not swallow this one.
         std::string line = (text.empty() || text.back() == '\n' ? "" : "\n") + where + " " + sha256 + "\n";
-        if (write(fd, line.data(), line.size()) != (ssize_t)line.size()) st = cannot("write", file);
-        else *first_contact = true;
+        if (write(fd, line.data(), line.size()) != (ssize_t)line.size())
+            st = cannot("write", file);
+        else
+            *first_contact = true;
     } else if (known.sha256 != sha256) {
         std::string at = file + ":" + std::to_string(known.line);
-        st = fail(error_kind::certificate,
-                  "the certificate of " + where + " has changed: it now has SHA-256 " + sha256 + ", and " + at +
-                      " holds " + known.sha256 + ". Someone may be intercepting the connection, or the router has "
-                      "a new certificate. If the change is expected, delete line " + std::to_string(known.line) +
-                      " of " + file + ", or pass --pin " + sha256);
+        st =
+            fail(error_kind::certificate, "the certificate of " + where + " has changed: it now has SHA-256 " + sha256 +
+                                              ", and " + at + " holds " + known.sha256 +
+                                              ". Someone may be intercepting the connection, or the router has "
+                                              "a new certificate. If the change is expected, delete line " +
+                                              std::to_string(known.line) + " of " + file + ", or pass --pin " + sha256);
     }
     close(fd);  // also releases the lock
     return st;

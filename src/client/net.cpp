@@ -81,10 +81,14 @@ status connect_tcp(const std::string& host, int port, int timeout_ms, int* fd_ou
             }
             int err = 0;
             socklen_t len = sizeof err;
-            if (w < 0) err = errno;
-            else if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) < 0) err = errno;
-            if (err != 0) errno = err, r = -1;
-            else r = 0;
+            if (w < 0)
+                err = errno;
+            else if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) < 0)
+                err = errno;
+            if (err != 0)
+                errno = err, r = -1;
+            else
+                r = 0;
         }
         if (r < 0) {
             if (errno == ECONNREFUSED) *refused = true;
@@ -117,7 +121,8 @@ status send_all(int fd, const uint8_t* p, size_t n, int timeout_ms) {
         }
         if (w < 0 && errno == EINTR) continue;
         if (w < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
-            if (errno == EPIPE || errno == ECONNRESET) return fail(error_kind::closed, "the device closed the connection");
+            if (errno == EPIPE || errno == ECONNRESET)
+                return fail(error_kind::closed, "the device closed the connection");
             return fail(error_kind::closed, errno_text("send"));
         }
         int r = wait_for(fd, POLLOUT, timeout_ms);
@@ -142,7 +147,9 @@ status recv_some(int fd, uint8_t* p, size_t cap, size_t* got, int timeout_ms) {
             return fail(error_kind::closed, errno_text("recv"));
         }
         int w = wait_for(fd, POLLIN, timeout_ms);
-        if (w == 0) return fail(error_kind::timed_out, "no answer from the device within " + std::to_string(timeout_ms) + " ms");
+        if (w == 0)
+            return fail(error_kind::timed_out,
+                        "no answer from the device within " + std::to_string(timeout_ms) + " ms");
         if (w < 0) return fail(error_kind::closed, errno_text("poll"));
     }
 }

@@ -65,8 +65,9 @@ status connect_step(session& s, const target& t, long long deadline) {
         }
         if (!refused) return st;
         if (!pause_within(retry_pause_ms, refused_until))
-            return fail(error_kind::connect_failed, where(t) + " refused the connection: is kelputild running there, "
-                                                               "and is the port right? (TLS 857, plain 856)");
+            return fail(error_kind::connect_failed, where(t) +
+                                                        " refused the connection: is kelputild running there, "
+                                                        "and is the port right? (TLS 857, plain 856)");
         note(t, "refused; the device may be between two sessions, trying again");
     }
 }
@@ -108,8 +109,9 @@ status greet_step(session& s, const target& t, long long started, uint8_t challe
     status st = s.read_greeting(challenge, std::max(1, wait - probe_ms));
     if (st.kind != error_kind::timed_out) return st;
     if (answers_as_tls(s.fd(), std::max(1, std::min(probe_ms, s.wait_ms()))))
-        return fail(error_kind::wrong_protocol,
-                    where(t) + " answers as a TLS server: drop --plain (TLS is the default), or use the plain port 856");
+        return fail(
+            error_kind::wrong_protocol,
+            where(t) + " answers as a TLS server: drop --plain (TLS is the default), or use the plain port 856");
     return busy(t, monotonic_ms() - started);
 }
 

@@ -4,8 +4,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "rc4.h"
 #include "net.h"
+#include "rc4.h"
 
 namespace kelp {
 

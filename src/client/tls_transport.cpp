@@ -91,7 +91,8 @@ status tls_transport::open(int fd, const std::string& pin_sha256, int timeout_ms
     mbedtls_ssl_conf_authmode(&s.config, MBEDTLS_SSL_VERIFY_NONE);
     mbedtls_ssl_conf_rng(&s.config, mbedtls_ctr_drbg_random, &s.drbg);
     mbedtls_ssl_conf_read_timeout(&s.config, (uint32_t)timeout_ms);
-    if ((r = mbedtls_ssl_setup(&s.ssl, &s.config)) != 0) return fail(error_kind::local, "TLS set-up failed: " + tls_error(r));
+    if ((r = mbedtls_ssl_setup(&s.ssl, &s.config)) != 0)
+        return fail(error_kind::local, "TLS set-up failed: " + tls_error(r));
     mbedtls_ssl_set_bio(&s.ssl, &s.socket, tls_socket_send, nullptr, tls_socket_recv);
 
     while ((r = mbedtls_ssl_handshake(&s.ssl)) != 0) {
@@ -99,8 +100,10 @@ status tls_transport::open(int fd, const std::string& pin_sha256, int timeout_ms
         if (s.socket.first_len >= 4 && memcmp(s.socket.first, greeting_text, 4) == 0)
             return fail(error_kind::wrong_protocol, "the device speaks the plain protocol on this port, not TLS");
         if (r == MBEDTLS_ERR_SSL_TIMEOUT)
-            return fail(error_kind::timed_out, "no answer to the TLS handshake within " + std::to_string(timeout_ms) + " ms");
-        if (peer_closed(r)) return fail(error_kind::closed, "the device closed the connection during the TLS handshake");
+            return fail(error_kind::timed_out,
+                        "no answer to the TLS handshake within " + std::to_string(timeout_ms) + " ms");
+        if (peer_closed(r))
+            return fail(error_kind::closed, "the device closed the connection during the TLS handshake");
         return fail(error_kind::certificate, "TLS handshake failed: " + tls_error(r));
     }
     t->version_ = mbedtls_ssl_get_version(&s.ssl);

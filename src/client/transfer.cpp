@@ -9,7 +9,8 @@ namespace kelp {
 
 status decode_frame(const uint8_t frame[frame_len], size_t* length) {
     size_t n = frame_length(frame);
-    if (n == 0) return fail(error_kind::protocol, "bad frame length " + std::to_string(get_le16(frame)) + " from the device");
+    if (n == 0)
+        return fail(error_kind::protocol, "bad frame length " + std::to_string(get_le16(frame)) + " from the device");
     *length = n;
     return ok();
 }

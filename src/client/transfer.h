@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "protocol.h"
 #include "frame_codec.h"
+#include "protocol.h"
 #include "session.h"
 #include "status.h"
 

@@ -27,7 +27,7 @@ constexpr size_t auth_answer_len = 3;
 
 // act_pkt: the 42-byte action request.
 constexpr size_t act_pkt_len = 42;
-constexpr size_t act_req_offset = 0;     // 2 bytes, printed big-endian
+constexpr size_t act_req_offset = 0;  // 2 bytes, printed big-endian
 constexpr size_t act_mode_offset = 2;
 constexpr size_t act_action_offset = 3;
 constexpr size_t act_script_offset = 4;

@@ -1,8 +1,8 @@
 #include "result_text.h"
 
 static const char* const messages[] = {
-    "Action Failed", "CODE_OK", "File too large", "File too small", "Action not supported", "No HDD available",
-    "No such user was found",
+    "Action Failed",        "CODE_OK",          "File too large",         "File too small",
+    "Action not supported", "No HDD available", "No such user was found",
 };
 
 const char* result_text(int code) {

@@ -35,9 +35,12 @@ host_settings command_line_host(const connection_options& c) {
 
 password_source password_source_for(const connection_options& c, const host_settings& h) {
     password_source src;
-    if (!h.password_file.empty()) src.file = h.password_file;
-    else if (!h.password_env.empty()) src.env = h.password_env;
-    else src.file = c.password_file;
+    if (!h.password_file.empty())
+        src.file = h.password_file;
+    else if (!h.password_env.empty())
+        src.env = h.password_env;
+    else
+        src.file = c.password_file;
     return src;
 }
 
@@ -51,8 +54,8 @@ static kelp::trust_fn known_hosts_trust(const std::string& chosen, reporter& not
         bool first = false;
         kelp::status s = kelp::check_known_host(file, where, sha256, &first);
         if (s && first)
-            notes.note("first contact with " + where + ": its certificate has SHA-256 " + sha256 +
-                       "; remembered in " + file);
+            notes.note("first contact with " + where + ": its certificate has SHA-256 " + sha256 + "; remembered in " +
+                       file);
         return s;
     };
 }

@@ -17,9 +17,7 @@ CLI::Validator checked_by(std::string (*problem)(const std::string&)) {
 
 std::string port_problem(const std::string& text) { return whole_number_problem(text, port_min, port_max, "port"); }
 
-std::string timeout_problem(const std::string& text) {
-    return duration_problem(text, timeout_min_ms, timeout_max_ms);
-}
+std::string timeout_problem(const std::string& text) { return duration_problem(text, timeout_min_ms, timeout_max_ms); }
 
 }  // namespace
 
@@ -38,9 +36,9 @@ void add_connection_options(CLI::App& app, connection_options& conn, connection_
         ->type_name("FILE");
     app.add_option("--password-file", conn.password_file, "read the admin password from FILE (first line)")
         ->type_name("FILE");
-    app.add_option("--timeout", words.timeout,
-                   "give up on a silent device after this long (default " +
-                       kelp::seconds_text(conn.timeout_ms / 1000.0) + ")")
+    app.add_option(
+           "--timeout", words.timeout,
+           "give up on a silent device after this long (default " + kelp::seconds_text(conn.timeout_ms / 1000.0) + ")")
         ->check(checked_by(timeout_problem))
         ->type_name("DURATION");
 }

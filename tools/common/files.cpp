@@ -130,13 +130,14 @@ status read_input(const std::string& path, kelp::bytes* out, size_t max_bytes) {
     }
     if (S_ISDIR(st.st_mode) || !(S_ISREG(st.st_mode) || S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode))) {
         close(fd);
-        return fail(error_kind::local, "cannot read " + path + ": " +
-                                           (S_ISDIR(st.st_mode) ? "it is a folder" : "it is not a file"));
+        return fail(error_kind::local,
+                    "cannot read " + path + ": " + (S_ISDIR(st.st_mode) ? "it is a folder" : "it is not a file"));
     }
     if (S_ISREG(st.st_mode) && (size_t)st.st_size > max_bytes) {
         close(fd);
         return fail(error_kind::local, "cannot read " + path + ": " + std::to_string(st.st_size) +
-                                           " bytes, more than the " + std::to_string(max_bytes) + " this command takes");
+                                           " bytes, more than the " + std::to_string(max_bytes) +
+                                           " this command takes");
     }
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     if (S_ISREG(st.st_mode)) out->reserve((size_t)st.st_size);

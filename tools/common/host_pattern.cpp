@@ -61,7 +61,9 @@ struct subscript {
     long start = 0, end = -1;  // end -1: to the last
 };
 
-bool digits(const std::string& s) { return !s.empty() && s.size() < 10 && s.find_first_not_of("0123456789") == std::string::npos; }
+bool digits(const std::string& s) {
+    return !s.empty() && s.size() < 10 && s.find_first_not_of("0123456789") == std::string::npos;
+}
 
 // "name[N]", "name[A:B]", "name[A:]" (and the older "name[A-B]"); not for
 // a ~regex, whose brackets are its own.
@@ -125,8 +127,9 @@ status apply_subscript(const std::string& element, const subscript& sub, std::ve
     if (sub.single) {
         long i = sub.start < 0 ? sub.start + n : sub.start;
         if (i < 0 || i >= n)
-            return fail(error_kind::local, "--limit: '" + element + "' is out of range: it matches " + std::to_string(n) +
-                                               " hosts, 0 to " + std::to_string(n - 1) + " (or -1 for the last)");
+            return fail(error_kind::local, "--limit: '" + element + "' is out of range: it matches " +
+                                               std::to_string(n) + " hosts, 0 to " + std::to_string(n - 1) +
+                                               " (or -1 for the last)");
         *hosts = {(*hosts)[i]};
         return kelp::ok();
     }
@@ -142,7 +145,8 @@ status one_element(const inventory& inv, const std::string& element, std::set<st
     // Longer than any host name could be; and a huge ~regex would exhaust
     // the stack compiling it.
     if (bare.size() > 1024)
-        return fail(error_kind::local, "--limit: an element of " + std::to_string(bare.size()) + " characters (at most 1024)");
+        return fail(error_kind::local,
+                    "--limit: an element of " + std::to_string(bare.size()) + " characters (at most 1024)");
     subscript sub;
     std::string expression = split_subscript(bare, &sub);
     std::vector<std::string> hosts;
@@ -188,7 +192,7 @@ status select_hosts(const inventory& inv, const std::string& pattern, std::vecto
     for (const inventory_host& h : inv.hosts)
         if (chosen.count(h.name)) out->push_back(&h);
     if (out->empty())
-        return fail(error_kind::local,
-                    "no host of the inventory is selected" + (pattern.empty() ? std::string() : " by --limit " + pattern));
+        return fail(error_kind::local, "no host of the inventory is selected" +
+                                           (pattern.empty() ? std::string() : " by --limit " + pattern));
     return kelp::ok();
 }

@@ -87,11 +87,13 @@ bool python_number(const std::string& s) {
     size_t start = s[0] == '+' || s[0] == '-' ? 1 : 0, exponent = s.find_first_of("eE", start);
     std::string mantissa = s.substr(start, exponent == std::string::npos ? std::string::npos : exponent - start);
     size_t dot = mantissa.find('.');
-    bool whole = dot == std::string::npos ? all_digits(mantissa, 0, mantissa.size())
-                                          : (all_digits(mantissa, 0, dot) || dot == 0) &&
-                                                (all_digits(mantissa, dot + 1, mantissa.size()) || dot + 1 == mantissa.size()) &&
-                                                mantissa.size() > 1;
-    if (!whole || (dot == std::string::npos && exponent == std::string::npos && mantissa.size() > 1 && mantissa[0] == '0'))
+    bool whole = dot == std::string::npos
+                     ? all_digits(mantissa, 0, mantissa.size())
+                     : (all_digits(mantissa, 0, dot) || dot == 0) &&
+                           (all_digits(mantissa, dot + 1, mantissa.size()) || dot + 1 == mantissa.size()) &&
+                           mantissa.size() > 1;
+    if (!whole ||
+        (dot == std::string::npos && exponent == std::string::npos && mantissa.size() > 1 && mantissa[0] == '0'))
         return false;
     if (exponent == std::string::npos) return true;
     size_t digits = exponent + 1 + (s[exponent + 1] == '+' || s[exponent + 1] == '-');
@@ -102,8 +104,7 @@ bool python_number(const std::string& s) {
 // string (which loses its quotes), a number, True, False or None.
 bool python_literal(const std::string& text, std::string* value) {
     std::string s = trim(text);
-    if (s.size() >= 2 && (s[0] == '"' || s[0] == '\'') && s.back() == s[0] &&
-        s.find(s[0], 1) == s.size() - 1) {
+    if (s.size() >= 2 && (s[0] == '"' || s[0] == '\'') && s.back() == s[0] && s.find(s[0], 1) == s.size() - 1) {
         *value = s.substr(1, s.size() - 2);
         return true;
     }
@@ -211,7 +212,8 @@ std::string expand(const std::string& pattern, std::vector<std::string>* out) {
         if (a > b) return usage;
         for (size_t i = a; i <= b; i += step) items.push_back(letters.substr(i, 1));
     } else {
-        if (from.find_first_not_of("0123456789") != std::string::npos || to.find_first_not_of("0123456789") != std::string::npos)
+        if (from.find_first_not_of("0123456789") != std::string::npos ||
+            to.find_first_not_of("0123456789") != std::string::npos)
             return usage;
         // Ansible pads to the width of a start with a leading zero, and
         // refuses an end of another width.
@@ -251,7 +253,8 @@ status check_address(parser& p, const std::string& name, const std::map<std::str
                  p.where(known->second.second) + ": a host has one address; remove one, or name them apart");
 }
 
-void add_member(parser& p, const std::string& group, const std::string& name, const std::map<std::string, std::string>& vars) {
+void add_member(parser& p, const std::string& group, const std::string& name,
+                const std::map<std::string, std::string>& vars) {
     if (!p.host_vars.count(name)) p.order.push_back(name);
     std::map<std::string, std::string>& mine = p.host_vars[name];
     for (const auto& [key, value] : vars) mine[key] = value;
@@ -290,7 +293,8 @@ status vars_line(parser& p, const std::string& group, const std::string& text) {
     size_t eq = text.find('=');
     if (eq == std::string::npos) return p.bad("'" + text + "' is not key=value");
     std::string key = trim(text.substr(0, eq)), value = vars_value(trim(text.substr(eq + 1)));
-    if (key.empty() || key.find_first_of(" \t") != std::string::npos) return p.bad("'" + key + "' is not a variable name");
+    if (key.empty() || key.find_first_of(" \t") != std::string::npos)
+        return p.bad("'" + key + "' is not a variable name");
     return add_var(p, p.groups[group].vars, key, value, true);
 }
 
@@ -318,7 +322,8 @@ status section_line(parser& p, const std::string& line, std::string* group, std:
     if (colon > close) colon = close;
     *group = line.substr(1, colon - 1);
     *kind = colon < close ? line.substr(colon + 1, close - colon - 1) : "hosts";
-    bool word = !kind->empty() && std::all_of(kind->begin(), kind->end(), [](char c) { return isalnum((unsigned char)c) || c == '_'; });
+    bool word = !kind->empty() &&
+                std::all_of(kind->begin(), kind->end(), [](char c) { return isalnum((unsigned char)c) || c == '_'; });
     if (close == std::string::npos || !only_comment(line.substr(close + 1)) || group->empty() ||
         group->find_first_of(" \t") != std::string::npos || !word)
         return p.bad("a section header is [GROUP], [GROUP:vars] or [GROUP:children]");
@@ -327,8 +332,10 @@ status section_line(parser& p, const std::string& line, std::string* group, std:
     if (!host_name_problem(*group).empty()) return p.bad("'" + *group + "' is not a usable group name");
     if (!p.groups.count(*group)) p.group_order.push_back(*group);
     p.groups[*group];
-    if (*kind == "vars") p.referenced.emplace(*group, p.line);
-    else p.declared.insert(*group);
+    if (*kind == "vars")
+        p.referenced.emplace(*group, p.line);
+    else
+        p.declared.insert(*group);
     return kelp::ok();
 }
 
@@ -342,7 +349,7 @@ status parse(parser& p, const std::string& text) {
         std::string line = trim(raw);
         p.line++;
         if (line.empty() || line[0] == '#' || line[0] == ';') continue;
-        status st = line[0] == '['      ? section_line(p, line, &group, &kind)
+        status st = line[0] == '['       ? section_line(p, line, &group, &kind)
                     : kind == "vars"     ? vars_line(p, group, line)
                     : kind == "children" ? children_line(p, group, line)
                                          : host_line(p, group, line);
@@ -367,7 +374,8 @@ status depths(const parser& p, std::map<std::string, int>* depth) {
     std::map<std::string, std::vector<std::string>> parents;
     for (const auto& [name, g] : p.groups)
         for (const std::string& child : g.children) parents[child].push_back(name);
-    std::function<int(const std::string&, std::set<std::string>&)> of = [&](const std::string& g, std::set<std::string>& path) {
+    std::function<int(const std::string&, std::set<std::string>&)> of = [&](const std::string& g,
+                                                                            std::set<std::string>& path) {
         if (g == "all") return 0;
         if (depth->count(g)) return (*depth)[g];
         if (!path.insert(g).second) return -1;
@@ -426,7 +434,8 @@ std::string host_name_problem(const std::string& name) {
     if (name.empty() || name.size() > max_host_name || name[0] == '.' || name[0] == '-' || control ||
         name.find_first_of("/\\ \t[]*?:=") != std::string::npos)
         return "it names a folder of the backups, so no '*', '?', '[', ']', ':', '=', '/', '\\', spaces or control "
-               "characters, no '.' or '-' first, at most " + std::to_string(max_host_name) + " bytes";
+               "characters, no '.' or '-' first, at most " +
+               std::to_string(max_host_name) + " bytes";
     return "";
 }
 
@@ -451,7 +460,8 @@ status load_inventory(const std::string& path, inventory* out) {
     // then the host's own.
     std::vector<std::string> by_depth;
     for (const auto& [name, g] : p.groups) by_depth.push_back(name);
-    std::stable_sort(by_depth.begin(), by_depth.end(), [&](const std::string& a, const std::string& b) { return depth[a] < depth[b]; });
+    std::stable_sort(by_depth.begin(), by_depth.end(),
+                     [&](const std::string& a, const std::string& b) { return depth[a] < depth[b]; });
     std::map<std::string, std::map<std::string, std::string>> vars;
     for (const std::string& g : by_depth)
         for (const std::string& host : inv.groups[g])

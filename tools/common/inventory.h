@@ -37,11 +37,11 @@ struct inventory_host {
 };
 
 struct inventory {
-    std::vector<inventory_host> hosts;                        // in Ansible's order for the group all
-    std::vector<std::string> defined;                         // host names in the order first written
-    std::vector<std::string> group_order;                     // groups in the order first declared
+    std::vector<inventory_host> hosts;                       // in Ansible's order for the group all
+    std::vector<std::string> defined;                        // host names in the order first written
+    std::vector<std::string> group_order;                    // groups in the order first declared
     std::map<std::string, std::vector<std::string>> groups;  // group -> its hosts, children included
-    std::vector<std::string> warnings;                        // "FILE:LINE: ...", for stderr
+    std::vector<std::string> warnings;                       // "FILE:LINE: ...", for stderr
 };
 
 // Host (and group) names become folders of the backups and paths git is

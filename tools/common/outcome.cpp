@@ -20,8 +20,9 @@ const exit_meaning exit_meanings[8] = {
     {exit_unreachable, "could not connect, connection lost or timed out"},
     {exit_protocol, "protocol error"},
     {exit_tls, "certificate or TLS failure"},
-    {exit_device, "+ the device's result code (10 failed, 12 too large, 13 too small, 14 not supported or busy, "
-                  "16 no such user)"},
+    {exit_device,
+     "+ the device's result code (10 failed, 12 too large, 13 too small, 14 not supported or busy, "
+     "16 no such user)"},
     {exit_some_hosts_failed, "a fleet run where some hosts failed"},
 };
 

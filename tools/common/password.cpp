@@ -50,7 +50,6 @@ bool have_terminal() {
     return true;
 }
 
-
 status from_env(const std::string& name, std::string* out, bool* present) {
     const char* value = getenv(name.c_str());
     *present = value != nullptr;
@@ -65,7 +64,8 @@ status prompt(std::string* out) {
     if (tty_fd < 0) return fail(error_kind::local, std::string("no password: ") + sources);
     static const char question[] = "admin password: ";
     bool quiet = tcgetattr(tty_fd, &tty_saved) == 0;
-    struct sigaction act {}, old_int, old_term, old_hup;
+    struct sigaction act {
+    }, old_int, old_term, old_hup;
     act.sa_handler = on_prompt_signal;
     sigaction(SIGINT, &act, &old_int);
     sigaction(SIGTERM, &act, &old_term);
@@ -158,8 +158,8 @@ status read_secret_line(const std::string& path, const std::string& what, std::s
     if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 077)) {
         char mode[8];
         snprintf(mode, sizeof mode, "%04o", st.st_mode & 07777);
-        return fail(error_kind::local, "the " + what + " file " + path + " has mode " + mode +
-                                           ", readable by others: chmod 600 " + path);
+        return fail(error_kind::local,
+                    "the " + what + " file " + path + " has mode " + mode + ", readable by others: chmod 600 " + path);
     }
     kelp::bytes text;
     status s = read_input(path, &text, 4096);
@@ -167,6 +167,7 @@ status read_secret_line(const std::string& path, const std::string& what, std::s
     std::string line(text.begin(), text.end());
     *out = line.substr(0, line.find_first_of("\r\n"));
     if (out->empty())
-        return fail(error_kind::local, "the " + what + " file " + path + " is empty (its first line is the " + what + ")");
+        return fail(error_kind::local,
+                    "the " + what + " file " + path + " is empty (its first line is the " + what + ")");
     return kelp::ok();
 }

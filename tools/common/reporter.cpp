@@ -23,16 +23,16 @@ std::string human_bytes(double n) {
 std::string clock_text(double seconds) {
     long s = (long)(seconds + 0.5);
     char text[32];
-    if (s >= 3600) snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
-    else snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
+    if (s >= 3600)
+        snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
+    else
+        snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
     return text;
 }
 
 }  // namespace
 
-void reporter::note(const std::string& text) {
-    fprintf(stderr, "kelputil: %s\n", terminal_text(text).c_str());
-}
+void reporter::note(const std::string& text) { fprintf(stderr, "kelputil: %s\n", terminal_text(text).c_str()); }
 
 int terminal_width(int fd) {
     winsize w{};

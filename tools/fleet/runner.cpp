@@ -50,7 +50,6 @@ void on_stop_signal(int sig) {
 
 }  // namespace
 
-
 struct fleet_runner::state {
     connection_options conn;
     output_options out;
@@ -131,7 +130,8 @@ kelp::status fleet_runner::check_passwords(const std::vector<const inventory_hos
         std::string ignored;
         if (!(st = s_->providers[key](&ignored))) return kelp::fail(st.kind, h->name + ": " + st.message);
     }
-    if (plain) s_->notes.note("some hosts use the plain protocol: their password can be read by anyone who captures it");
+    if (plain)
+        s_->notes.note("some hosts use the plain protocol: their password can be read by anyone who captures it");
     return kelp::ok();
 }
 
@@ -200,7 +200,8 @@ std::vector<host_result> fleet_runner::run(const std::vector<const inventory_hos
     for (int i = 1; i < n; i++) threads.emplace_back(worker);
     worker();
     for (std::thread& t : threads) t.join();
-    for (size_t i = next; i < hosts.size(); i++) results[i] = {hosts[i]->name, local_failure("not started: the run stopped"), 0, false};
+    for (size_t i = next; i < hosts.size(); i++)
+        results[i] = {hosts[i]->name, local_failure("not started: the run stopped"), 0, false};
     return results;
 }
 
@@ -221,7 +222,9 @@ outcome fleet_runner::summary(const std::vector<host_result>& results, const std
                 std::to_string(failed_hosts.size()) + " failed" +
                 (untouched.empty() ? "" : ", " + std::to_string(untouched.size()) + " not touched") + ", in " +
                 kelp::seconds_text(elapsed);
-    o.data = {{"hosts", results.size()}, {"succeeded", ok_hosts}, {"failed", failed_hosts},
+    o.data = {{"hosts", results.size()},
+              {"succeeded", ok_hosts},
+              {"failed", failed_hosts},
               {"seconds", json_seconds(elapsed)}};
     if (!untouched.empty()) o.data["not_touched"] = untouched;
     if (!extra.is_null()) o.data.update(extra);

@@ -42,7 +42,8 @@ public:
     void stop_when(std::function<bool()> stop);
     // Runs job on each host, at most `parallel` at a time (0: -j). Hosts a
     // stop left out come back untouched.
-    std::vector<host_result> run(const std::vector<const inventory_host*>& hosts, const host_job& job, int parallel = 0);
+    std::vector<host_result> run(const std::vector<const inventory_host*>& hosts, const host_job& job,
+                                 int parallel = 0);
     // Clears the status line, for a message in its place.
     void end_status_line();
     // Ends the status line and sums the run up: "WHAT: N hosts, ..." with

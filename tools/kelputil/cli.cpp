@@ -95,8 +95,8 @@ CLI::App* add_command(CLI::App& parent, const char* name, const char* summary) {
 // A text value checked, then turned into the number the command uses.
 CLI::Option* add_number(CLI::App& sub, const argument& a, int* into, int (*convert)(const std::string&),
                         const char* help) {
-    return sub.add_option_function<std::string>(a.name, [=](const std::string& text) { *into = convert(text); },
-                                                help);
+    return sub.add_option_function<std::string>(
+        a.name, [=](const std::string& text) { *into = convert(text); }, help);
 }
 
 int duration_ms(const std::string& text) { return (int)parse_duration_ms(text); }
@@ -140,10 +140,11 @@ void add_fleet(command_line& c, const command_row& row, bool whole) {
         ->type_name("FILE");
     // A second --limit is let through, then refused with what to do
     // instead (CLI11 would only count).
-    c.limit = fleet->add_option("--limit", inv.fleet.limit,
-                                "hosts and groups, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
-                  ->type_name("PATTERN")
-                  ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    c.limit =
+        fleet
+            ->add_option("--limit", inv.fleet.limit, "hosts and groups, as Ansible's: a:b, !out, &both, ~regex, g[0:9]")
+            ->type_name("PATTERN")
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     fleet->add_flag("--list-hosts", inv.fleet.list_hosts, "list the hosts the command would run on, and run nothing");
     std::string most = std::to_string(fleet_options::max_jobs);
     fleet->add_option("-j,--jobs", c.jobs, "hosts at a time (default " + c.jobs + ", at most " + most + ")")
@@ -175,8 +176,10 @@ void add_global_options(command_line& c) {
 void add_commands(command_line& c, bool whole_fleet) {
     for (const command_row& row : command_table()) {
         if (!(row.where & at_top)) continue;
-        if (row.group) add_fleet(c, row, whole_fleet);
-        else add_row(c, c.app, row, false);
+        if (row.group)
+            add_fleet(c, row, whole_fleet);
+        else
+            add_row(c, c.app, row, false);
     }
     add_command(c.app, "help", "show a command's help: help [COMMAND [SUBCOMMAND]]")
         ->add_option("COMMAND", c.help_words, "a command, and for fleet one of its commands");
@@ -208,7 +211,6 @@ int typed_command_at(const CLI::App& app, int argc, char** argv) {
 }
 
 }  // namespace
-
 
 namespace {
 
@@ -260,8 +262,10 @@ std::string misspelt_word(CLI::App& app, int argc, char** argv) {
             CLI::App* sub = nullptr;
             for (CLI::App* candidate : at->get_subcommands({}))
                 if (candidate->get_name() == a) sub = candidate;
-            if (sub) at = sub;
-            else if (at == &app) return unknown_command(app, a);
+            if (sub)
+                at = sub;
+            else if (at == &app)
+                return unknown_command(app, a);
             if (at->get_prefix_command()) break;  // serve: its helper checks the rest
             continue;
         }

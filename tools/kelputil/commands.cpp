@@ -92,8 +92,7 @@ std::vector<std::string> script_words() {
 
 std::string listed(const std::vector<std::string>& words) {
     std::string text;
-    for (size_t i = 0; i < words.size(); i++)
-        text += (i == 0 ? "" : i + 1 == words.size() ? " or " : ", ") + words[i];
+    for (size_t i = 0; i < words.size(); i++) text += (i == 0 ? "" : i + 1 == words.size() ? " or " : ", ") + words[i];
     return text;
 }
 
@@ -103,6 +102,7 @@ constexpr long long hour_ms = 3600 * 1000;
 // --window: the sizes our socket buffers may be fixed at.
 constexpr long long window_min = 4 << 10, window_max = 64 << 20;
 
+// clang-format off
 const std::vector<command_row> table = {
     {.name = "check", .summary = "log in and do nothing (with --apply or --reboot: that alone)", .where = anywhere,
      .on_device = run_check},
@@ -193,6 +193,7 @@ const std::vector<command_row> table = {
     {.name = "serve", .summary = "back up an inventory's hosts on a schedule, with an HTTP API and metrics",
      .where = at_top, .helper = "kelputil-serve", .helper_parses = true},
 };
+// clang-format on
 
 }  // namespace
 

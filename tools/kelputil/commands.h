@@ -29,9 +29,9 @@ struct argument {
     std::variant<std::string command_args::*, int command_args::*, bool command_args::*> field;
     bool required = false;
     std::vector<std::string> choices = {};  // choice
-    long long min = 0, max = 0;        // duration (ms), size (bytes), count
-    const char* what = "";             // count: "batch size", for its message
-    const char* type_name = nullptr;   // as --help shows the value, when not the default
+    long long min = 0, max = 0;             // duration (ms), size (bytes), count
+    const char* what = "";                  // count: "batch size", for its message
+    const char* type_name = nullptr;        // as --help shows the value, when not the default
     completes completion = completes::nothing;
     const char* fleet_help = nullptr;  // under fleet, when it says more
     unsigned where = anywhere;
@@ -58,12 +58,12 @@ struct command_row {
     unsigned where;
     std::vector<argument> arguments = {};
     device_step on_device = nullptr;
-    whole_run run = nullptr;           // at top: instead of a device step
-    whole_run fleet_run = nullptr;     // under fleet: instead of the device step on every host
-    const char* helper = nullptr;      // the program that runs it in kelputil's place
+    whole_run run = nullptr;              // at top: instead of a device step
+    whole_run fleet_run = nullptr;        // under fleet: instead of the device step on every host
+    const char* helper = nullptr;         // the program that runs it in kelputil's place
     const char* fleet_summary = nullptr;  // under fleet, when it says otherwise
-    bool group = false;                // fleet: the rows in_fleet are its commands
-    bool helper_parses = false;        // the words after it are its helper's to check
+    bool group = false;                   // fleet: the rows in_fleet are its commands
+    bool helper_parses = false;           // the words after it are its helper's to check
 };
 
 const std::vector<command_row>& command_table();

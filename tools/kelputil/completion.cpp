@@ -88,9 +88,7 @@ std::string argument_action(const argument& a) {
 }
 
 // A case pattern for a command path: 'fleet backup'.
-std::string quoted(const std::string& text) {
-    return text.find(' ') == std::string::npos ? text : "'" + text + "'";
-}
+std::string quoted(const std::string& text) { return text.find(' ') == std::string::npos ? text : "'" + text + "'"; }
 
 struct completion {
     words commands, fleet_commands, globals, takes_value;

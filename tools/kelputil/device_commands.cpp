@@ -1,9 +1,9 @@
 #include "device_commands.h"
 
 #include <errno.h>
-#include <string.h>
 #include <mbedtls/sha256.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -101,7 +101,8 @@ outcome run_restore(const invocation& inv, const kelp::target& t, const std::str
     std::string file = for_host(inv.args.file, host);
     bytes bundle;
     status st = read_input(file, &bundle, bundle_read_max);
-    if (st && !(st = kelp::check_bundle_for_device(bundle))) st.message = file + ": " + st.message + "; nothing was sent";
+    if (st && !(st = kelp::check_bundle_for_device(bundle)))
+        st.message = file + ": " + st.message + "; nothing was sent";
     if (!st) return failure(st);
     st = kelp::restore_config(t, inv.flags, bundle, [&r](uint64_t d, uint64_t n) { r.progress(d, n); });
     if (!st) return failure(st);
@@ -159,8 +160,8 @@ outcome run_ppp(const invocation& inv, const kelp::target& t, const std::string&
     for (const kelp::ppp_session& p : list) {
         // -1 is the router's "no shaping rule".
         json rule = p.cbq_rule == -1 ? json(nullptr) : json(p.cbq_rule);
-        data.push_back({{"name", p.name}, {"type", p.type}, {"interface", p.ppp},
-                        {"remote", p.remote}, {"cbq_rule", rule}});
+        data.push_back(
+            {{"name", p.name}, {"type", p.type}, {"interface", p.ppp}, {"remote", p.remote}, {"cbq_rule", rule}});
         rows.push_back({p.name, p.type, p.ppp, p.remote, p.cbq_rule == -1 ? "none" : std::to_string(p.cbq_rule)});
     }
     outcome o = success(plural(list.size(), "PPP session") + after_success(inv.flags), data);
@@ -177,8 +178,12 @@ outcome run_hotspot(const invocation& inv, const kelp::target& t, const std::str
     for (const kelp::hotspot_session& h : list) {
         // The router's hotspot reports bytes from and to the user, the
         // session's age and its idle time, in seconds.
-        data.push_back({{"user", h.user}, {"ip", h.ip}, {"mac", h.mac},
-                        {"bytes_in", h.counter1}, {"bytes_out", h.counter2}, {"session_s", h.value1},
+        data.push_back({{"user", h.user},
+                        {"ip", h.ip},
+                        {"mac", h.mac},
+                        {"bytes_in", h.counter1},
+                        {"bytes_out", h.counter2},
+                        {"session_s", h.value1},
                         {"idle_s", h.value2}});
         rows.push_back({h.user, h.ip, h.mac, std::to_string(h.counter1), std::to_string(h.counter2),
                         std::to_string(h.value1), std::to_string(h.value2)});
@@ -219,13 +224,17 @@ outcome run_throughput(const invocation& inv, const kelp::target& t, const std::
         if (now - last_t < 0.05 && !intervals.empty()) return;  // a sliver at the end adds nothing
         r.interval(last_t, now, moved - last_bytes);
         double mbit = kelp::mbit_per_s(moved - last_bytes, now - last_t);
-        intervals.push_back({{"start", json_seconds(last_t)}, {"end", json_seconds(now)}, {"bytes", moved - last_bytes}, {"mbit_per_s", mbit}});
+        intervals.push_back({{"start", json_seconds(last_t)},
+                             {"end", json_seconds(now)},
+                             {"bytes", moved - last_bytes},
+                             {"mbit_per_s", mbit}});
         last_t = now;
         last_bytes = moved;
     };
     status st = kelp::throughput(t, rx, a.seconds_ms / 1000.0, inv.flags, &result, tick, a.window);
     if (!st) return failure(st);
-    json summary = {{"bytes", result.bytes}, {"seconds", json_seconds(result.seconds)}, {"mbit_per_s", result.mbit_per_s()}};
+    json summary = {
+        {"bytes", result.bytes}, {"seconds", json_seconds(result.seconds)}, {"mbit_per_s", result.mbit_per_s()}};
     char text[160];
     snprintf(text, sizeof text, "%s: %llu bytes in %.2f s = %.1f Mbit/s", rx ? "device to us" : "us to device",
              (unsigned long long)result.bytes, result.seconds, result.mbit_per_s());
@@ -242,8 +251,9 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
         lines.push_back(line);
         r.upgrade_line(line);
     };
-    status st = kelp::upload_firmware(t, image, upgrade, [&r](uint64_t d, uint64_t n) { r.progress(d, n); }, on_line,
-                               [&r](const std::string& p) { r.phase(p); });
+    status st = kelp::upload_firmware(
+        t, image, upgrade, [&r](uint64_t d, uint64_t n) { r.progress(d, n); }, on_line,
+        [&r](const std::string& p) { r.phase(p); });
     json data = {{"file", file}, {"bytes", image.size()}, {"upgraded", st && upgrade && failed_line.empty()}};
     if (upgrade) data["lines"] = lines;
     if (!st) return failure(st, data);
@@ -254,7 +264,7 @@ outcome upload_image(const kelp::target& t, const bytes& image, bool upgrade, co
         return o;
     }
     return success(upgrade ? "upgrade done: " + std::to_string(image.size()) + " bytes flashed"
-                               : "firmware stored on the device (" + std::to_string(image.size()) + " bytes)",
+                           : "firmware stored on the device (" + std::to_string(image.size()) + " bytes)",
                    data);
 }
 
@@ -308,9 +318,8 @@ outcome run_bundle_pack(const invocation& inv) {
     bytes bundle = kelp::pack_bundle(plain);
     if (bundle.size() < bundle_min_upload || bundle.size() > upload_max)
         return local_failure(a.file + " is " + std::to_string(plain.size()) + " bytes: its bundle would be " +
-                             std::to_string(bundle.size()) +
-                             " bytes, and the device takes bundles of " + bytes_range(0) + " bytes (" +
-                             bytes_range(bundle_header_len) + " bytes of configuration)");
+                             std::to_string(bundle.size()) + " bytes, and the device takes bundles of " +
+                             bytes_range(0) + " bytes (" + bytes_range(bundle_header_len) + " bytes of configuration)");
     return saved(a.out, bundle, 0600, "bundle");
 }
 

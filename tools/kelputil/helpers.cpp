@@ -3,8 +3,8 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "outcome.h"
 #include "helpers.h"
+#include "outcome.h"
 
 #ifndef KELP_STORE_HELPER_DIR
 #define KELP_STORE_HELPER_DIR "../libexec/kelputil"

@@ -13,11 +13,11 @@
 // A command's own arguments. Each field means one thing, whichever command
 // sets it; the command table (commands.h) says which command has which.
 struct command_args {
-    std::string file;    // the file the command reads or writes: FILE, IMAGE, PLAIN ({host} in a fleet run)
-    std::string out;     // the file an offline command writes: OUT
-    std::string script;  // get-script, put-script: cbq, fw, nat or dhcp
-    std::string report;  // full, core or kernel
-    std::string user;    // kick-ppp, kick-hotspot
+    std::string file;     // the file the command reads or writes: FILE, IMAGE, PLAIN ({host} in a fleet run)
+    std::string out;      // the file an offline command writes: OUT
+    std::string script;   // get-script, put-script: cbq, fw, nat or dhcp
+    std::string report;   // full, core or kernel
+    std::string user;     // kick-ppp, kick-hotspot
     std::string address;  // kick-ip
     // throughput
     std::string direction;   // rx or tx

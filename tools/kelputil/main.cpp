@@ -12,8 +12,8 @@
 #include "device_commands.h"
 #include "files.h"
 #include "fleet_commands.h"
-#include "outcome.h"
 #include "helpers.h"
+#include "outcome.h"
 
 namespace {
 
@@ -25,11 +25,14 @@ outcome run_single(const invocation& inv) {
     kelp::status st = check_password_source(source);
     if (!st) return failure(st);
     std::unique_ptr<reporter> r;
-    if (inv.output.json) r = std::make_unique<json_reporter>();
-    else r = std::make_unique<terminal_reporter>(inv.output.quiet);
+    if (inv.output.json)
+        r = std::make_unique<json_reporter>();
+    else
+        r = std::make_unique<terminal_reporter>(inv.output.quiet);
     if (inv.conn.plain && !inv.output.quiet)
-        r->note("--plain: the password travels in a form anyone who captures this connection can read; "
-                "TLS (the default) protects it");
+        r->note(
+            "--plain: the password travels in a form anyone who captures this connection can read; "
+            "TLS (the default) protects it");
     if (inv.device_command() == "firmware" && inv.flags)
         r->note("--apply and --reboot do nothing after a firmware upload: the upgrade decides");
     kelp::target t = make_target(inv.conn, host, password_provider(source), *r, inv.output.verbose > 0, false);

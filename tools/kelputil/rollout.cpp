@@ -42,8 +42,10 @@ outcome show_plan(const invocation& inv, const std::vector<stage>& stages, const
     int batch = 0;
     for (size_t i = 0; i < stages.size(); i++) {
         bool is_canary = i < (size_t)inv.args.canary;
-        if (is_canary) canary.push_back(stages[i][0]->name);
-        else batches.push_back(names(stages[i]));
+        if (is_canary)
+            canary.push_back(stages[i][0]->name);
+        else
+            batches.push_back(names(stages[i]));
         text += is_canary ? "canary " + std::to_string(i + 1) + ":" : "batch " + std::to_string(++batch) + ":";
         for (const inventory_host* h : stages[i]) text += " " + h->name;
         text += "\n";
@@ -85,7 +87,8 @@ outcome upgrade_host(const invocation& inv, const bytes& image, const kelp::targ
     double back_after = 0;
     if (!(st = wait_until_back(t, inv.args.settle_ms, &back_after))) return failure(st, data);
     bytes report;
-    if (!(st = kelp::fetch_report(t, action_core_sysinfo, 0, &report))) return failure(kelp::fail(st.kind, "after the upgrade: " + st.message), data);
+    if (!(st = kelp::fetch_report(t, action_core_sysinfo, 0, &report)))
+        return failure(kelp::fail(st.kind, "after the upgrade: " + st.message), data);
     std::string text(report.begin(), report.end()), first = text.substr(0, text.find('\n'));
     data["back_after_s"] = back_after;
     data["report"] = json_lines(text);
@@ -121,7 +124,8 @@ outcome run_rollout(const invocation& inv, fleet_runner& runner, const std::vect
         for (const host_result& r : done) halted = halted || !r.result.ok();
         results.insert(results.end(), done.begin(), done.end());
     }
-    return runner.summary(results, std::string(halted ? "firmware roll-out halted" : "firmware roll-out") + " (" +
-                                      image_text(summary) + ")",
-                         {{"halted", halted}, {"image", summary}});
+    return runner.summary(
+        results,
+        std::string(halted ? "firmware roll-out halted" : "firmware roll-out") + " (" + image_text(summary) + ")",
+        {{"halted", halted}, {"image", summary}});
 }

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "runner.h"
 #include "invocation.h"
+#include "runner.h"
 
 outcome run_rollout(const invocation& inv, fleet_runner& runner, const std::vector<const inventory_host*>& hosts);

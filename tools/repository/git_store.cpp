@@ -196,7 +196,8 @@ struct new_objects {
         for (const git_oid& id : ids) {
             char hex[GIT_OID_HEXSZ + 1];
             git_oid_tostr(hex, sizeof hex, &id);
-            std::string path = std::string(git_repository_path(repo)) + "objects/" + std::string(hex, 2) + "/" + (hex + 2);
+            std::string path =
+                std::string(git_repository_path(repo)) + "objects/" + std::string(hex, 2) + "/" + (hex + 2);
             unlink(path.c_str());
         }
         ids.clear();
@@ -226,7 +227,7 @@ status tree_from_folder(git_repository* repo, const std::string& dir, new_object
         if (name == "." || name == ".." || lstat(path.c_str(), &st) != 0) continue;
         git_oid entry;
         bool entry_empty = false;
-        status s = S_ISDIR(st.st_mode) ? tree_from_folder(repo, path, added, &entry, &entry_empty)
+        status s = S_ISDIR(st.st_mode)   ? tree_from_folder(repo, path, added, &entry, &entry_empty)
                    : S_ISREG(st.st_mode) ? blob_from_file(repo, path, added, &entry)
                                          : kelp::ok();
         if (!s) return s;
@@ -331,8 +332,9 @@ status move_head(git_repository* repo, const git_oid& id, const git_oid* before)
     int r = before ? git_reference_create_matching(moved.out(), repo, name.c_str(), &id, 1, before, "kelputil backup")
                    : git_reference_create(moved.out(), repo, name.c_str(), &id, 0, "kelputil backup");
     if (r == GIT_EMODIFIED || r == GIT_EEXISTS)
-        return fail(error_kind::local, name + " moved while this backup was made (another program writing the "
-                                              "repository?): this commit is not added");
+        return fail(error_kind::local, name +
+                                           " moved while this backup was made (another program writing the "
+                                           "repository?): this commit is not added");
     if (r != 0) return git_failure("moving " + name);
     return kelp::ok();
 }
@@ -350,18 +352,20 @@ status git_store::open_repository(const std::string& dir, bool create, bool init
         if (!new_or_empty(dir, &not_folder) && !init)
             return fail(error_kind::local,
                         not_folder ? "cannot keep backups in " + dir + ": it is not a folder"
-                                   : dir + " is not empty and holds no backups (not a git repository): give a new or "
-                                           "empty folder, or add --init to keep the backups there beside its files");
+                                   : dir +
+                                         " is not empty and holds no backups (not a git repository): give a new or "
+                                         "empty folder, or add --init to keep the backups there beside its files");
         if (!out) return kelp::ok();  // a look only: nothing is made
-        mkdir(dir.c_str(), 0700);  // the backups are secrets; parents, if missing, as the umask has them
+        mkdir(dir.c_str(), 0700);     // the backups are secrets; parents, if missing, as the umask has them
         git_repository_init_options options;
         git_repository_init_options_init(&options, GIT_REPOSITORY_INIT_OPTIONS_VERSION);
         options.flags = GIT_REPOSITORY_INIT_MKPATH;
         r = git_repository_init_ext(&repo, dir.c_str(), &options);
     }
     if (r == GIT_ENOTFOUND)
-        return fail(error_kind::local, dir + " holds no backups (not a git repository): give the folder of a "
-                                             "fleet backup with --into");
+        return fail(error_kind::local, dir +
+                                           " holds no backups (not a git repository): give the folder of a "
+                                           "fleet backup with --into");
     if (r != 0) return git_failure("opening the backups in " + dir);
     std::unique_ptr<git_store> store(new git_store(repo, dir));
     if (!git_repository_workdir(repo))
@@ -470,9 +474,10 @@ status git_store::convert_layout(const std::string& writer, std::vector<std::str
     if (hosts->empty()) return kelp::ok();
     if (git_treebuilder_write(&tree_id, root) != 0 || git_tree_lookup(tree.out(), repo_, &tree_id) != 0)
         return git_failure("writing the tree");
-    std::string message = "convert HOST folders to one copy of each backup: no config.plain beside config/, no "
-                          "config/config/\n\n" +
-                          std::to_string(hosts->size()) + " hosts, by " + writer + ", no router asked:\n";
+    std::string message =
+        "convert HOST folders to one copy of each backup: no config.plain beside config/, no "
+        "config/config/\n\n" +
+        std::to_string(hosts->size()) + " hosts, by " + writer + ", no router asked:\n";
     for (const std::string& h : *hosts) message += "  " + h + "\n";
     new_objects added{repo_, {}};
     status st = write_commit(repo_, head, tree, message, &commit_id);
@@ -548,7 +553,8 @@ status git_store::diff(const std::string& folder, const std::string& from, const
         if (git_commit_lookup(c.out(), repo_, &id) != 0) return git_failure("reading a commit");
         if (!(st = tree_of(repo_, id, new_tree.out())) || !(st = parent_tree_of(c, old_tree.out()))) return st;
     } else {
-        if (!(st = resolve_tree(repo_, from, old_tree.out())) || !(st = resolve_tree(repo_, to.empty() ? "HEAD" : to, new_tree.out())))
+        if (!(st = resolve_tree(repo_, from, old_tree.out())) ||
+            !(st = resolve_tree(repo_, to.empty() ? "HEAD" : to, new_tree.out())))
             return st;
     }
     diff_ptr d;
@@ -611,9 +617,9 @@ status git_store::files_at(const std::string& rev, const std::string& folder, st
     return kelp::ok();
 }
 
-status git_store::read_files(const std::string& rev, const std::vector<std::string>& folders,
-                             const std::function<bool(const std::string&, const std::string&, std::string_view)>&
-                                 visit) {
+status git_store::read_files(
+    const std::string& rev, const std::vector<std::string>& folders,
+    const std::function<bool(const std::string&, const std::string&, std::string_view)>& visit) {
     tree_ptr root;
     status st = resolve_tree(repo_, rev.empty() ? "HEAD" : rev, root.out());
     if (!st) return st;
@@ -728,35 +734,37 @@ bool folder_changed(const git_tree* tree, const git_tree* parent, const std::str
 
 status git_store::last_changes(const std::vector<std::string>& folders, std::map<std::string, folder_change>* out) {
     std::vector<std::string> left = folders;
-    return walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
-        for (size_t i = 0; i < left.size();) {
-            if (!folder_changed(tree, parent, left[i])) {
-                i++;
-                continue;
-            }
-            if (!git_tree_entry_byname(tree, left[i].c_str())) {
-                left.erase(left.begin() + i);  // removed last: nothing of it at HEAD
-                continue;
-            }
-            (*out)[left[i]] = change_of(c, id);
-            left.erase(left.begin() + i);
-        }
-        return !left.empty();
-    });
+    return walk_history(repo_,
+                        [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
+                            for (size_t i = 0; i < left.size();) {
+                                if (!folder_changed(tree, parent, left[i])) {
+                                    i++;
+                                    continue;
+                                }
+                                if (!git_tree_entry_byname(tree, left[i].c_str())) {
+                                    left.erase(left.begin() + i);  // removed last: nothing of it at HEAD
+                                    continue;
+                                }
+                                (*out)[left[i]] = change_of(c, id);
+                                left.erase(left.begin() + i);
+                            }
+                            return !left.empty();
+                        });
 }
 
 status git_store::changes_after(const std::string& folder, const std::string& after, std::vector<folder_change>* out,
                                 bool* found) {
     *found = after.empty();  // after nothing: the whole history
     out->clear();
-    status st = walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
-        if (id_starts(id, after)) {
-            *found = true;
-            return false;
-        }
-        if (folder_changed(tree, parent, folder)) out->insert(out->begin(), change_of(c, id));
-        return true;
-    });
+    status st =
+        walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
+            if (id_starts(id, after)) {
+                *found = true;
+                return false;
+            }
+            if (folder_changed(tree, parent, folder)) out->insert(out->begin(), change_of(c, id));
+            return true;
+        });
     if (!*found) out->clear();
     return st;
 }
@@ -781,23 +789,27 @@ status git_store::folders(std::vector<std::string>* out) {
 status git_store::changes_between(double since, double until, const std::string& only, size_t max, json* out) {
     *out = json::array();
     status failed;
-    status st = walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
-        double t = (double)git_commit_time(c);
-        if (t > until) return true;
-        if (t < since) return false;  // time order: nothing older can be in range
-        folder_change change = change_of(c, id);
-        for (size_t i = 0; i < git_tree_entrycount(tree) && out->size() < max; i++) {
-            const git_tree_entry* e = git_tree_entry_byindex(tree, i);
-            std::string folder = git_tree_entry_name(e);
-            if (git_tree_entry_type(e) != GIT_OBJECT_TREE || (!only.empty() && folder != only) ||
-                !folder_changed(tree, parent, folder))
-                continue;
-            diff_ptr d;
-            if (!(failed = folder_diff(repo_, parent, tree, folder, d.out()))) return false;
-            out->push_back({{"host", folder}, {"rev", change.commit}, {"time", (long long)t},
-                            {"message", change.subject}, {"files", changed_files(d, folder)}});
-        }
-        return out->size() < max;
-    });
+    status st =
+        walk_history(repo_, [&](const git_oid& id, const git_commit* c, const git_tree* tree, const git_tree* parent) {
+            double t = (double)git_commit_time(c);
+            if (t > until) return true;
+            if (t < since) return false;  // time order: nothing older can be in range
+            folder_change change = change_of(c, id);
+            for (size_t i = 0; i < git_tree_entrycount(tree) && out->size() < max; i++) {
+                const git_tree_entry* e = git_tree_entry_byindex(tree, i);
+                std::string folder = git_tree_entry_name(e);
+                if (git_tree_entry_type(e) != GIT_OBJECT_TREE || (!only.empty() && folder != only) ||
+                    !folder_changed(tree, parent, folder))
+                    continue;
+                diff_ptr d;
+                if (!(failed = folder_diff(repo_, parent, tree, folder, d.out()))) return false;
+                out->push_back({{"host", folder},
+                                {"rev", change.commit},
+                                {"time", (long long)t},
+                                {"message", change.subject},
+                                {"files", changed_files(d, folder)}});
+            }
+            return out->size() < max;
+        });
     return st ? failed : st;
 }

@@ -29,7 +29,8 @@ public:
     // when dir is new or empty; a folder that holds other files is made one
     // only with init, so that a mistyped --into takes nobody's folder over.
     // Without out, only says whether it could: nothing is made.
-    static kelp::status open_repository(const std::string& dir, bool create, bool init, std::unique_ptr<git_store>* out);
+    static kelp::status open_repository(const std::string& dir, bool create, bool init,
+                                        std::unique_ptr<git_store>* out);
 
     // The folder as given, and its git folder (ending in '/').
     const std::string& dir() const { return dir_; }
@@ -89,9 +90,9 @@ public:
     };
     kelp::status files_at(const std::string& rev, const std::string& folder, std::vector<file_size>* files);
     kelp::status read_at(const std::string& rev, const std::string& path, std::string* content);
-    kelp::status read_files(const std::string& rev, const std::vector<std::string>& folders,
-                            const std::function<bool(const std::string& folder, const std::string& path,
-                                                     std::string_view content)>& visit);
+    kelp::status read_files(
+        const std::string& rev, const std::vector<std::string>& folders,
+        const std::function<bool(const std::string& folder, const std::string& path, std::string_view content)>& visit);
     // shown: the remote as messages name it (without a password).
     kelp::status push(const std::string& remote, const std::string& remote_branch, const std::string& shown);
 
@@ -128,4 +129,3 @@ private:
     git_repository* repo_;
     std::string dir_;
 };
-

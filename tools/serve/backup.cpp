@@ -46,8 +46,8 @@ std::string api_address(const serve_options& o) {
 
 }  // namespace
 
-status backup_store::open_repository(const serve_options& o, const std::string& state_file, const std::vector<std::string>& hosts,
-                          std::unique_ptr<backup_store>* out) {
+status backup_store::open_repository(const serve_options& o, const std::string& state_file,
+                                     const std::vector<std::string>& hosts, std::unique_ptr<backup_store>* out) {
     auto store = std::make_unique<backup_store>();
     store->dir_ = o.into;
     store->scripts_ = o.scripts;

@@ -30,7 +30,7 @@ public:
     // writer until destroyed, brings the hosts' folders back to the last
     // commit after a crash, and keeps the state file out of git status.
     static kelp::status open_repository(const serve_options& o, const std::string& state_file,
-                             const std::vector<std::string>& hosts, std::unique_ptr<backup_store>* out);
+                                        const std::vector<std::string>& hosts, std::unique_ptr<backup_store>* out);
     // Leaves no staging behind, then lets the next writer in.
     ~backup_store();
 

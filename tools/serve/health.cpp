@@ -54,7 +54,8 @@ std::vector<std::string> service_health::reasons(const scheduler& s, const std::
     if (lag > s.interval())
         out.push_back("the schedule is stuck: " + host + " is " + kelp::seconds_text(lag) +
                       " past its due time, more than one interval");
-    if (!f_.repository_writable) out.push_back("cannot write the backups in " + repository + ": " + last_failure_);
+    if (!f_.repository_writable)
+        out.push_back("cannot write the backups in " + repository + ": " + last_failure_);
     else if (failed_in_row_ >= failing_commits)
         out.push_back("the last " + std::to_string(failed_in_row_) + " commits failed: " + last_failure_);
     return out;

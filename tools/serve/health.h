@@ -37,7 +37,10 @@ public:
     void push_failed(const std::string& message) override;
     void hook_result(const std::string& hook, bool ok);
     void reload_result(bool ok, double when);
-    void stopping() { std::lock_guard<std::mutex> hold(lock_); stopping_ = true; }
+    void stopping() {
+        std::lock_guard<std::mutex> hold(lock_);
+        stopping_ = true;
+    }
 
     health_figures figures() const;
     // Why the service is not healthy, the worst first; empty when it is.

@@ -72,8 +72,7 @@ void hook_runner::start(const std::string& what, const std::string& command,
         return;
     }
     waiting_.push_back({what, command, vars, std::move(done)});
-    if ((int)workers_.size() < max_running && busy_ == (int)workers_.size())
-        workers_.emplace_back([this] { work(); });
+    if ((int)workers_.size() < max_running && busy_ == (int)workers_.size()) workers_.emplace_back([this] { work(); });
     wake_.notify_one();
 }
 

@@ -464,8 +464,10 @@ void http_server::core::watch_deadlines() {
         if (deadline_moved.wait_until(hold, next) == std::cv_status::no_timeout) continue;
         std::vector<std::shared_ptr<exchange>> due;
         for (auto it = deadlines.begin(); it != deadlines.end() && it->first <= steady::now();) {
-            if (auto ex = it->second.lock()) due.push_back(ex), ++it;
-            else it = deadlines.erase(it);
+            if (auto ex = it->second.lock())
+                due.push_back(ex), ++it;
+            else
+                it = deadlines.erase(it);
         }
         hold.unlock();
         for (auto& ex : due) ex->answer(ex->on_deadline);
@@ -504,14 +506,14 @@ kelp::status http_server::start() {
         options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, (void*)c.key.c_str()});
     }
     options.push_back({MHD_OPTION_END, 0, nullptr});
-    c.daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, on_request, &c, MHD_OPTION_ARRAY, options.data(),
-                                MHD_OPTION_END);
+    c.daemon =
+        MHD_start_daemon(flags, 0, nullptr, nullptr, on_request, &c, MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
     if (!c.daemon) {  // the process ends: whether libmicrohttpd closed the socket does not matter
         c.listen_fd = -1;
-        return fail(error_kind::local, tls ? "cannot serve HTTPS with --tls-cert " + s.tls_cert + " and --tls-key " +
-                                                 s.tls_key + ": check that both are PEM and belong together"
-                                           : "cannot serve on " + address_text(s.host, s.port) +
-                                                 ": the HTTP server did not start");
+        return fail(error_kind::local,
+                    tls ? "cannot serve HTTPS with --tls-cert " + s.tls_cert + " and --tls-key " + s.tls_key +
+                              ": check that both are PEM and belong together"
+                        : "cannot serve on " + address_text(s.host, s.port) + ": the HTTP server did not start");
     }
     for (int i = 0; i < s.threads; i++) c.workers.emplace_back([&c] { c.work(); });
     c.deadline_thread = std::thread([&c] { c.watch_deadlines(); });

@@ -6,19 +6,19 @@
 // bounded in all and per client address, and so are the clients waiting.
 #pragma once
 
+#include <strings.h>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
-#include <strings.h>
 #include <utility>
 #include <vector>
 
 #include "status.h"
 
 struct http_request {
-    std::string method, path;  // path: decoded, without the query
-    std::vector<std::string> matches;  // the route's pattern: [0] the whole path, then its groups
+    std::string method, path;                   // path: decoded, without the query
+    std::vector<std::string> matches;           // the route's pattern: [0] the whole path, then its groups
     std::map<std::string, std::string> params;  // the query, decoded
     struct no_case {
         bool operator()(const std::string& a, const std::string& b) const {

@@ -10,9 +10,9 @@
 
 #include <exception>
 
-#include "outcome.h"
 #include "api.h"
 #include "log.h"
+#include "outcome.h"
 #include "push.h"
 #include "service.h"
 

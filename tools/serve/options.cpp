@@ -11,11 +11,11 @@
 
 #include "connection_cli.h"
 #include "durations.h"
-#include "words.h"
 #include "files.h"
 #include "lines.h"
 #include "outcome.h"
 #include "password.h"
+#include "words.h"
 
 namespace {
 
@@ -179,8 +179,8 @@ std::string check_config_keys(const CLI::App& app, const std::string& path) {
         seen[key] = number;
         if (std::find(known.begin(), known.end(), key) != known.end()) continue;
         std::string best = closest(key, known);
-        return where + "unknown key '" + key + "'" +
-               (best.empty() ? "" : " (did you mean '" + best + "'?)") + "; kelputil serve --help lists the keys";
+        return where + "unknown key '" + key + "'" + (best.empty() ? "" : " (did you mean '" + best + "'?)") +
+               "; kelputil serve --help lists the keys";
     }
     return "";
 }
@@ -206,7 +206,7 @@ std::string check_options(const CLI::App& app, const std::vector<char*>& args) {
 }  // namespace
 
 long long run_bound_ms(const serve_options& o) {
-    constexpr int sessions = 3;              // the backup and two reports
+    constexpr int sessions = 3;             // the backup and two reports
     constexpr long long commit_ms = 30000;  // a commit on a slow disk
     return sessions * (long long)o.conn.timeout_ms + commit_ms;
 }

@@ -1,11 +1,11 @@
 #include "push.h"
 
 #include <fcntl.h>
-#include <string.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -188,7 +188,7 @@ void pusher::work() {
         double now = kelp::wall_seconds();
         hold.lock();
         if (stopping_) return;  // ended by the stop, not by the remote
-        if (!tried) continue;  // nothing committed yet: neither a success nor a failure
+        if (!tried) continue;   // nothing committed yet: neither a success nor a failure
         if (st) {
             if (failures > 0) log_event("push to " + shown_remote(remote_) + " works again");
             failures = 0;

@@ -140,11 +140,13 @@ void get_hosts(service& s, const http_request&, http_answer& res) {
     for (const host_state& st : s.schedule().hosts()) hosts.push_back(host_json(s, st));
     json retired = json::array();
     for (const auto& [name, c] : s.retired_hosts())
-        retired.push_back({{"name", name}, {"last_commit", text_or_null(c.commit)}, {"last_change", seconds_or_null(c.time)}});
-    answer(res, 200, {{"interval", s.schedule().interval()},
-                      {"started", (long long)s.schedule().started()},
-                      {"hosts", hosts},
-                      {"retired", retired}});
+        retired.push_back(
+            {{"name", name}, {"last_commit", text_or_null(c.commit)}, {"last_change", seconds_or_null(c.time)}});
+    answer(res, 200,
+           {{"interval", s.schedule().interval()},
+            {"started", (long long)s.schedule().started()},
+            {"hosts", hosts},
+            {"retired", retired}});
 }
 
 // The host with its newest changes: ?history=N of them (100 by default);
@@ -187,7 +189,9 @@ void get_diff(service& s, const http_request& req, http_answer& res) {
         return h ? git.diff(st.name, from, to, &patch, &files) : h;
     });
     if (!r) return answer_error(res, 404, r.message);
-    json out = {{"host", st.name}, {"to", to.empty() ? "HEAD" : to}, {"files", files_in_host(st.name, files)},
+    json out = {{"host", st.name},
+                {"to", to.empty() ? "HEAD" : to},
+                {"files", files_in_host(st.name, files)},
                 {"patch", patch}};
     if (!from.empty()) out["from"] = from;
     answer(res, 200, out);
@@ -206,8 +210,9 @@ void get_file_list(service& s, const http_request& req, http_answer& res) {
         if (!r) return answer_error(res, 404, r.message);
         for (const auto& f : sizes) files.push_back({{"path", f.path}, {"size", f.size}});
     }
-    answer(res, 200, {{"host", st.name}, {"rev", rev.empty() ? "HEAD" : rev}, {"state", scheduler::verdict(st)},
-                      {"files", files}});
+    answer(
+        res, 200,
+        {{"host", st.name}, {"rev", rev.empty() ? "HEAD" : rev}, {"state", scheduler::verdict(st)}, {"files", files}});
 }
 
 void get_file(service& s, const http_request& req, http_answer& res) {
@@ -216,7 +221,8 @@ void get_file(service& s, const http_request& req, http_answer& res) {
     if (!find_host(s, req, res, &st, true)) return;
     if (!plain_revision(rev) || path.find("..") != std::string::npos)
         return answer_error(res, 400, "rev is a commit id (or HEAD, HEAD~N); PATH a file of the host");
-    kelp::status r = s.store().reading([&](git_store& git) { return git.read_at(rev, st.name + "/" + path, &content); });
+    kelp::status r =
+        s.store().reading([&](git_store& git) { return git.read_at(rev, st.name + "/" + path, &content); });
     if (!r) return answer_error(res, 404, r.message);
     res.set_content(content, "application/octet-stream");
 }
@@ -239,19 +245,20 @@ void post_backup(service& s, const http_request& req, http_answer& res) {
     log_event(name + ": backup asked for through the API");
     if (!later) return answer(res, 202, {{"host", name}, {"queued", true}});
     double interval = s.schedule().interval();
-    s.schedule().when_done(name, ticket, [later, name, interval](wait_end end, const host_state& st, const host_run& r) {
-        http_answer res;
-        if (end == wait_end::stopping) answer_error(res, 503, "the service is stopping");
-        if (end == wait_end::host_left) answer_error(res, 404, "no host " + name + " is served");
-        if (end != wait_end::finished) return later->answer(std::move(res));
-        json out = host_json(st, kelp::wall_seconds(), interval);
-        out["ok"] = r.error.empty();
-        out["changed"] = !r.commit.empty();
-        out["commit"] = text_or_null(r.commit);
-        out["message"] = !r.error.empty() ? r.error : r.commit.empty() ? "unchanged" : "changed";
-        answer(res, 200, out);
-        later->answer(std::move(res));
-    });
+    s.schedule().when_done(name, ticket,
+                           [later, name, interval](wait_end end, const host_state& st, const host_run& r) {
+                               http_answer res;
+                               if (end == wait_end::stopping) answer_error(res, 503, "the service is stopping");
+                               if (end == wait_end::host_left) answer_error(res, 404, "no host " + name + " is served");
+                               if (end != wait_end::finished) return later->answer(std::move(res));
+                               json out = host_json(st, kelp::wall_seconds(), interval);
+                               out["ok"] = r.error.empty();
+                               out["changed"] = !r.commit.empty();
+                               out["commit"] = text_or_null(r.commit);
+                               out["message"] = !r.error.empty() ? r.error : r.commit.empty() ? "unchanged" : "changed";
+                               answer(res, 200, out);
+                               later->answer(std::move(res));
+                           });
 }
 
 void get_search(service& s, const http_request& req, http_answer& res) {
@@ -284,12 +291,13 @@ void get_changes(service& s, const http_request& req, http_answer& res) {
     double now = s.schedule().wall_now(), since = 0, until = 0;
     if (!seconds_param(query(req, "since"), now - default_changes_days * 24 * 3600, &since) ||
         !seconds_param(query(req, "until"), now, &until) || since > until)
-        return answer_error(res, 400, "since and until are Unix seconds, since before until (default: the last " +
-                                          std::to_string(default_changes_days) + " days)");
+        return answer_error(res, 400,
+                            "since and until are Unix seconds, since before until (default: the last " +
+                                std::to_string(default_changes_days) + " days)");
     json changes;
     std::string host = query(req, "host");
-    kelp::status r =
-        s.store().reading([&](git_store& git) { return git.changes_between(since, until, host, max_changes, &changes); });
+    kelp::status r = s.store().reading(
+        [&](git_store& git) { return git.changes_between(since, until, host, max_changes, &changes); });
     if (!r) return answer_error(res, 500, r.message);
     json out = {{"since", (long long)since}, {"until", (long long)until}, {"changes", changes}};
     if (!host.empty()) out["host"] = host;

@@ -19,9 +19,7 @@ std::string address_of(const inventory_host& h) {
 
 schedule_clock real_clock() { return {kelp::monotonic_seconds, kelp::wall_seconds}; }
 
-double retry_delay(double interval, int failures) {
-    return kelp::backoff(interval / 16, interval / 2, failures);
-}
+double retry_delay(double interval, int failures) { return kelp::backoff(interval / 16, interval / 2, failures); }
 
 bool is_overdue(const host_state& h, double now, double interval) {
     if (h.retired) return false;  // nobody backs it up any more
@@ -29,7 +27,10 @@ bool is_overdue(const host_state& h, double now, double interval) {
 }
 
 scheduler::scheduler(double interval, int jobs, host_runner runner, run_listener listener, schedule_clock clock)
-    : interval_(interval), jobs_(jobs), runner_(std::move(runner)), listener_(std::move(listener)),
+    : interval_(interval),
+      jobs_(jobs),
+      runner_(std::move(runner)),
+      listener_(std::move(listener)),
       clock_(std::move(clock)) {
     started_wall_ = clock_.wall();
 }
@@ -55,7 +56,7 @@ void scheduler::set_hosts(const std::vector<inventory_host>& hosts, const std::m
         if (s != saved.end()) e.state = s->second;
         e.state.name = h.name;
         e.state.address = address_of(h);
-        if (e.state.since == 0) e.state.since = wall;  // kept from then on, across restarts
+        if (e.state.since == 0) e.state.since = wall;                              // kept from then on, across restarts
         e.due = e.state.next_due > 0 ? e.state.next_due - wall + now : -HUGE_VAL;  // never run: first
         // Saved further ahead than one interval (a shorter --interval now, or
         // a clock that was ahead at the stop): due now, with the others.
@@ -63,7 +64,8 @@ void scheduler::set_hosts(const std::vector<inventory_host>& hosts, const std::m
         if (e.due <= now) to_spread.push_back(&e);
     }
     // The longest waiting first, each a step of interval / n later.
-    std::stable_sort(to_spread.begin(), to_spread.end(), [](const entry* a, const entry* b) { return a->due < b->due; });
+    std::stable_sort(to_spread.begin(), to_spread.end(),
+                     [](const entry* a, const entry* b) { return a->due < b->due; });
     for (size_t i = 0; i < to_spread.size(); i++) to_spread[i]->due = now + interval_ * i / to_spread.size();
     for (const auto& [name, e] : hosts_)
         if (!next.count(name)) waiters_.host_left(name);
@@ -208,7 +210,8 @@ std::vector<host_state> scheduler::hosts() const {
         std::lock_guard<std::mutex> hold(lock_);
         for (const auto& [name, e] : hosts_) out.push_back(shown(e));
     }
-    std::sort(out.begin(), out.end(), [](const host_state& a, const host_state& b) { return natural_less(a.name, b.name); });
+    std::sort(out.begin(), out.end(),
+              [](const host_state& a, const host_state& b) { return natural_less(a.name, b.name); });
     return out;
 }
 

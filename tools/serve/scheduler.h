@@ -23,7 +23,7 @@
 struct host_run {
     std::string error;
     std::string commit, model, firmware;
-    double uptime = 0;        // the router's uptime in s, 0: not read this time
+    double uptime = 0;  // the router's uptime in s, 0: not read this time
     bool reports_read = false;
     // The failure was in writing the repository, not in the host; and then
     // whether the repository cannot be written at all (a full disk).
@@ -53,7 +53,8 @@ bool is_overdue(const host_state& h, double now, double interval);
 
 class scheduler {
 public:
-    scheduler(double interval, int jobs, host_runner runner, run_listener listener, schedule_clock clock = real_clock());
+    scheduler(double interval, int jobs, host_runner runner, run_listener listener,
+              schedule_clock clock = real_clock());
     ~scheduler();
 
     // The hosts to serve, with what was saved of them. Hosts not yet known
@@ -100,8 +101,8 @@ private:
     struct entry {
         inventory_host host;
         host_state state;
-        double due = 0;       // monotonic
-        double run_start = 0; // monotonic, while running
+        double due = 0;        // monotonic
+        double run_start = 0;  // monotonic, while running
         bool running = false;
         long long front = 0;  // when asked for out of turn: its place in that queue, else 0
         long long runs = 0;

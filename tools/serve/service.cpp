@@ -24,7 +24,10 @@ bool same_commit(const std::string& a, const std::string& b) {
 }
 
 attempt attempt_of(const host_state& s, const host_run& r) {
-    return {s.last_attempt, s.last_duration, !r.error.empty() ? "failed" : r.commit.empty() ? "unchanged" : "changed",
+    return {s.last_attempt, s.last_duration,
+            !r.error.empty()   ? "failed"
+            : r.commit.empty() ? "unchanged"
+                               : "changed",
             r.error, r.commit};
 }
 
@@ -104,7 +107,7 @@ kelp::status service::take_truth_from_git(const std::vector<inventory_host>& hos
     for (const inventory_host& h : hosts) names.push_back(h.name);
     bool had_state = !saved->empty();
     std::map<std::string, git_store::folder_change> last;
-    std::string base, head = store_->reading([&](git_store& git) { return git.head_commit(); });
+    std::string base, head = store_->reading([&](git_store&git) { return git.head_commit(); });
     bool present = false;
     kelp::status st = store_->reading([&](git_store& git) { return git.last_changes(names, &last); });
     if (st) st = db_->get_meta("created_head", &base, &present);
@@ -139,7 +142,8 @@ kelp::status service::take_truth_from_git(const std::vector<inventory_host>& hos
         s.hooked_commit = from;  // until the hooks below have run
         for (const git_store::folder_change& m : missed) replay_.emplace_back(name, m);
     }
-    if ((rebuilt || !had_state) && !last.empty()) log_event("the hosts' last changes are taken from the backups' history");
+    if ((rebuilt || !had_state) && !last.empty())
+        log_event("the hosts' last changes are taken from the backups' history");
     if (!replay_.empty())
         log_event(std::to_string(replay_.size()) + " change hooks did not run before the last stop: they run now");
     return kelp::ok();
@@ -158,7 +162,8 @@ void service::find_retired(const std::vector<inventory_host>& hosts) {
     retired_.clear();
     for (const std::string& name : gone) retired_.emplace_back(name, last[name]);
     if (!gone.empty())
-        log_event(plural(gone.size(), "folder") + " of the backups belong to no host of the inventory; "
+        log_event(plural(gone.size(), "folder") +
+                  " of the backups belong to no host of the inventory; "
                   "they stay as they are");
 }
 
@@ -241,7 +246,8 @@ void service::after_run(const host_state& done, const host_run& r, int failures_
     bool page = host_failed && !done.failure_hooked, recover = r.error.empty() && done.failure_hooked;
     host_state s = done;
     if (page || recover)
-        schedule_->update(done.name, [&](host_state& h) { h.failure_hooked = page; }, &s);
+        schedule_->update(
+            done.name, [&](host_state& h) { h.failure_hooked = page; }, &s);
     attempt a = attempt_of(s, r);
     save(s, &a);
     std::map<std::string, std::string> vars = {
@@ -260,7 +266,8 @@ void service::after_run(const host_state& done, const host_run& r, int failures_
         hooks_.start(s.name + " on-failure", o_.on_failure, vars, hook_counter("on-failure"));
         return;
     }
-    if (failures_before > 0) log_event(s.name + ": backed up again after " + std::to_string(failures_before) + " failures");
+    if (failures_before > 0)
+        log_event(s.name + ": backed up again after " + std::to_string(failures_before) + " failures");
     if (recover) {
         vars["FAILURES"] = std::to_string(failures_before);
         hooks_.start(s.name + " on-recovery", o_.on_recovery, vars, hook_counter("on-recovery"));
@@ -299,10 +306,13 @@ void service::run_change_hook(const host_state& s, const std::string& commit, do
 void service::hooked(const std::string& host, const std::string& commit) {
     host_state now;
     bool changed = false;
-    bool found = schedule_->update(host, [&](host_state& s) {
-        if (!same_commit(s.last_commit, commit) || same_commit(s.hooked_commit, commit)) return;
-        s.hooked_commit = s.last_commit;
-        changed = true;
-    }, &now);
+    bool found = schedule_->update(
+        host,
+        [&](host_state& s) {
+            if (!same_commit(s.last_commit, commit) || same_commit(s.hooked_commit, commit)) return;
+            s.hooked_commit = s.last_commit;
+            changed = true;
+        },
+        &now);
     if (found && changed) save(now);
 }

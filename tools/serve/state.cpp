@@ -20,23 +20,45 @@ constexpr int busy_timeout_ms = 5000;
 
 // Every column of the hosts table, by name: the schema, the reads and the
 // writes all come from these lists.
-struct text_column { const char* name; std::string host_state::*field; };
-struct real_column { const char* name; double host_state::*field; };
-struct whole_column { const char* name; long long host_state::*field; };
-struct count_column { const char* name; int host_state::*field; };
-struct flag_column { const char* name; bool host_state::*field; };
+struct text_column {
+    const char* name;
+    std::string host_state::*field;
+};
+struct real_column {
+    const char* name;
+    double host_state::*field;
+};
+struct whole_column {
+    const char* name;
+    long long host_state::*field;
+};
+struct count_column {
+    const char* name;
+    int host_state::*field;
+};
+struct flag_column {
+    const char* name;
+    bool host_state::*field;
+};
 
 const text_column text_columns[] = {
-    {"name", &host_state::name},           {"address", &host_state::address},
-    {"last_commit", &host_state::last_commit}, {"last_error", &host_state::last_error},
-    {"model", &host_state::model},         {"firmware", &host_state::firmware},
+    {"name", &host_state::name},
+    {"address", &host_state::address},
+    {"last_commit", &host_state::last_commit},
+    {"last_error", &host_state::last_error},
+    {"model", &host_state::model},
+    {"firmware", &host_state::firmware},
     {"hooked_commit", &host_state::hooked_commit},
 };
 const real_column real_columns[] = {
-    {"last_attempt", &host_state::last_attempt}, {"last_success", &host_state::last_success},
-    {"last_change", &host_state::last_change},   {"last_duration", &host_state::last_duration},
-    {"next_due", &host_state::next_due},         {"reports_time", &host_state::reports_time},
-    {"uptime", &host_state::uptime},       {"since", &host_state::since},
+    {"last_attempt", &host_state::last_attempt},
+    {"last_success", &host_state::last_success},
+    {"last_change", &host_state::last_change},
+    {"last_duration", &host_state::last_duration},
+    {"next_due", &host_state::next_due},
+    {"reports_time", &host_state::reports_time},
+    {"uptime", &host_state::uptime},
+    {"since", &host_state::since},
 };
 const whole_column whole_columns[] = {{"attempts", &host_state::attempts}, {"failures", &host_state::failures}};
 const count_column count_columns[] = {{"consecutive_failures", &host_state::consecutive_failures}};
@@ -100,11 +122,14 @@ struct statement {
     ~statement() { sqlite3_finalize(s); }
 };
 
-bool exec(sqlite3* db, const std::string& sql) { return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK; }
+bool exec(sqlite3* db, const std::string& sql) {
+    return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+}
 
 int user_version(sqlite3* db) {
     statement q;
-    if (sqlite3_prepare_v2(db, "PRAGMA user_version", -1, &q.s, nullptr) != SQLITE_OK || sqlite3_step(q.s) != SQLITE_ROW)
+    if (sqlite3_prepare_v2(db, "PRAGMA user_version", -1, &q.s, nullptr) != SQLITE_OK ||
+        sqlite3_step(q.s) != SQLITE_ROW)
         return -1;
     return sqlite3_column_int(q.s, 0);
 }
@@ -159,8 +184,8 @@ std::string move_aside(const std::string& path) {
 
 status open_file(const std::string& path, sqlite3** out) {
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr) !=
-        SQLITE_OK) {
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                        nullptr) != SQLITE_OK) {
         status st = db_failure(db, "cannot open the state database " + path);
         sqlite3_close(db);
         return st;
@@ -252,8 +277,8 @@ status state_db::open(const std::string& path, std::unique_ptr<state_db>* out, s
     std::string why = prepare(db);
     if (why == newer_layout) {
         sqlite3_close(db);
-        return kelp::fail(error_kind::local, "the state file " + path + " " + why +
-                                                 ": run that version, or give another --state");
+        return kelp::fail(error_kind::local,
+                          "the state file " + path + " " + why + ": run that version, or give another --state");
     }
     if (!why.empty()) {
         sqlite3_close(db);

@@ -30,10 +30,10 @@ struct host_state {
     double last_duration = 0;  // seconds
     double next_due = 0;       // Unix seconds
     std::string model, firmware;
-    double reports_time = 0;   // when model and firmware were last read
-    double uptime = 0;         // the router's, as its report gave it then
-    double since = 0;          // when it joined the schedule, in this state's life
-    bool retired = false;      // no longer in the inventory: its files only (not saved)
+    double reports_time = 0;  // when model and firmware were last read
+    double uptime = 0;        // the router's, as its report gave it then
+    double since = 0;         // when it joined the schedule, in this state's life
+    bool retired = false;     // no longer in the inventory: its files only (not saved)
 };
 
 // One backup attempt, as the host's list of attempts shows it.

@@ -10,9 +10,9 @@
 
 #include "actions.h"
 #include "inventory.h"
+#include "options.h"
 #include "password.h"
 #include "reporter.h"
-#include "options.h"
 
 class serve_targets {
 public:

@@ -45,7 +45,8 @@ outcome back_up_host(const invocation& inv, const std::string& staging, const in
     std::lock_guard<std::mutex> hold(staged->lock);
     if (!st) {
         remove_tree(folder);
-        if (taken.disk_failure && staged->disk_failure.empty()) staged->disk_failure = st.message + " (backing up " + h.name + "); ";
+        if (taken.disk_failure && staged->disk_failure.empty())
+            staged->disk_failure = st.message + " (backing up " + h.name + "); ";
         return failure(st);
     }
     staged->folders.emplace_back(h.name, folder);
@@ -60,8 +61,9 @@ std::string commit_message(const std::vector<host_result>& results, const std::v
         std::string line = "  " + r.host + ": " + r.result.message;
         (r.result.exit == exit_unreachable ? unreachable : failed).push_back(line);
     }
-    std::string text = "fleet backup: " + std::to_string(changed.size()) + " changed, " + std::to_string(failed.size()) +
-                       " failed, " + std::to_string(unreachable.size()) + " unreachable\n";
+    std::string text = "fleet backup: " + std::to_string(changed.size()) + " changed, " +
+                       std::to_string(failed.size()) + " failed, " + std::to_string(unreachable.size()) +
+                       " unreachable\n";
     if (!changed.empty()) {
         text += "\nchanged:\n";
         for (const std::string& h : changed) text += "  " + h + "\n";
@@ -102,7 +104,8 @@ status check_backup_target(const invocation& inv) {
     status st = git_store::open_repository(inv.args.into, true, inv.args.init, nullptr);
     // An existing repository kept by another writer is refused now; the
     // lock itself is taken for the run.
-    if (st && git_store::open_repository(inv.args.into, false, false, &store)) st = writer_lock::take(*store, writer, &lock);
+    if (st && git_store::open_repository(inv.args.into, false, false, &store))
+        st = writer_lock::take(*store, writer, &lock);
     return st;
 }
 
@@ -129,9 +132,10 @@ outcome run_fleet_backup(const invocation& inv, fleet_runner& runner, const std:
         std::lock_guard<std::mutex> hold(staged.lock);
         return !staged.disk_failure.empty();
     });
-    std::vector<host_result> results = runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter&) {
-        return back_up_host(inv, staging, h, t, &staged);
-    });
+    std::vector<host_result> results =
+        runner.run(hosts, [&](const inventory_host& h, const kelp::target& t, reporter&) {
+            return back_up_host(inv, staging, h, t, &staged);
+        });
     runner.end_status_line();  // what follows, a stop or the commit, speaks in its place
     if (runner.stopped_by() || !staged.disk_failure.empty()) {
         remove_tree(staging);
@@ -152,7 +156,8 @@ outcome run_fleet_backup(const invocation& inv, fleet_runner& runner, const std:
     std::vector<host_result> marked = results;
     for (host_result& r : marked)
         if (r.result.ok())
-            r.result.message = std::find(changed.begin(), changed.end(), r.host) != changed.end() ? "changed" : "unchanged";
+            r.result.message =
+                std::find(changed.begin(), changed.end(), r.host) != changed.end() ? "changed" : "unchanged";
     std::string what = "fleet backup" + (commit.empty() ? std::string(", nothing to commit") : ", commit " + commit);
     json commit_id = commit.empty() ? json(nullptr) : json(commit);
     return runner.summary(marked, what, {{"commit", commit_id}, {"changed", changed}});

@@ -10,8 +10,8 @@
 
 #include <vector>
 
-#include "runner.h"
 #include "invocation.h"
+#include "runner.h"
 
 // Before anyone is asked for a password: a folder that cannot take the
 // backups, or a repository another writer keeps, is refused.

@@ -6,9 +6,7 @@
 extern const web_asset web_asset_table[];
 extern const size_t web_asset_count;
 
-std::span<const web_asset> web_assets() {
-    return {web_asset_table, web_asset_count};
-}
+std::span<const web_asset> web_assets() { return {web_asset_table, web_asset_count}; }
 
 const web_asset* find_web_asset(const std::string& path) {
     const std::string& wanted = path == "/" ? std::string("/index.html") : path;

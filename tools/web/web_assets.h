@@ -8,7 +8,7 @@
 #include <string>
 
 struct web_asset {
-    const char* path;          // as requested, e.g. "/js/main.js"
+    const char* path;  // as requested, e.g. "/js/main.js"
     const char* content_type;
     const unsigned char* data;
     size_t size;

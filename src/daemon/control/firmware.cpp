@@ -5,15 +5,15 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "control/upgrade_relay.h"
 #include "core/client_log.h"
-#include "core/shell.h"
 #include "core/connection.h"
 #include "core/files.h"
 #include "core/process_exit.h"
-#include "protocol.h"
 #include "core/replies.h"
+#include "core/shell.h"
 #include "core/state.h"
-#include "control/upgrade_relay.h"
+#include "protocol.h"
 #include "transfer/frames.h"
 
 // One name for the probe and the upload, so both measure the same file.

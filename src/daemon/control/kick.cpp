@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include "core/connection.h"
-#include "protocol.h"
 #include "core/shell.h"
+#include "protocol.h"
 
 struct kick_texts {
     const char* announce;
@@ -15,7 +15,8 @@ struct kick_texts {
 };
 
 static const kick_texts ppp_texts = {"ppp user name to kick: %s\n", "/tmp/kick-user", "do-pppkick"};
-static const kick_texts hotspot_texts = {"hotspot user name to kick: %s\n", "/tmp/hotspot.user2kick", "do-hotkick user"};
+static const kick_texts hotspot_texts = {"hotspot user name to kick: %s\n", "/tmp/hotspot.user2kick",
+                                         "do-hotkick user"};
 
 // The whole request must arrive in one read: le32 length L, then L bytes.
 static int kick_user(int fd, const kick_texts& texts) {

@@ -48,11 +48,9 @@ int throughput_send(int fd) {
     char* buffer = (char*)allocate_block();
     if (buffer) {
         if (tls_active) {
-            while (send_all(fd, buffer, (int)throughput_block) == (int)throughput_block) {
-            }
+            while (send_all(fd, buffer, (int)throughput_block) == (int)throughput_block) {}
         } else {
-            while (timed_send(fd, buffer, throughput_block) > 0) {
-            }
+            while (timed_send(fd, buffer, throughput_block) > 0) {}
         }
         free(buffer);
     }
@@ -63,11 +61,9 @@ int throughput_receive(int fd) {
     char* buffer = (char*)allocate_block();
     if (buffer) {
         if (tls_active) {
-            while (recv_all(fd, buffer, (int)throughput_block) == (int)throughput_block) {
-            }
+            while (recv_all(fd, buffer, (int)throughput_block) == (int)throughput_block) {}
         } else {
-            while (timed_recv(fd, buffer, throughput_block) > 0) {
-            }
+            while (timed_recv(fd, buffer, throughput_block) > 0) {}
         }
         free(buffer);
     }

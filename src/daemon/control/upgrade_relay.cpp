@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include "core/connection.h"
-#include "protocol.h"
 #include "core/shell.h"
+#include "protocol.h"
 
 static const char fifo_path[] = "/tmp/upgrade";
 static const int line_max = 1024;

@@ -5,8 +5,8 @@
 #include <string.h>
 
 #include "core/connection.h"
-#include "protocol.h"
 #include "core/tokens.h"
+#include "protocol.h"
 #include "rc4.h"
 
 // Used only when /dev/urandom cannot be opened.

@@ -38,8 +38,7 @@ int conn_read(int fd, void* buffer, int length) {
     if (!tls_active) return (int)read(fd, buffer, (size_t)length);
     const unsigned char* record;
     int n;
-    while ((n = tls_read(&record)) == 0) {
-    }
+    while ((n = tls_read(&record)) == 0) {}
     if (n < 0) return -1;
     // One record per call; what does not fit is dropped, as the peer must not
     // pack two messages into one record.

@@ -6,10 +6,10 @@
 
 #include "core/client_log.h"
 #include "core/process_exit.h"
-#include "protocol.h"
 #include "core/replies.h"
 #include "core/shell.h"
 #include "core/state.h"
+#include "protocol.h"
 #include "scripts.h"
 
 [[noreturn]] static void reboot_forever() {

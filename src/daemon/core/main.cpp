@@ -14,10 +14,10 @@
 #include "core/listener.h"
 #include "core/process_exit.h"
 #include "core/program_name.h"
-#include "protocol.h"
 #include "core/request.h"
 #include "core/state.h"
 #include "core/tls.h"
+#include "protocol.h"
 
 static void on_alarm(int) {
     syslog(LOG_NOTICE, "Alarm signal caught - connection timeout");

@@ -4,8 +4,8 @@
 #include <string.h>
 
 #include "core/connection.h"
-#include "protocol.h"
 #include "core/state.h"
+#include "protocol.h"
 
 static void decode_act_pkt(const uint8_t* b, act_pkt_t* p) {
     p->req = get_be16(b + act_req_offset);

@@ -7,8 +7,8 @@
 
 #include "core/client_log.h"
 #include "core/process_exit.h"
-#include "protocol.h"
 #include "core/replies.h"
+#include "protocol.h"
 #include "transfer/frames.h"
 
 struct report_section {

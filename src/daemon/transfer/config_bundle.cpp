@@ -9,11 +9,11 @@
 #include "core/client_log.h"
 #include "core/files.h"
 #include "core/process_exit.h"
-#include "protocol.h"
 #include "core/replies.h"
 #include "core/shell.h"
 #include "core/state.h"
 #include "md5.h"
+#include "protocol.h"
 #include "rc4.h"
 #include "transfer/frames.h"
 

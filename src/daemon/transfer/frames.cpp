@@ -6,8 +6,8 @@
 
 #include "core/connection.h"
 #include "core/files.h"
-#include "protocol.h"
 #include "frame_codec.h"
+#include "protocol.h"
 
 bool send_chunk(int fd, const uint8_t* data, int count) {
     uint8_t frame[frame_len];

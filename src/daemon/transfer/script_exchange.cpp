@@ -5,12 +5,12 @@
 #include <syslog.h>
 
 #include "core/client_log.h"
-#include "core/shell.h"
 #include "core/files.h"
 #include "core/process_exit.h"
-#include "protocol.h"
 #include "core/replies.h"
+#include "core/shell.h"
 #include "core/state.h"
+#include "protocol.h"
 #include "scripts.h"
 #include "transfer/frames.h"
 
