@@ -126,24 +126,39 @@ json changed_files(git_diff* diff, const std::string& folder) {
     return files;
 }
 
-// The commit ids, newest first, whose folder differs from their parent's.
-status changes_of(git_repository* repo, const std::string& folder, std::vector<git_oid>* out, size_t max = SIZE_MAX) {
+// Walks the history from HEAD, newest first, with each commit's tree and its
+// parent's; visit returns false to stop.
+template <typename F>
+status walk_history(git_repository* repo, F visit) {
     walk_ptr walk;
     if (git_revwalk_new(walk.out(), repo) != 0) return git_failure("reading the history");
-    git_revwalk_sorting(walk, GIT_SORT_TIME);
+    git_revwalk_sorting(walk, GIT_SORT_TOPOLOGICAL | GIT_SORT_TIME);
     if (git_revwalk_push_head(walk) != 0) return kelp::ok();  // no commit yet
     git_oid id;
-    while (out->size() < max && git_revwalk_next(&id, walk) == 0) {
+    while (git_revwalk_next(&id, walk) == 0) {
         commit_ptr c;
         tree_ptr tree, parent;
         if (git_commit_lookup(c.out(), repo, &id) != 0) return git_failure("reading a commit");
         status st = tree_of(repo, id, tree.out());
         if (st) st = parent_tree_of(c, parent.out());
         if (!st) return st;
-        git_oid now = folder_id(tree, folder), before = folder_id(parent, folder);
-        if (!git_oid_equal(&now, &before)) out->push_back(id);
+        if (!visit(id, (const git_commit*)c, (const git_tree*)tree, (const git_tree*)parent)) break;
     }
     return kelp::ok();
+}
+
+bool folder_changed(const git_tree* tree, const git_tree* parent, const std::string& folder) {
+    git_oid now = folder_id(tree, folder), before = folder_id(parent, folder);
+    return !git_oid_equal(&now, &before);
+}
+
+// The commit ids, newest first, whose folder differs from their parent's.
+status changes_of(git_repository* repo, const std::string& folder, std::vector<git_oid>* out, size_t max = SIZE_MAX) {
+    if (max == 0) return kelp::ok();
+    return walk_history(repo, [&](const git_oid& id, const git_commit*, const git_tree* tree, const git_tree* parent) {
+        if (folder_changed(tree, parent, folder)) out->push_back(id);
+        return out->size() < max;
+    });
 }
 
 status resolve_tree(git_repository* repo, const std::string& rev, git_tree** out) {
@@ -702,32 +717,6 @@ bool id_starts(const git_oid& id, const std::string& prefix) {
     char hex[GIT_OID_HEXSZ + 1];
     git_oid_tostr(hex, sizeof hex, &id);
     return !prefix.empty() && std::string(hex).rfind(prefix, 0) == 0;
-}
-
-// Walks the history from HEAD, newest first, with each commit's tree and its
-// parent's; visit returns false to stop.
-template <typename F>
-status walk_history(git_repository* repo, F visit) {
-    walk_ptr walk;
-    if (git_revwalk_new(walk.out(), repo) != 0) return git_failure("reading the history");
-    git_revwalk_sorting(walk, GIT_SORT_TOPOLOGICAL | GIT_SORT_TIME);
-    if (git_revwalk_push_head(walk) != 0) return kelp::ok();  // no commit yet
-    git_oid id;
-    while (git_revwalk_next(&id, walk) == 0) {
-        commit_ptr c;
-        tree_ptr tree, parent;
-        if (git_commit_lookup(c.out(), repo, &id) != 0) return git_failure("reading a commit");
-        status st = tree_of(repo, id, tree.out());
-        if (st) st = parent_tree_of(c, parent.out());
-        if (!st) return st;
-        if (!visit(id, (const git_commit*)c, (const git_tree*)tree, (const git_tree*)parent)) break;
-    }
-    return kelp::ok();
-}
-
-bool folder_changed(const git_tree* tree, const git_tree* parent, const std::string& folder) {
-    git_oid now = folder_id(tree, folder), before = folder_id(parent, folder);
-    return !git_oid_equal(&now, &before);
 }
 
 }  // namespace
