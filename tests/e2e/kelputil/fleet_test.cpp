@@ -63,6 +63,9 @@ TEST_F(fleet, one_command_on_every_host) {
          {"/data=[{\"address\":\"198.18.0.2\",\"host\":\"router1\",\"mode\":\"TLS\",\"port\":857}]", "\n0\n"}},
         {"kelputil fleet --limit '' check", 1, {"--limit '': an empty pattern selects nothing; leave --limit out"}},
         {"kelputil fleet --limit router1 --limit router2 check", 1, {"--limit is given twice: join the patterns with ','"}},
+        // Into one file, the table comes before the verdict.
+        {"kelputil fleet --limit 'router2:router3' check > both 2>&1; tail -1 both", 0,
+         {"kelputil: fleet check: 2 hosts, 1 ok, 1 failed, in "}},
         // A bad inventory or a missing password: nothing runs.
         {"printf '[routers]\\nrouter1 ansible_host=198.18.0.2 port=85x\\n' > bad.ini && kelputil fleet -i bad.ini check",
          1, {"bad.ini:2: port=85x is not a port"}},
