@@ -53,9 +53,10 @@ TEST_F(serve_faults, fresh_start_and_a_host_down_from_the_start) {
         {until_json(api + "/hosts/router1", ".state == \"ok\"") + "curl -s " + api + "/hosts/router1 | jq -r '.model, "
              ".firmware'; curl -s '" + api + "/changes?since=0' | jq -r '.changes[] | .host + \" \" + .files[0].path'; "
              "curl -s " + api + "/hosts/router1/attempts | jq -r '.attempts[0].result'; " + stop + "grep -c "
-             "'^[0-9]\\{4\\}-[0-9][0-9]-[0-9][0-9]T[0-9:.]*[+-][0-9][0-9]:[0-9][0-9] kelputil serve: ' log",
+             "'^[0-9]\\{4\\}-[0-9][0-9]-[0-9][0-9]T[0-9:.]*[+-][0-9][0-9]:[0-9][0-9] kelputil serve: ' log | "
+             "awk '$1 > 0 {print \"stamped\"}'",
          0, {"simulated kelp-v3 router\nkelp-v3 router firmware 3.2.1 (simulated)\n", "router1 config.dat\n",
-             "changed\n"}},
+             "changed\nstamped\n"}},
     }, {"--fleet", "4", "--fault", "down:4"}, limit_ms);
 }
 
