@@ -19,7 +19,8 @@ inline std::vector<uint8_t> hex(const std::string& text) {
         if (word.size() % 2)
             out.push_back((uint8_t)strtoul(word.c_str(), nullptr, 16));
         else
-            for (size_t k = 0; k < word.size(); k += 2) out.push_back((uint8_t)strtoul(word.substr(k, 2).c_str(), nullptr, 16));
+            for (size_t k = 0; k < word.size(); k += 2)
+                out.push_back((uint8_t)strtoul(word.substr(k, 2).c_str(), nullptr, 16));
     }
     return out;
 }

@@ -163,12 +163,15 @@ void daemon_test::expect_log(int priority, const std::string& ident, const std::
             }
     }
     std::string seen;
-    for (const router::log_line& l : lines) seen += "<" + std::to_string(l.priority) + "> " + l.ident + ": " + l.text + "\n";
+    for (const router::log_line& l : lines)
+        seen += "<" + std::to_string(l.priority) + "> " + l.ident + ": " + l.text + "\n";
     ADD_FAILURE() << "no syslog line \"" << text << "\"; got:\n" << seen;
 }
 
 // Greeting, login and request: through TLS once it is up, else plain.
-bool daemon_test::front_send(const bytes& b) { return tls ? bool(tls->send(b.data(), b.size())) : client.send_bytes(b); }
+bool daemon_test::front_send(const bytes& b) {
+    return tls ? bool(tls->send(b.data(), b.size())) : client.send_bytes(b);
+}
 
 bytes daemon_test::front_receive(size_t n, int timeout_ms) {
     if (!tls) return client.receive(n, timeout_ms);
@@ -197,7 +200,8 @@ static strings leftovers(const strings& want) {
 // Long contents are shown by their start and size.
 static std::string brief(const strings& list) {
     std::string s;
-    for (const std::string& e : list) s += "\n  " + e.substr(0, 60) + (e.size() > 60 ? "... " + std::to_string(e.size()) : "");
+    for (const std::string& e : list)
+        s += "\n  " + e.substr(0, 60) + (e.size() > 60 ? "... " + std::to_string(e.size()) : "");
     return s;
 }
 

@@ -84,7 +84,8 @@ void validate(const std::vector<std::string>& lines) {
     for (const std::string& l : lines) all += l + "\n";
     ASSERT_EQ(write(fd, all.data(), all.size()), (ssize_t)all.size());
     close(fd);
-    std::string command = std::string("timeout 60 /usr/bin/python3 -c '") + validator + "' '" KELP_JSON_SCHEMA "' " + path + " 2>&1";
+    std::string command =
+        std::string("timeout 60 /usr/bin/python3 -c '") + validator + "' '" KELP_JSON_SCHEMA "' " + path + " 2>&1";
     FILE* p = popen(command.c_str(), "r");
     std::string said;
     char buffer[4096];

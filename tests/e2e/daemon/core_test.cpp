@@ -27,10 +27,12 @@ TEST_F(Core, Login) {
         // Any name but "kelputild", case included, is the TLS daemon.
         {.name = "wrong password over TLS", .argv0 = "KELPUTILD", .typed = "Secret", .answer = "01 01 00", .status = 2,
          .logs = {refused}},
-        {.name = "password cut to 31 characters", .files = passwd("admin:" + router::des_hash(forty.substr(0, 31)) + rest),
-         .typed = forty, .status = 1, .out = {"Password received: " + forty.substr(0, 31), "act size: 42, struct act_pkt 42"}},
+        {.name = "password cut to 31 characters",
+         .files = passwd("admin:" + router::des_hash(forty.substr(0, 31)) + rest), .typed = forty, .status = 1,
+         .out = {"Password received: " + forty.substr(0, 31), "act size: 42, struct act_pkt 42"}},
         // The empty field is skipped: the next one is taken as the hash.
-        {.name = "empty password field", .files = passwd("admin::" + rest), .typed = "", .answer = "01 01 00", .status = 2},
+        {.name = "empty password field", .files = passwd("admin::" + rest), .typed = "", .answer = "01 01 00",
+         .status = 2},
         {.name = "no admin line", .files = passwd("root:" + router::des_hash("secret") + rest), .answer = "01 01 00",
          .status = 2},
         {.name = "other hash form", .files = passwd("admin:$6$salt$abc" + rest), .answer = "01 01 00", .status = 2},
@@ -55,7 +57,8 @@ TEST_F(Core, ActionZeroAndTheCommonEnding) {
     const files temporaries = {{"/tmp/saved-configs", "x"}, {"/tmp/saved-configs.dat", "y"}};
     run({
         {.name = "action 0", .files = temporaries, .request = act_pkt(0), .replies = ok + ok},
-        {.name = "apply", .request = act_pkt(0, 0, 0x01), .replies = ok + ok, .left = {"all.dirty=", "monitor=apply\n"}},
+        {.name = "apply", .request = act_pkt(0, 0, 0x01), .replies = ok + ok,
+         .left = {"all.dirty=", "monitor=apply\n"}},
         {.name = "reboot", .request = act_pkt(0, 0, 0x02), .replies = ok + ok, .status = router::still_running,
          .logs = {reboot}, .left = {"monitor=reboot\n"}},
         {.name = "reboot wins over apply", .request = act_pkt(0, 0, 0x03), .replies = ok + ok,
@@ -65,8 +68,9 @@ TEST_F(Core, ActionZeroAndTheCommonEnding) {
          .out = {"act size: 42, struct act_pkt 42", "req: 1234", "mode: 7", "action: 0", "script: 9", "flags: 0C",
                  "size: -2147483632"}},
         // A refusal skips the common ending: no post-action, nothing removed.
-        {.name = "action 5", .files = temporaries, .request = act_pkt(5, 0, 0x03), .replies = hex("03 01 04 00 00 00 00"),
-         .status = 1, .logs = {{err, "127.0.0.1 - Action not supported"}}, .left = {"saved-configs", "saved-configs.dat"}},
+        {.name = "action 5", .files = temporaries, .request = act_pkt(5, 0, 0x03),
+         .replies = hex("03 01 04 00 00 00 00"), .status = 1, .logs = {{err, "127.0.0.1 - Action not supported"}},
+         .left = {"saved-configs", "saved-configs.dat"}},
         {.name = "action 255", .request = act_pkt(255, 0, 0x01), .replies = hex("03 01 04 00 00 00 00"), .status = 1},
     });
 }

@@ -131,8 +131,8 @@ TEST_F(Cut, Kicks) {
     cut_body({53, 0, 0, kick_request("bob")}, 0, coverage::every_byte);
     cut_body({54, 0, 0, {10, 0, 0, 7}}, 0, coverage::every_byte, true);
     std::vector<std::string> calls = router::helper_calls();
-    EXPECT_EQ(calls, (std::vector<std::string>{"do-hotkick ip 0.0.0.0", "do-hotkick ip 10.0.0.0", "do-hotkick ip 10.0.0.0",
-                                               "do-hotkick ip 10.0.0.0"}));
+    EXPECT_EQ(calls, (std::vector<std::string>{"do-hotkick ip 0.0.0.0", "do-hotkick ip 10.0.0.0",
+                                               "do-hotkick ip 10.0.0.0", "do-hotkick ip 10.0.0.0"}));
 }
 
 }  // namespace

@@ -52,7 +52,8 @@ TEST_F(Reports, ThreeReports) {
          .helpers = {{"show-version", "head -c 2500 /dev/zero | tr '\\0' v; echo"}, {"ifconfig", ""},
                      {"iptables", "printf '%s' \"out of iptables $*\""}},
          // A report file of the same process id left from before is truncated.
-         .started = [](pid_t pid) { router::write_file("/tmp/netrep." + std::to_string(pid), std::string(100000, 's')); },
+         .started =
+             [](pid_t pid) { router::write_file("/tmp/netrep." + std::to_string(pid), std::string(100000, 's')); },
          .request = act_pkt(64), .replies = hex("03 01 01 41 0E 00 00") + frames(text(full_report)) + ok,
          .logs = {{info, "127.0.0.1 - sysinfo sent to client"}},
          .calls = {"show-version", "cat /proc/loadavg", "cut -f1,2,3 -d  ", "ip addr show", "ifconfig", "ip route show",
@@ -82,7 +83,8 @@ static bytes record(size_t n, std::initializer_list<std::pair<size_t, bytes>> fi
 
 static files ppp_units(std::initializer_list<int> units) {
     files made;
-    for (int u : units) made.push_back({"/run/pppoe/info.ppp" + std::to_string(u), "NAME=u" + std::to_string(u) + "\n"});
+    for (int u : units)
+        made.push_back({"/run/pppoe/info.ppp" + std::to_string(u), "NAME=u" + std::to_string(u) + "\n"});
     return made;
 }
 
@@ -103,12 +105,14 @@ TEST_F(Lists, PppAndHotspot) {
         // A line with five separators is skipped; one of 600 characters is
         // read as 511 and the rest, each parsed as a line of its own.
         {.name = "hotspot lines",
-         .files = {{"/run/sandbox/hotshow", "alice|10.0.0.5|00:11:22:33:44:55|1000|2000|30|40\nfive|separators|only|1|2|3\n" +
+         .files = {{"/run/sandbox/hotshow", "alice|10.0.0.5|00:11:22:33:44:55|1000|2000|30|40\n"
+                                            "five|separators|only|1|2|3\n" +
                                                 std::string(511, 'x') + "bob|10.0.0.6|m|1|2|3|4\n"}},
          .helpers = {{"do-hotshow", "cat /run/sandbox/hotshow"}}, .request = act_pkt(19),
          .replies = ok +
                     record(316, {{2, text("alice")}, {258, text("10.0.0.5")}, {274, text("00:11:22:33:44:55")},
-                                 {292, hex("E8 03 00 00 00 00 00 00  D0 07 00 00 00 00 00 00  1E 00 00 00  28 00 00 00")}}) +
+                                 {292, hex("E8 03 00 00 00 00 00 00  D0 07 00 00 00 00 00 00  "
+                                           "1E 00 00 00  28 00 00 00")}}) +
                     record(316, {{2, text("bob")}, {258, text("10.0.0.6")}, {274, text("m")},
                                  {292, hex("01 00000000000000 02 00000000000000 03 000000 04 000000")}}) +
                     hotspot_end + ok,

@@ -88,7 +88,8 @@ static std::string expected_sha256(const char* path) {
 // The client library pins the served certificate: the built-in one, or a
 // firmware builder's own pair embedded at build time.
 TEST_F(Tls, ServedCertificateAndPins) {
-    const std::string builtin = expected_sha256(KELP_DEFAULT_CERT_SHA256), custom = expected_sha256(KELP_CUSTOM_CERT_SHA256);
+    const std::string builtin = expected_sha256(KELP_DEFAULT_CERT_SHA256),
+                      custom = expected_sha256(KELP_CUSTOM_CERT_SHA256);
     ASSERT_EQ(builtin.size(), 64u);
     ASSERT_EQ(custom.size(), 64u);
     ASSERT_NE(builtin, custom);
@@ -133,7 +134,8 @@ TEST_F(Tls, OpenSslClient) {
         fresh_router();
         start("kelputild-tls", 857);
         std::string command =
-            std::string("timeout 10 ") + KELP_OPENSSL + " s_client -brief -connect 127.0.0.1:857 " + r[0] + " </dev/null 2>&1";
+            std::string("timeout 10 ") + KELP_OPENSSL + " s_client -brief -connect 127.0.0.1:857 " + r[0] +
+            " </dev/null 2>&1";
         FILE* p = popen(command.c_str(), "r");
         ASSERT_NE(p, nullptr);
         std::string out;

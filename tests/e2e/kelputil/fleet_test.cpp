@@ -21,7 +21,8 @@ TEST_F(fleet, one_command_on_every_host) {
         {"echo $KELP_INVENTORY; head -2 $KELP_INVENTORY; tail -1 $KELP_INVENTORY", 0,
          {"sim/fleet.ini\n[routers]\nrouter1 ansible_host=198.18.0.2\nrouter50 ansible_host=198.18.0.51\n"}},
         {"kelputil --json fleet --timeout 5 check > out; r=$?; grep -c '\"ok\":true' out; "
-         "grep -c 'seconds\":[0-9]*\\.[0-9]\\{4\\}' out; grep '\"host\":\"router3\"' out; grep '\"host\":\"router5\"' out; grep '\"host\":\"router7\"' out; "
+         "grep -c 'seconds\":[0-9]*\\.[0-9]\\{4\\}' out; "
+         "grep '\"host\":\"router3\"' out; grep '\"host\":\"router5\"' out; grep '\"host\":\"router7\"' out; "
          "tail -1 out; exit $r", 20,
          {"\n47\n0\n", "\"exit\":3,\"host\":\"router3\",\"message\":\"198.18.0.4:857 refused the connection",
           "\"exit\":3,\"host\":\"router5\",\"message\":\"198.18.0.6:857 accepted the connection but sent no greeting",
@@ -62,15 +63,16 @@ TEST_F(fleet, one_command_on_every_host) {
         {"kelputil --json fleet --limit router1 --list-hosts reboot; grep -c rebooting /run/fleet/router1/messages", 1,
          {"/data=[{\"address\":\"198.18.0.2\",\"host\":\"router1\",\"mode\":\"TLS\",\"port\":857}]", "\n0\n"}},
         {"kelputil fleet --limit '' check", 1, {"--limit '': an empty pattern selects nothing; leave --limit out"}},
-        {"kelputil fleet --limit router1 --limit router2 check", 1, {"--limit is given twice: join the patterns with ','"}},
+        {"kelputil fleet --limit router1 --limit router2 check", 1,
+         {"--limit is given twice: join the patterns with ','"}},
         // Into one file, the table comes before the verdict.
         {"kelputil fleet --limit 'router2:router3' check > both 2>&1; tail -1 both", 0,
          {"kelputil: fleet check: 2 hosts, 1 ok, 1 failed, in "}},
         // A bad inventory or a missing password: nothing runs.
-        {"printf '[routers]\\nrouter1 ansible_host=198.18.0.2 port=85x\\n' > bad.ini && kelputil fleet -i bad.ini check",
-         1, {"bad.ini:2: port=85x is not a port"}},
-        {"printf 'router1 ansible_host=198.18.0.2 password_env=NOPE\\n' > nopw.ini && kelputil fleet -i nopw.ini check; "
-         "r=$?; grep -c 'authentication failed' /run/fleet/router1/messages; exit $r",
+        {"printf '[routers]\\nrouter1 ansible_host=198.18.0.2 port=85x\\n' > bad.ini && "
+         "kelputil fleet -i bad.ini check", 1, {"bad.ini:2: port=85x is not a port"}},
+        {"printf 'router1 ansible_host=198.18.0.2 password_env=NOPE\\n' > nopw.ini && "
+         "kelputil fleet -i nopw.ini check; r=$?; grep -c 'authentication failed' /run/fleet/router1/messages; exit $r",
          1, {"router1: no password", "\n0\n"}},
     }, fleet_of_50, limit_ms);
 }
@@ -80,8 +82,8 @@ TEST_F(fleet, one_command_on_every_host) {
 // cost four more sessions a host, so one host shows them.
 TEST_F(fleet, backups_in_git) {
     run_steps({
-        {clean + "kelputil fleet --timeout 5 backup --into bk; r=$?; ls bk/router1; [ -e bk/router3 ] || echo 'no router3'; "
-         "stat -c %a bk/router1/config.dat; clean bk; exit $r",
+        {clean + "kelputil fleet --timeout 5 backup --into bk; r=$?; ls bk/router1; "
+         "[ -e bk/router3 ] || echo 'no router3'; stat -c %a bk/router1/config.dat; clean bk; exit $r",
          20, {"fleet backup, commit ", "50 hosts, 47 ok, 3 failed", "config\nconfig.dat\nno router3\n600\nclean[]"}},
         // Each router has a configuration of its own.
         {"cat bk/router*/config/system.conf | sort -u | wc -l", 0, {"47\n"}},
@@ -95,17 +97,20 @@ TEST_F(fleet, backups_in_git) {
          "kelputil --json fleet -j 2 --timeout 5 backup --into bk > out 2>&1 & pid=$!; n=0; "
          "until [ $(grep -c '\"host\"' out) -ge 4 ]; do n=$((n+1)); [ $n -lt 300 ] || break; sleep 0.05; done; "
          "kill -INT $pid; wait $pid; r=$?; tail -1 out; clean bk; git -C bk rev-list --count HEAD; exit $r",
-         130, {"\"message\":\"interrupted: ", " of 50 hosts fetched, nothing committed\"", "/exit=130", "clean[]\n1\n"}},
+         130, {"\"message\":\"interrupted: ", " of 50 hosts fetched, nothing committed\"", "/exit=130",
+               "clean[]\n1\n"}},
         {"kelputil fleet --timeout 5 backup --into bk", 20, {"~router2 ok ", " changed\n", "fleet backup, commit "}},
         // A full disk: nothing committed and nothing left; with room, the next run commits.
         {clean + "mkdir small && mount -t tmpfs -o size=400k tmpfs small && "
-         "kelputil -q fleet --limit router1 backup --into small/bk && kelputil fleet --timeout 5 backup --into small/bk; "
-         "r=$?; clean small/bk; mount -o remount,size=8m small && kelputil -q fleet --timeout 5 backup --into small/bk "
-         ">/dev/null 2>&1; echo \"next $?\"; clean small/bk; git -C small/bk rev-list --count HEAD; exit $r",
-         1, {"No space left on device (backing up router", " hosts fetched, nothing committed\n", "clean[]\nnext 20\nclean[]\n2\n"}},
+         "kelputil -q fleet --limit router1 backup --into small/bk && "
+         "kelputil fleet --timeout 5 backup --into small/bk; r=$?; clean small/bk; "
+         "mount -o remount,size=8m small && kelputil -q fleet --timeout 5 backup --into small/bk >/dev/null 2>&1; "
+         "echo \"next $?\"; clean small/bk; git -C small/bk rev-list --count HEAD; exit $r",
+         1, {"No space left on device (backing up router", " hosts fetched, nothing committed\n",
+             "clean[]\nnext 20\nclean[]\n2\n"}},
         // Refused before a password is looked for.
-        {"mkdir plain && touch plain/notes && env -u KELPUTIL_PASSWORD kelputil fleet --limit router1 backup --into plain; "
-         "echo \"r=$?\"; "
+        {"mkdir plain && touch plain/notes && "
+         "env -u KELPUTIL_PASSWORD kelputil fleet --limit router1 backup --into plain; echo \"r=$?\"; "
          "kelputil -q fleet --limit router1 backup --into plain --init && git -C plain ls-files",
          0, {"plain is not empty and holds no backups (not a git repository)", "r=1\n", "router1/config.dat\n"}},
         {"kelputil --json fleet history router2 --into bk", 0, {"/message=\"router2: 2 backups with changes\""}},
@@ -170,7 +175,8 @@ TEST_F(fleet, staged_firmware_rollout) {
              "firmware fw.bin --upgrade --batch 2 --dry-run",
          0, {"image fw.bin: 100000 bytes, SHA-256 " + image_sha256 + "\ncanary 1: router1\nbatch 1: router2 router4\n"
              "batch 2: router9 router12\nbatch 3: router13\n"}},
-        {"kelputil fleet firmware nonexistent.bin --upgrade --dry-run", 1, {"cannot read nonexistent.bin: No such file"}},
+        {"kelputil fleet firmware nonexistent.bin --upgrade --dry-run", 1,
+         {"cannot read nonexistent.bin: No such file"}},
         // A truncated download goes nowhere: no router received anything.
         {": > zero.bin && kelputil fleet firmware zero.bin --upgrade; a=$?; kelputil fleet firmware zero.bin; "
          "echo \"$a $?\"; cat /run/fleet/router*/messages | grep -c 'firmware received'",

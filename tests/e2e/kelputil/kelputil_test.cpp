@@ -52,8 +52,9 @@ TEST_F(kelputil, every_command) {
          {"upgrade: checking image (300000 bytes)\n", "upgrade: writing flash 50%\n",
           "upgrade done: 300000 bytes flashed\n", "!upgrade: done"}},
         // The upgrade rebooted the router; so does this.
-        {std::string(retry) + "retry kelputil -q check && kelputil reboot && until_in 'monitor: reboot' /run/sim/events "
-                              "&& retry kelputil check 2>/dev/null", 0, {"the device reboots now", "login ok"}},
+        {std::string(retry) + "retry kelputil -q check && kelputil reboot && "
+                              "until_in 'monitor: reboot' /run/sim/events && retry kelputil check 2>/dev/null",
+         0, {"the device reboots now", "login ok"}},
     });
 }
 
@@ -61,25 +62,30 @@ TEST_F(kelputil, every_command) {
 // sent an empty password or hid a problem.
 TEST_F(kelputil, careless_use) {
     run_steps({
-        {"kelputil --json get-script fw", 0, {"/data/script=\"fw\"", "/data/bytes=78", "\"text\":\"#!/bin/sh\\n# firewall"}},
+        {"kelputil --json get-script fw", 0,
+         {"/data/script=\"fw\"", "/data/bytes=78", "\"text\":\"#!/bin/sh\\n# firewall"}},
         // A full disk keeps the previous backup whole and leaves no temporary.
-        {"mkdir small && mount -t tmpfs -o size=16k tmpfs small && kelputil -q backup small/b.dat && cp small/b.dat good "
-         "&& head -c 100000 /dev/zero > small/fill 2>/dev/null; kelputil backup small/b.dat; r=$?; cmp small/b.dat good "
-         "&& ls -a small; exit $r", 1,
+        {"mkdir small && mount -t tmpfs -o size=16k tmpfs small && kelputil -q backup small/b.dat && "
+         "cp small/b.dat good && head -c 100000 /dev/zero > small/fill 2>/dev/null; kelputil backup small/b.dat; "
+         "r=$?; cmp small/b.dat good && ls -a small; exit $r", 1,
          {"cannot write small/b.dat: No space left on device", "\n.\n..\nb.dat\nfill\n"}},
-        {"kelputil get-script fw > small/fw.scr", 1, {"kelputil: cannot write standard output: No space left on device"}},
+        {"kelputil get-script fw > small/fw.scr", 1,
+         {"kelputil: cannot write standard output: No space left on device"}},
         {"for c in 'report core' ppp hotspot '--json check'; do kelputil $c > /dev/full; echo \"status $?\"; done", 0,
          {"kelputil: cannot write standard output: No space left on device\nstatus 1\n", "!status 0"}},
         // Binary on a terminal: refused before connecting (port 1 would refuse).
-        {"script -qfec 'kelputil -p 1 backup -; echo status $?; kelputil bundle-unpack good -; echo status $?' /dev/null",
+        {"script -qfec 'kelputil -p 1 backup -; echo status $?; "
+         "kelputil bundle-unpack good -; echo status $?' /dev/null",
          0, {"binary output can mess up your terminal: redirect it (> FILE) or give a FILE", "status 1", "!status 0",
              "!refused"}},
         // A replaced file keeps its owner and mode; a link stays a link.
-        {"kelputil -q get-script fw s.scr && chown 65534 s.scr && chmod 640 s.scr && kelputil -q get-script fw s.scr && "
-         "stat -c '%a %u' s.scr && mkdir real sub && echo old > real/fw.scr && ln -s ../real/fw.scr sub/fw.link && "
+        {"kelputil -q get-script fw s.scr && chown 65534 s.scr && chmod 640 s.scr && "
+         "kelputil -q get-script fw s.scr && stat -c '%a %u' s.scr && "
+         "mkdir real sub && echo old > real/fw.scr && ln -s ../real/fw.scr sub/fw.link && "
          "kelputil -q get-script fw sub/fw.link && [ -L sub/fw.link ] && head -2 real/fw.scr",
          0, {"640 65534\n#!/bin/sh\n# firewall"}},
-        {"(umask 027; kelputil -q get-script fw a.scr); (umask 022; kelputil -q get-script fw b.scr); stat -c %a a.scr b.scr",
+        {"(umask 027; kelputil -q get-script fw a.scr); (umask 022; kelputil -q get-script fw b.scr); "
+         "stat -c %a a.scr b.scr",
          0, {"640\n644\n"}},
         {"mkdir d; for c in 'restore d' 'put-script fw d' 'firmware d' 'bundle-verify d' 'bundle-pack d out' "
          "'backup d' 'bundle-unpack good d'; do kelputil $c; [ $? -eq 1 ] || echo BAD; done", 0,
@@ -96,7 +102,8 @@ TEST_F(kelputil, careless_use) {
         {"unset KELPUTIL_PASSWORD; kelputil check", 1,
          {"no password: set KELPUTIL_PASSWORD, give --password-file FILE, or run on a terminal to be asked"}},
         {"KELPUTIL_PASSWORD= kelputil check", 1, {"KELPUTIL_PASSWORD is set but empty"}},
-        {": > empty && chmod 600 empty && kelputil --password-file empty check", 1, {"the password file empty is empty"}},
+        {": > empty && chmod 600 empty && kelputil --password-file empty check", 1,
+         {"the password file empty is empty"}},
         {"echo pw > open && chmod 644 open && kelputil --password-file open check", 1,
          {"has mode 0644, readable by others: chmod 600 open"}},
         // A pipe is read once, though the source is read before connecting and again to log in.
@@ -105,9 +112,9 @@ TEST_F(kelputil, careless_use) {
         {"grep -c 'authentication failed' /run/sim/messages", 1, {"0\n"}},
         {"for o in '-p 66392' '-p 856abc' '-p abc' '--timeout abc' '--timeout -1' '--timeout 0'; do kelputil $o check; "
          "done; kelputil fleet -i x firmware f --upgrade --batch 0; kelputil throughput rx 100000", 1,
-         {"--port: '66392' is out of range: 1 to 65535", "--batch: '0' is out of range: 1 to 256", "--port: '856abc' is not a port",
-          "--port: 'abc' is not a port", "--timeout: 'abc' is not a duration", "--timeout: '-1' is not a duration",
-          "--timeout: '0' is out of range", "SECONDS: '100000' is out of range",
+         {"--port: '66392' is out of range: 1 to 65535", "--batch: '0' is out of range: 1 to 256",
+          "--port: '856abc' is not a port", "--port: 'abc' is not a port", "--timeout: 'abc' is not a duration",
+          "--timeout: '-1' is not a duration", "--timeout: '0' is out of range", "SECONDS: '100000' is out of range",
           "usage: kelputil throughput [OPTIONS] DIRECTION [SECONDS]"}},
         {"for a in 'bakup x' '--password s3cret check' '--password=s3cret check' '--tiemout 5 check' 'check --jsn' "
          "'-H 127.0.0.1 fleet -i x check' '-H 127.0.0.1:857 check' '-H [::1] check' '-H ::1 check'; do kelputil $a; "
@@ -130,8 +137,8 @@ TEST_F(kelputil, careless_use) {
          {"Usage: kelputil fleet backup [OPTIONS]", "--scripts"}},
         {"kelputil help fleet bakup", 1, {"'bakup' is not a kelputil fleet command. Did you mean 'backup'?"}},
         // Checked here first: nothing travels that the device would refuse.
-        {"cp good bad.dat && printf X | dd of=bad.dat bs=1 seek=2000 conv=notrunc 2>/dev/null && kelputil restore bad.dat",
-         1, {"bad.dat: bundle digest check failed", "nothing was sent"}},
+        {"cp good bad.dat && printf X | dd of=bad.dat bs=1 seek=2000 conv=notrunc 2>/dev/null && "
+         "kelputil restore bad.dat", 1, {"bad.dat: bundle digest check failed", "nothing was sent"}},
         {"printf abcd > tiny && kelputil bundle-pack tiny t.dat; ls t.dat", 2,
          {"tiny is 4 bytes: its bundle would be 52 bytes", "No such file"}},
         // A whole bundle of no configuration: intact, but too small for the device.
@@ -177,7 +184,8 @@ TEST_F(kelputil, json_schema) {
         {"kelputil --json ppp", 0, {"/data/0:name,type,interface,remote,cbq_rule", "/data/1/cbq_rule=null"}},
         // A name that is not UTF-8 (Latin-1 ö) still makes valid JSON.
         {"printf 'J\\366rg|10.0.0.9|00:11:22:33:44:77|1|2|3|4\\n' >> /run/sim/hotspot && kelputil --json hotspot", 0,
-         {"/data/0:user,ip,mac,bytes_in,bytes_out,session_s,idle_s", "/data/2/user=\"J\xC3\xB6rg\"", "/data/2/user_base64=\"SvZyZw==\""}},
+         {"/data/0:user,ip,mac,bytes_in,bytes_out,session_s,idle_s", "/data/2/user=\"J\xC3\xB6rg\"",
+          "/data/2/user_base64=\"SvZyZw==\""}},
         // Bytes that are not UTF-8 come back exactly from the base64 beside their Latin-1 reading.
         {"printf 'a\\377b\\n' > odd.scr && kelputil -q put-script fw odd.scr && kelputil --json get-script fw > got && "
          "sed -n 's/.*\"text_base64\":\"\\([^\"]*\\)\".*/\\1/p' got | base64 -d | cmp - odd.scr && cat got",

@@ -31,7 +31,8 @@ std::string change_router(const std::string& k) {
 // Each host's last commit as git has it and as the API has it, side by side.
 const std::string git_and_api =
     "for k in 1 2 3; do echo \"router$k $(git -C bk log -1 --format=%h --abbrev=10 -- router$k/) "
-    "$(curl -s " + api + "/hosts/router$k | jq -r .last_commit)\"; done | awk '$2 == $3 {n++} END {print n \" agree\"}'; ";
+    "$(curl -s " + api + "/hosts/router$k | jq -r .last_commit)\"; done | "
+    "awk '$2 == $3 {n++} END {print n \" agree\"}'; ";
 
 class serve_faults : public tool_test {};
 
@@ -66,18 +67,19 @@ TEST_F(serve_faults, fresh_start_and_a_host_down_from_the_start) {
 TEST_F(serve_faults, kill_9_lost_and_damaged_state) {
     const std::string hook = "--interval 1s --on-change 'echo $KELPUTIL_HOST $KELPUTIL_COMMIT >> hooks' ";
     run_steps({
-        {"cp $KELP_INVENTORY inv.ini; for i in $(seq 14); do " + change_router("$((i % 3 + 1))") + serve(hook, "log$i") +
-             "sleep 0.$((RANDOM % 10)); kill -9 $(cat pid); wait $(cat pid) 2>/dev/null; done; " + serve(hook) +
+        {"cp $KELP_INVENTORY inv.ini; for i in $(seq 14); do " + change_router("$((i % 3 + 1))") +
+             serve(hook, "log$i") + "sleep 0.$((RANDOM % 10)); kill -9 $(cat pid); "
+             "wait $(cat pid) 2>/dev/null; done; " + serve(hook) +
              until_json(api + "/hosts", "[.hosts[].state] == [\"ok\",\"ok\",\"ok\"]") + git_and_api + stop +
-             "git -C bk log --format=%h --abbrev=10 | while read c; do grep -q \" $c\\$\" hooks || echo \"no hook: $c\"; "
-             "done; git -C bk log --oneline | wc -l | awk '$1 >= 3 {print \"commits\"}'; git -C bk status --porcelain; "
-             "git -C bk fsck && echo fsck clean",
+             "git -C bk log --format=%h --abbrev=10 | while read c; do grep -q \" $c\\$\" hooks || "
+             "echo \"no hook: $c\"; done; git -C bk log --oneline | wc -l | awk '$1 >= 3 {print \"commits\"}'; "
+             "git -C bk status --porcelain; git -C bk fsck && echo fsck clean",
          0, {"3 agree", "commits\nfsck clean", "!no hook"}},
         {"rm bk/.kelputil-serve.db*; " + serve(hook) + git_and_api + "grep -c 'taken from the backups' log; " + stop,
          0, {"3 agree\n1\n"}},
         {"head -c 8192 /dev/urandom > bk/.kelputil-serve.db; rm -f bk/.kelputil-serve.db-*; " + serve(hook) +
-             git_and_api + "curl -s -o /dev/null -w '%{http_code}\\n' " + health + "; grep -o 'moved aside to [^;]*' log; " +
-             stop + "ls bk/.kelputil-serve.db.damaged-* | wc -l",
+             git_and_api + "curl -s -o /dev/null -w '%{http_code}\\n' " + health +
+             "; grep -o 'moved aside to [^;]*' log; " + stop + "ls bk/.kelputil-serve.db.damaged-* | wc -l",
          0, {"3 agree\n200\nmoved aside to bk/.kelputil-serve.db.damaged-", "\n1\n"}},
     }, {"--fleet", "3"}, limit_ms);
 }
@@ -94,9 +96,10 @@ TEST_F(serve_faults, failure_streak_recovery_and_sighup) {
              until_json(api + "/hosts/router1", ".state == \"ok\"") + "sleep 0.5; cat failed; "
              "awk '$1 == \"router1\" && $2 >= 3 {print \"back after\", NR}' back",
          0, {"router1 1\nback after 1\n"}},
-        {"echo '[broken' >> inv.ini; kill -HUP $(cat pid); until_in 'not read again' log; curl -s http://127.0.0.1:8750/"
-             "metrics | grep '^kelputil_config_last_reload_successful'; sed -i '$d' inv.ini; kill -HUP $(cat pid); "
-             "sleep 0.5; curl -s http://127.0.0.1:8750/metrics | grep '^kelputil_config_last_reload_successful'; " + stop,
+        {"echo '[broken' >> inv.ini; kill -HUP $(cat pid); until_in 'not read again' log; "
+             "curl -s http://127.0.0.1:8750/metrics | grep '^kelputil_config_last_reload_successful'; "
+             "sed -i '$d' inv.ini; kill -HUP $(cat pid); sleep 0.5; "
+             "curl -s http://127.0.0.1:8750/metrics | grep '^kelputil_config_last_reload_successful'; " + stop,
          0, {"kelputil_config_last_reload_successful 0\nkelputil_config_last_reload_successful 1\n"}},
         // A key of the configuration file that does not exist.
         {"printf 'inventory = inv.ini\\nintervall = 1h\\n' > s.conf; kelputil serve --config s.conf --into bk", 1,
@@ -138,7 +141,8 @@ TEST_F(serve_faults, full_disk) {
              until_json(health, ".status == \"failing\"") + "curl -s " + health + " | jq -r .error; "
              "curl -s http://127.0.0.1:8750/metrics | grep '^kelputil_repository_writable'; rm bk/filler; " +
              until_json(health, ".status == \"ok\"") + "curl -s " + health + " | jq -r .status; " + stop +
-             "git -C bk status --porcelain; git -C bk fsck && echo fsck clean; umount bk; [ -e paged ] || echo nobody paged",
+             "git -C bk status --porcelain; git -C bk fsck && echo fsck clean; "
+             "umount bk; [ -e paged ] || echo nobody paged",
          0, {"cannot write the backups in bk: ", "kelputil_repository_writable 0\nok\nfsck clean",
              "nobody paged"}},
     }, {"--fleet", "2"}, limit_ms);

@@ -59,9 +59,10 @@ TEST_F(serve_http, answers_addresses_and_tls_files) {
     run_steps({
         {"kelputil serve -i $KELP_INVENTORY --into bk 2> log & echo $! > pid; until_in 'API on' log; "
          "curl -s -H 'Accept-Encoding: br, gzip' -D h -o js http://127.0.0.1:8750/js/main.js; "
-         "curl -s http://127.0.0.1:8750/js/main.js > plain; grep -ci '^content-encoding: gzip' h; curl -s -D - -o /dev/null "
-         "-H 'Accept-Encoding: gzip' http://127.0.0.1:8750/metrics | grep -ci '^content-encoding: gzip'; gzip -dc < js | "
-         "cmp - plain && echo same; curl -sI http://127.0.0.1:8750/ | head -1; curl -s -D - -o /dev/null -X DELETE " +
+         "curl -s http://127.0.0.1:8750/js/main.js > plain; grep -ci '^content-encoding: gzip' h; "
+         "curl -s -D - -o /dev/null -H 'Accept-Encoding: gzip' http://127.0.0.1:8750/metrics | "
+         "grep -ci '^content-encoding: gzip'; gzip -dc < js | cmp - plain && echo same; "
+         "curl -sI http://127.0.0.1:8750/ | head -1; curl -s -D - -o /dev/null -X DELETE " +
              api + "/hosts | grep -i '^allow'; curl -s -D - -o /dev/null " + api +
              "/hosts/router1/backup | grep -i '^allow'; " +
              code_of("'" + api + "/hosts?x=" + std::string(9000, 'a') + "'") +

@@ -73,17 +73,20 @@ TEST(ClientConversation, FailuresByKind) {
         // Closing instead of answering: the daemon did not like our tag.
         {"closed after the reply", [](int fd) { put(fd, greeting()), take(fd, 34); }, login, error_kind::protocol},
         {"greeting cut", [](int fd) { put(fd, "6B 65 6C 70"); }, login, error_kind::closed},
-        {"odd verdict", [](int fd) { put(fd, greeting()), take(fd, 34), put(fd, "01 01 07"); }, login, error_kind::protocol},
+        {"odd verdict", [](int fd) { put(fd, greeting()), take(fd, 34), put(fd, "01 01 07"); }, login,
+         error_kind::protocol},
         // A wrong tag in the greeting: the client answers nothing.
-        {"wrong tag", [&](int fd) { put(fd, greeting("01 02")), answered = take(fd, 34); }, login, error_kind::protocol},
+        {"wrong tag", [&](int fd) { put(fd, greeting("01 02")), answered = take(fd, 34); }, login,
+         error_kind::protocol},
         {"code 0", [](int fd) { put(fd, "03 01 00 00 00 00 00"); }, download, error_kind::device, 0,
          "device answered 0: Action Failed"},
         {"code 4", [](int fd) { put(fd, "03 01 04 00 00 00 00"); }, download, error_kind::device, 4,
          "device answered 4: Action not supported (or the device is busy)"},
         // 10 bytes announced, a 20-byte frame sent.
-        {"frame too long", [](int fd) { put(fd, "03 01 01 0A 00 00 00"), put(fd, hex("14 00") + bytes(1460, 1)); }, download,
-         error_kind::protocol},
-        {"frame cut", [](int fd) { put(fd, "03 01 01 0A 00 00 00"), put(fd, bytes(100, 0)); }, download, error_kind::closed},
+        {"frame too long", [](int fd) { put(fd, "03 01 01 0A 00 00 00"), put(fd, hex("14 00") + bytes(1460, 1)); },
+         download, error_kind::protocol},
+        {"frame cut", [](int fd) { put(fd, "03 01 01 0A 00 00 00"), put(fd, bytes(100, 0)); }, download,
+         error_kind::closed},
         {"a size where the ready packet belongs", [](int fd) { put(fd, "03 01 01 05 00 00 00"); }, upload,
          error_kind::protocol},
     };

@@ -28,7 +28,8 @@ TEST(ClientWire, AuthReplyIsThePasswordUnderRc4KeyedByTheChallenge) {
     // reply: an empty password leaves the published keystream of key 0123456789ABCDEF
     struct { std::string password; const char* reply; } rows[] = {
         {"", "02 01 74 94 C2 E7 10 4B 08 79 0D 4B D5 53 32 8F 1E FC 9B 1A E8 48 8E 80 3C 77 52 35 48 B7 76 8C CB D9"},
-        {"secret", "02 01 07 F1 A1 95 75 3F 08 79 0D 4B D5 53 32 8F 1E FC 9B 1A E8 48 8E 80 3C 77 52 35 48 B7 76 8C CB D9"},
+        {"secret",
+         "02 01 07 F1 A1 95 75 3F 08 79 0D 4B D5 53 32 8F 1E FC 9B 1A E8 48 8E 80 3C 77 52 35 48 B7 76 8C CB D9"},
         // Over 31 characters: cut, and the last byte stays the terminator.
         {std::string(40, 'x'),
          "02 01 0C EC BA 9F 68 33 70 01 75 33 AD 2B 4A F7 66 84 E3 62 90 30 F6 F8 44 0F 2A 4D 30 CF 0E F4 B3 D9"},

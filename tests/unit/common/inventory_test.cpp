@@ -84,9 +84,9 @@ TEST(Inventory, ConstructsAndPrecedence) {
     EXPECT_EQ(inv.groups["lab"], (std::vector<std::string>{"lab-a", "lab-b", "r02"}));
     EXPECT_EQ(inv.groups["ungrouped"], (std::vector<std::string>{"edge1", "edge2"}));
     EXPECT_EQ(inv.warnings, (std::vector<std::string>{
-                                path + ":10: kelputil does not know the key 'prot' (did you mean 'port'?); it is ignored",
-                                path + ":10: kelputil does not know the key 'pasword_env' (did you mean 'password_env'?); it is ignored",
-                                path + ":10: kelputil does not know the key 'colour'; it is ignored"}));
+        path + ":10: kelputil does not know the key 'prot' (did you mean 'port'?); it is ignored",
+        path + ":10: kelputil does not know the key 'pasword_env' (did you mean 'password_env'?); it is ignored",
+        path + ":10: kelputil does not know the key 'colour'; it is ignored"}));
 }
 
 TEST(Inventory, BadLinesNameFileAndLine) {

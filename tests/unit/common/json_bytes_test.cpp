@@ -22,11 +22,14 @@ TEST(json_bytes, printable) {
         {{{"n", "\xF4\x90\x80\x80"}}, "{\"n\":\"\xC3\xB4\xC2\x90\xC2\x80\xC2\x80\",\"n_base64\":\"9JCAgA==\"}"},
         {{{"n", "\xE0\x80\xAF"}}, "{\"n\":\"\xC3\xA0\xC2\x80\xC2\xAF\",\"n_base64\":\"4ICv\"}"},
         {{{"lines", {"ok", "J\xF6rg", ""}}}, R"({"lines":["ok","Jörg",""],"lines_base64":["b2s=","SvZyZw==",""]})"},
-        {{{"batches", {{"r1"}, {"r\xE9", "r3"}}}}, R"({"batches":[["r1"],["ré","r3"]],"batches_base64":[["cjE="],["cuk=","cjM="]]})"},
-        {{{"data", {{{"user", "\xE9t\xE9"}, {"bytes", 3}}}}}, R"({"data":[{"bytes":3,"user":"été","user_base64":"6XTp"}]})"},
+        {{{"batches", {{"r1"}, {"r\xE9", "r3"}}}},
+         R"({"batches":[["r1"],["ré","r3"]],"batches_base64":[["cjE="],["cuk=","cjM="]]})"},
+        {{{"data", {{{"user", "\xE9t\xE9"}, {"bytes", 3}}}}},
+         R"({"data":[{"bytes":3,"user":"été","user_base64":"6XTp"}]})"},
         {{{"data", {{"n", nullptr}, {"ok", true}}}}, R"({"data":{"n":null,"ok":true}})"},
     };
-    for (const auto& [in, out] : rows) EXPECT_EQ(printable(in).dump(), out) << in.dump(-1, ' ', false, json::error_handler_t::replace);
+    for (const auto& [in, out] : rows)
+        EXPECT_EQ(printable(in).dump(), out) << in.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
 }  // namespace

@@ -31,7 +31,8 @@ TEST(HotspotLine, Fields) {
          {{0, hex("00 00") + text("alice", 251) + text("10.0.0.5", 8) + text("00:11:22:33:44:55", 1) +
                   hex("E8 03 00 00 00 00 00 00  D0 07 00 00 00 00 00 00  1E 00 00 00  28 00 00 00")}}},
         // Bytes 17 and 19 are forced to zero inside a long name.
-        {"ABCDEFGHIJKLMNOPQRST|1.2.3.4|m|1|2|3|4", 0, {{2, text("ABCDEFGHIJKLMNO") + hex("00 51 00 53 54") + bytes(236, 0)}}},
+        {"ABCDEFGHIJKLMNOPQRST|1.2.3.4|m|1|2|3|4", 0,
+         {{2, text("ABCDEFGHIJKLMNO") + hex("00 51 00 53 54") + bytes(236, 0)}}},
         // A full-width name loses its last byte to the forced zero at 257;
         // full-width addresses keep no terminator.
         {std::string(300, 'n') + "|1234567890123456789|123456789012345678901|1|2|3|4", 0,
@@ -39,8 +40,10 @@ TEST(HotspotLine, Fields) {
         {"a|b|c|1|2|3", 1, {}},  // five separators
         {"", 1, {}}, {"no separators at all", 1, {}},
         // Numbers saturate; a seventh separator ends the last one.
-        {"u|i|m|18446744073709551615|99999999999999999999|4294967296|7|extra", 0, {{292, bytes(20, 0xFF) + hex("07 00 00 00")}}},
-        {"u|i|m| 5|+6|-1|12abc", 0, {{292, hex("05 00 00 00 00 00 00 00  06 00 00 00 00 00 00 00  FF FF FF FF  0C 00 00 00")}}},
+        {"u|i|m|18446744073709551615|99999999999999999999|4294967296|7|extra", 0,
+         {{292, bytes(20, 0xFF) + hex("07 00 00 00")}}},
+        {"u|i|m| 5|+6|-1|12abc", 0,
+         {{292, hex("05 00 00 00 00 00 00 00  06 00 00 00 00 00 00 00  FF FF FF FF  0C 00 00 00")}}},
         {"u|i|m|1|2|3|4", 0, {}},
         {"v|j|n|x|2|3|", 0, {{2, text("v", 1)}, {292, hex("00 00 00 00 00 00 00 01")}, {312, hex("00 00 00 04")}}},
     };

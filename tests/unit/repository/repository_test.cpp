@@ -130,7 +130,8 @@ TEST(store, reads_take_no_lock_and_name_paths_within_the_host) {
         answer->set_value(frozen->reading([](git_store& git) {
             std::vector<git_store::file_size> r1, r2;
             json changes, history;
-            git.files_at("", "r1", &r1), git.files_at("", "r2", &r2), git.changes_between(0, 1LL << 40, "", 10, &changes);
+            git.files_at("", "r1", &r1), git.files_at("", "r2", &r2),
+                git.changes_between(0, 1LL << 40, "", 10, &changes);
             git.history("r1", &history);
             return json{{"sizes", {r1[0].path, r1[0].size, r2.size()}},
                         {"search", search_files(git, {"r2", "r1"}, "needle")},

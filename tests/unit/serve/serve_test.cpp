@@ -296,7 +296,8 @@ TEST(serve, metrics_escape_label_values_and_say_overdue) {
     s.set_hosts({host("a\"b\\c")}, {});
     c.mono += 121, c.wall += 121;
     std::string text = metrics_text(s, health_figures{}, false);
-    for (const char* line : {"\nkelputil_host_up{host=\"a\\\"b\\\\c\"} 0\n", "\nkelputil_backup_overdue{host=\"a\\\"b\\\\c\"} 1\n",
+    for (const char* line : {"\nkelputil_host_up{host=\"a\\\"b\\\\c\"} 0\n",
+                             "\nkelputil_backup_overdue{host=\"a\\\"b\\\\c\"} 1\n",
                              "\nkelputil_hosts 1\n", "\nkelputil_backup_interval_seconds 60\n"})
         EXPECT_NE(text.find(line), std::string::npos) << line << text;
     EXPECT_EQ(text.find("kelputil_push"), std::string::npos);
