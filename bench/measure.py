@@ -330,7 +330,8 @@ def table(args):
                      get("serve", "lag_s"), interval, "the interval", "pct", ("<=", 0.10)))
         rows.append(("  its peak RSS, KiB", get("serve", "rss_kib"), 64 * 1024, "64 MiB", "x", ("<=", 1.0)))
         rows.append(("  its CPU per backup in a later interval without API reads, ms",
-                     get("serve", "cpu_ms_per_backup"), get("fleet_run", "cpu_ms_per_backup"), "kelputil in the fleet run", "x", ("<=", 1.5)))
+                     get("serve", "cpu_ms_per_backup"), get("fleet_run", "cpu_ms_per_backup"),
+                     "kelputil in the fleet run", "x", ("<=", 1.5)))
         rows.append(("  the same in the first interval (first commits, model and firmware), ms",
                      get("serve", "cpu_ms_first_interval"), get("fleet_run", "cpu_ms_per_backup"),
                      "kelputil in the fleet run", "x", None))
@@ -382,10 +383,11 @@ def table(args):
                 held = sum(1 for p in pairs if (p >= goal[1] if goal[0] == ">=" else p <= goal[1]))
                 gtext += " (%d of %d pairs)" % (held, len(pairs))
             if style == "pct" and goal[1] < 0.1:
-                rtext, gtext = "%.1f%%" % (ratio * 100), gtext.replace("%.0f%%" % (goal[1] * 100), "%g%%" % (goal[1] * 100))
+                rtext, gtext = ("%.1f%%" % (ratio * 100),
+                                gtext.replace("%.0f%%" % (goal[1] * 100), "%g%%" % (goal[1] * 100)))
         btext = "" if base is None else "%s (%s)" % (fmt(base), base_name)
-        lines.append("| %s | %s | %s | %s | %s |" % (label.strip() if not label.startswith("  ") else "↳ " + label.strip(),
-                                                    fmt(ours), btext, rtext, gtext))
+        lines.append("| %s | %s | %s | %s | %s |" % (
+            label.strip() if not label.startswith("  ") else "↳ " + label.strip(), fmt(ours), btext, rtext, gtext))
         out.append({"figure": label.strip(), "ours": ours, "baseline": base, "baseline_tool": base_name,
                     "ratio": ratio, "pair_ratios": pairs, "goal_met": met})
     notes = sorted({"%s: %s" % (r["fig"], r["top"]) for r in recs if "top" in r})

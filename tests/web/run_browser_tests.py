@@ -29,7 +29,8 @@ def until(what, check, timeout=30):
 
 def add_lines(address, lines):
     """As an operator would: the router's fw script with lines added."""
-    run = lambda *a, **kw: subprocess.run([ARGS.kelputil, '-q', '-H', address, *a], check=True, timeout=30, **kw)  # noqa: E731
+    run = lambda *a, **kw: subprocess.run(  # noqa: E731
+        [ARGS.kelputil, '-q', '-H', address, *a], check=True, timeout=30, **kw)
     text = run('get-script', 'fw', capture_output=True, text=True).stdout
     with open(os.path.join(WORK, 'fw.scr'), 'w') as f:
         f.write(text + ''.join(line + '\n' for line in lines))
@@ -54,8 +55,10 @@ class Service:
         self.url = f'http://127.0.0.1:{port}/'
         self.hosts_url = self.url + 'api/v1/hosts'
         with open(os.path.join(WORK, f'serve{port}.log'), 'a') as log:
-            self.proc = subprocess.Popen([ARGS.kelputil, 'serve', '-i', inventory, '--into', os.path.join(WORK, f'bk{port}'),
-                                          '--interval', interval, '--timeout', '2', '--token-file', os.path.join(WORK, 'token'),
+            self.proc = subprocess.Popen([ARGS.kelputil, 'serve', '-i', inventory,
+                                          '--into', os.path.join(WORK, f'bk{port}'),
+                                          '--interval', interval, '--timeout', '2',
+                                          '--token-file', os.path.join(WORK, 'token'),
                                           '--listen', f'127.0.0.1:{port}'], stderr=log)
         until('the API', lambda: get(self.hosts_url)[0] == 200)
 
@@ -83,7 +86,8 @@ def setUpModule():
     SERVE.close()
     add_lines('198.18.0.6', [SEARCHED])  # router5
     SERVE = Service(os.environ['KELP_INVENTORY'], 8760, '1h')
-    until('nothing due', lambda: all(h['next_due'] > time.time() + 150 for h in SERVE.hosts() if h['name'] != 'router7'))
+    until('nothing due',
+          lambda: all(h['next_due'] > time.time() + 150 for h in SERVE.hosts() if h['name'] != 'router7'))
     assert get(SERVE.url + 'api/v1/hosts/router5/backup?wait=1', method='POST')[0] == 200
 
 
@@ -125,7 +129,8 @@ class Page(unittest.TestCase):
                 ('router20', '198.18.0.21', 'state state-ok', '')]:
             with self.subTest(host=host):
                 r = by_name[host]
-                self.assertEqual((r[1], r[2], r[7], r[5] != '0', r[6]), (address, state.split('-')[-1], state, bool(error), error))
+                self.assertEqual((r[1], r[2], r[7], r[5] != '0', r[6]),
+                                 (address, state.split('-')[-1], state, bool(error), error))
         self.assertEqual(by_name['router7'][3:5], ['never', 'never'])
         # router7 has never been backed up, but the service started minutes ago: not overdue.
         self.assertEqual(self.b.texts('.counts li'),
@@ -168,7 +173,8 @@ class Page(unittest.TestCase):
         newest, first = self.b.wait('the history', lambda: self.b.js(
             "return [...document.querySelectorAll(arguments[0])].map(a => a.getAttribute('href'))",
             f'main {HISTORY} a'))
-        self.assertEqual(first, '#/hosts/router5/diff?to=' + re.match(r'#/hosts/router5/diff\?from=(\w+)&to=\w+$', newest)[1])
+        self.assertEqual(first, '#/hosts/router5/diff?to='
+                         + re.match(r'#/hosts/router5/diff\?from=(\w+)&to=\w+$', newest)[1])
 
     def test_back_up_now_shows_the_changed_line_in_the_diff(self):
         add_lines('198.18.0.5', ['iptables -A INPUT -s 198.18.4.77 -j ACCEPT'])  # router4
@@ -252,8 +258,9 @@ class Page(unittest.TestCase):
         self.open('#/search')
         self.b.find('#search-text').send_keys('-s 198.18.5.4' + Keys.ENTER)
         self.b.wait('a result', lambda: self.b.texts('main tbody tr'))
-        self.assertEqual(self.b.js("""return [...document.querySelectorAll('main tbody td')].map(c => c.textContent)"""),
-                         ['router5', FW, '5', SEARCHED])
+        self.assertEqual(
+            self.b.js("""return [...document.querySelectorAll('main tbody td')].map(c => c.textContent)"""),
+            ['router5', FW, '5', SEARCHED])
         self.assertEqual(self.b.texts('main mark'), ['-s 198.18.5.4'])
         self.b.find(f'main a[aria-label="router5 {FW} line 5"]').send_keys(Keys.ENTER)
         self.b.find('main li.target')
@@ -307,11 +314,13 @@ class Page(unittest.TestCase):
                 text = self.b.wait('the texts', lambda: all(w in self.b.js(
                     "return document.querySelector('main').textContent") for w in wanted))
                 self.assertTrue(text)
-                self.assertEqual(self.b.js("""return [window.__pwned ?? null, document.querySelectorAll('main img, main script').length,
+                self.assertEqual(self.b.js(
+                    """return [window.__pwned ?? null, document.querySelectorAll('main img, main script').length,
                     performance.getEntriesByType('resource').filter(r => /\/x$/.test(r.name)).length]"""), [None, 0, 0])
         self.assertEqual(self.b.errors(), [])
         # The service's policy itself: a script element slipped into the page is not run.
-        self.b.js("const s = document.createElement('script'); s.textContent = 'window.__pwned = 3'; document.body.append(s)")
+        self.b.js("const s = document.createElement('script'); s.textContent = 'window.__pwned = 3'; "
+                  "document.body.append(s)")
         self.assertIsNone(self.b.js('return window.__pwned ?? null'))
         self.assertTrue(any('Content Security Policy' in e for e in self.b.errors()))
 
@@ -363,17 +372,20 @@ class Scale(unittest.TestCase):
         # where no router answers: pending, one tried and failed.
         inventory = os.path.join(WORK, 'thousand.ini')
         with open(inventory, 'w') as f:
-            f.write('[routers]\n' + ''.join(f'host{k} ansible_host=198.18.{4 + k // 250}.{1 + k % 250}\n' for k in range(1000)))
+            f.write('[routers]\n' + ''.join(f'host{k} ansible_host=198.18.{4 + k // 250}.{1 + k % 250}\n'
+                                            for k in range(1000)))
         service, b = Service(inventory, 8761, '1h'), browser.Browser()
         try:
             b.driver.get(service.url)
             b.js("sessionStorage.setItem('kelputil.token', arguments[0])", TOKEN)
             b.driver.get('about:blank')
             b.driver.get(service.url + '#/')
-            b.wait('1000 hosts', lambda: b.js("return document.querySelectorAll('table.fleet tbody tr').length") == 1000)
+            b.wait('1000 hosts',
+                   lambda: b.js("return document.querySelectorAll('table.fleet tbody tr').length") == 1000)
             shown = b.wait('the mark', lambda: b.js(
                 "return performance.getEntriesByName('kelputil:fleet')[0]?.startTime"))
-            size = b.js("""return performance.getEntriesByType('navigation').concat(performance.getEntriesByType('resource'))
+            size = b.js(
+                """return performance.getEntriesByType('navigation').concat(performance.getEntriesByType('resource'))
                 .filter(r => !r.name.includes('/api/')).reduce((n, r) => n + r.decodedBodySize, 0)""")
             print(f'\n1000 hosts shown {shown:.0f} ms after navigation; page files {size} bytes', file=sys.stderr)
             self.assertLess(shown, 1000)
