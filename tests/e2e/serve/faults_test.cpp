@@ -73,7 +73,7 @@ TEST_F(serve_faults, kill_9_lost_and_damaged_state) {
              until_json(api + "/hosts", "[.hosts[].state] == [\"ok\",\"ok\",\"ok\"]") + git_and_api + stop +
              "git -C bk log --format=%h --abbrev=10 | while read c; do grep -q \" $c\\$\" hooks || "
              "echo \"no hook: $c\"; done; git -C bk log --oneline | wc -l | awk '$1 >= 3 {print \"commits\"}'; "
-             "git -C bk status --porcelain; git -C bk fsck && echo fsck clean",
+             "git -C bk status --porcelain; git -C bk fsck --no-dangling && echo fsck clean",
          0, {"3 agree", "commits\nfsck clean", "!no hook"}},
         {"rm bk/.kelputil-serve.db*; " + serve(hook) + git_and_api + "grep -c 'taken from the backups' log; " + stop,
          0, {"3 agree\n1\n"}},
@@ -141,7 +141,7 @@ TEST_F(serve_faults, full_disk) {
              until_json(health, ".status == \"failing\"") + "curl -s " + health + " | jq -r .error; "
              "curl -s http://127.0.0.1:8750/metrics | grep '^kelputil_repository_writable'; rm bk/filler; " +
              until_json(health, ".status == \"ok\"") + "curl -s " + health + " | jq -r .status; " + stop +
-             "git -C bk status --porcelain; git -C bk fsck && echo fsck clean; "
+             "git -C bk status --porcelain; git -C bk fsck --no-dangling && echo fsck clean; "
              "umount bk; [ -e paged ] || echo nobody paged",
          0, {"cannot write the backups in bk: ", "kelputil_repository_writable 0\nok\nfsck clean",
              "nobody paged"}},
