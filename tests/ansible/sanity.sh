@@ -20,8 +20,10 @@ ansible-test sanity --color no --python "$($python -c 'import sys; print("%d.%d"
 
 export ANSIBLE_COLLECTIONS_PATH=$work
 validate=$(dirname "$($python -c 'import ansible_test; print(ansible_test.__file__)')")/_util/controller/sanity/validate-modules
+# --arg: validate-modules also imports each module and checks the arguments it
+# takes against its documentation.
 for type in modules connection inventory; do
-  args=(--format json --arg-spec --collection ansible_collections/kelp/router --collection-version 1.0.0)
+  args=(--format json --arg --collection ansible_collections/kelp/router --collection-version 1.0.0)
   [[ $type == modules ]] || args+=(--plugin-type "$type")
   PYTHONPATH=$validate $python "$validate/validate.py" "${args[@]}" plugins/$type/*.py >"$work/validate.json" || true
   $python - "$work/validate.json" tests/sanity/ignore-2.14.txt <<'PY'
