@@ -11,15 +11,15 @@ namespace {
 
 constexpr long long port_min = 1, port_max = 65535;
 
-CLI::Validator checked_by(std::string (*problem)(const std::string&)) {
-    return CLI::Validator([problem](std::string& text) { return problem(text); }, "");
-}
-
 std::string port_problem(const std::string& text) { return whole_number_problem(text, port_min, port_max, "port"); }
 
 std::string timeout_problem(const std::string& text) { return duration_problem(text, timeout_min_ms, timeout_max_ms); }
 
 }  // namespace
+
+CLI::Validator checked_by(std::function<std::string(const std::string&)> problem) {
+    return CLI::Validator([problem](std::string& text) { return problem(text); }, "");
+}
 
 void add_connection_options(CLI::App& app, connection_options& conn, connection_words& words, bool single_device) {
     if (single_device) {

@@ -4,13 +4,19 @@
 // in both.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "connection.h"
 
 namespace CLI {
 class App;
-}
+class Validator;
+}  // namespace CLI
+
+// A validator from a rule that says what is wrong with a value as typed
+// ("" when nothing is), so that every program refuses it in the same words.
+CLI::Validator checked_by(std::function<std::string(const std::string&)> problem);
 
 // What needs checking before it becomes a number, as typed.
 struct connection_words {

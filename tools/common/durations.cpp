@@ -22,6 +22,13 @@ long long parse_number_with_suffix(const std::string& text, const std::map<std::
     return (long long)llround(scaled);
 }
 
+// 4096 -> "4K", as sizes are typed.
+std::string typed_size(long long bytes) {
+    if (bytes % (1 << 20) == 0) return std::to_string(bytes >> 20) + "M";
+    if (bytes % 1024 == 0) return std::to_string(bytes >> 10) + "K";
+    return std::to_string(bytes);
+}
+
 }  // namespace
 
 long long parse_duration_ms(const std::string& text) {
@@ -47,6 +54,13 @@ std::string whole_number_problem(const std::string& text, long long min, long lo
     std::string range = std::to_string(min) + " to " + std::to_string(max);
     if (n < 0 || errno || *end) return "'" + text + "' is not a " + what + " (a whole number " + range + ")";
     if (n < min || n > max) return "'" + text + "' is out of range: " + range;
+    return "";
+}
+
+std::string size_problem(const std::string& text, long long min, long long max) {
+    long long n = parse_size(text);
+    if (n < 0) return "'" + text + "' is not a size (e.g. 65536, 64K, 1M)";
+    if (n < min || n > max) return "'" + text + "' is out of range: " + typed_size(min) + " to " + typed_size(max);
     return "";
 }
 

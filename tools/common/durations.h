@@ -17,6 +17,8 @@ std::string size_text(long long bytes);
 constexpr long long timeout_min_ms = 100, timeout_max_ms = 3600 * 1000;
 // "" when text is a duration from min_ms to max_ms; else what is wrong.
 std::string duration_problem(const std::string& text, long long min_ms, long long max_ms);
+// "" when text is a size from min to max bytes; else what is wrong.
+std::string size_problem(const std::string& text, long long min, long long max);
 // "" when text is a whole number from min to max; else what is wrong, what
 // naming the number ("port").
 std::string whole_number_problem(const std::string& text, long long min, long long max, const char* what);

@@ -22,30 +22,15 @@
 namespace {
 
 CLI::Validator duration(long long min_ms, long long max_ms) {
-    return CLI::Validator([=](std::string& text) { return duration_problem(text, min_ms, max_ms); }, "");
+    return checked_by([=](const std::string& text) { return duration_problem(text, min_ms, max_ms); });
 }
 
 CLI::Validator whole_number(long long min, long long max, const char* what) {
-    return CLI::Validator([=](std::string& text) { return whole_number_problem(text, min, max, what); }, "");
-}
-
-// 4096 -> "4K", as sizes are written.
-std::string size_text(long long bytes) {
-    if (bytes % (1 << 20) == 0) return std::to_string(bytes >> 20) + "M";
-    if (bytes % 1024 == 0) return std::to_string(bytes >> 10) + "K";
-    return std::to_string(bytes);
+    return checked_by([=](const std::string& text) { return whole_number_problem(text, min, max, what); });
 }
 
 CLI::Validator size_range(long long min, long long max) {
-    return CLI::Validator(
-        [=](std::string& text) -> std::string {
-            long long n = parse_size(text);
-            if (n < 0) return "'" + text + "' is not a size (e.g. 65536, 64K, 1M)";
-            if (n < min || n > max)
-                return "'" + text + "' is out of range: " + size_text(min) + " to " + size_text(max);
-            return "";
-        },
-        "");
+    return checked_by([=](const std::string& text) { return size_problem(text, min, max); });
 }
 
 struct command_line {

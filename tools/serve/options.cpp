@@ -47,8 +47,9 @@ void add_serve_options(serve_line& s) {
     s.app.add_option("--listen", s.listen, "the HTTP API's address (default 127.0.0.1:8750)")->type_name("ADDR:PORT");
     s.app.add_option("--interval", s.interval, "back up each host this often (default 1h)")->type_name("DURATION");
     s.app.add_option("-j,--jobs", o.jobs, "hosts at a time (default " + std::to_string(o.jobs) + ")")
-        ->check(CLI::Validator(
-            [](std::string& text) { return whole_number_problem(text, 1, fleet_options::max_jobs, "job count"); }, ""))
+        ->check(checked_by([](const std::string& text) {
+            return whole_number_problem(text, 1, fleet_options::max_jobs, "job count");
+        }))
         ->type_name("N");
     s.app.add_option("--limit", o.limit, "hosts and groups to serve")->type_name("PATTERN");
     s.app.add_option("--token-file", s.token_file, "the API's bearer token (mode 600)")->type_name("FILE");
